@@ -8,8 +8,11 @@ namespace Vorn {
 
 char const * moduleOfPath(char const * file, char * buffer, unsigned bufferSize) {
   if (!file || bufferSize == 0) return "";
-  char const * start = std::strstr(file, "intfsm/");
-  start = start ? start + std::strlen("intfsm/") : file;
+  // The last "intfsm/" of the path: the checkout itself may sit in a directory of that name.
+  char const * start = file;
+  for (char const * at = std::strstr(file, "intfsm/"); at; at = std::strstr(at + 1, "intfsm/")) {
+    if (at == file || at[-1] == '/') start = at + std::strlen("intfsm/");
+  }
   char const * end = std::strrchr(start, '/');
   if (!end) end = start;
   unsigned n = static_cast<unsigned>(end - start);

@@ -126,7 +126,7 @@ class Collection {
     uint64_t rev = hashOf(key);
     if (Node * n = lookup(key, rev)) {
       if (n->value == value) return false;
-      V old = std::exchange(n->value, value);  // the old value may die now and reach back into us
+      [[maybe_unused]] V old = std::exchange(n->value, value);  // the old value may die now and reach back into us
       return true;
     }
     insert(new Node(key, value, rev));
@@ -137,7 +137,7 @@ class Collection {
   bool del(K const & key) {
     Node * n = lookup(key, hashOf(key));
     if (!n) return false;
-    V old = std::move(n->value);
+    [[maybe_unused]] V old = std::move(n->value);
     n->value = V();
     n->dead = true;
     --size_;

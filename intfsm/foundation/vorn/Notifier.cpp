@@ -72,8 +72,7 @@ void Notifier::detach(BaseNotifiee * notifiee) const {
   }
 }
 
-void Notifier::dispatchEnded() const {
-  if (--dispatchDepth_ || !holes_) return;
+void Notifier::compact() const {
   notifiees_.erase(std::remove(notifiees_.begin(), notifiees_.end(), nullptr), notifiees_.end());
   holes_ = false;
 }

@@ -204,7 +204,10 @@ class Notifier : public PtrInterface {
 
   void attach(BaseNotifiee * notifiee) const;
   void detach(BaseNotifiee * notifiee) const;
-  void dispatchEnded() const;
+  void dispatchEnded() const {
+    if (--dispatchDepth_ == 0 && holes_) compact();
+  }
+  void compact() const;
 
   mutable std::vector<BaseNotifiee *> notifiees_;
   mutable uint32_t dispatchDepth_ = 0;
