@@ -1,0 +1,42 @@
+#include "intfsm/foundation/kernel/KernelNetNsInfo.h"
+
+namespace KernelNetNsInfo {
+
+void Root::netNsIs(uint32_t number, Ovel::NamespaceName const & name) {
+  if (netNs_.set(number, name)) notify(&NotifieeConst::onNetNs, number);
+}
+
+void Root::netNsDel(uint32_t number) {
+  if (netNs_.del(number)) notify(&NotifieeConst::onNetNs, number);
+}
+
+void Root::netNsByNameIs(Ovel::NamespaceName const & name, uint32_t number) {
+  if (netNsByName_.set(name, number)) notify(&NotifieeConst::onNetNsByName, name);
+}
+
+void Root::netNsByNameDel(Ovel::NamespaceName const & name) {
+  Ovel::NamespaceName key = name;
+  if (netNsByName_.del(key)) notify(&NotifieeConst::onNetNsByName, key);
+}
+
+void Root::namespaceIs(Ovel::NamespaceName const & name, uint32_t number) {
+  // A name now bound to another namespace (deleted and re-created between two looks) drops the old number.
+  if (uint32_t const * old = netNsByName_.find(name); old && *old != number) netNsDel(*old);
+  netNsIs(number, name);
+  netNsByNameIs(name, number);
+}
+
+void Root::namespaceDel(Ovel::NamespaceName const & name) {
+  if (uint32_t const * number = netNsByName_.find(name)) {
+    uint32_t n = *number;
+    netNsDel(n);
+  }
+  netNsByNameDel(name);
+}
+
+void Root::namespaceDelAll() {
+  while (Ovel::NamespaceName const * key = netNsByName_.anyKey()) namespaceDel(Ovel::NamespaceName(*key));
+  while (uint32_t const * key = netNs_.anyKey()) netNsDel(*key);
+}
+
+}  // namespace KernelNetNsInfo
