@@ -68,7 +68,8 @@ bool TraceCapture::contains(std::string_view text) const { return count(text) > 
 
 size_t TraceCapture::count(std::string_view text) const {
   std::lock_guard lock(mutex_);
-  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) { return l.text == text; }));
+  return static_cast<size_t>(
+      std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) { return l.text == text; }));
 }
 
 size_t TraceCapture::countContaining(std::string_view fragment) const {

@@ -21,7 +21,7 @@
 // Output goes to stderr, or appended to the file named by BRISKLOG_FILE or `outputFileIs`, one line per
 // trace (`lineText`):
 //
-//   2026-11-21T23:20:52.123456Z KernelOperState/8 IntfStatusOperStatusSm.cpp:120 doSyncIntfStatus: doSyncIntfStatus( et1 )
+//   2026-11-21T23:20:52.123456Z KernelOperState/5 OperStateSm.cpp:88 doSyncIntfStatus: state up
 //
 // Handles, levels and the sink may be used from several threads; a sink is called under a lock, one
 // line at a time, and must not trace itself.

@@ -203,7 +203,8 @@ TEST_F(BrisklogTest, LineTextIsUtcTimeModuleLevelPlaceFunctionAndText) {
   line.file = "Plain.cpp";
   line.level = 0;
   line.text = "two\nlines";
-  EXPECT_EQ(Brisklog::lineText(line), "2023-11-14T22:13:21.000000Z KernelOperState/0 Plain.cpp:120 doSyncIntfStatus: two\\nlines\n");
+  EXPECT_EQ(Brisklog::lineText(line),
+            "2023-11-14T22:13:21.000000Z KernelOperState/0 Plain.cpp:120 doSyncIntfStatus: two\\nlines\n");
 }
 
 TEST_F(BrisklogTest, DefaultSinkAppendsOneLinePerTraceToTheOutputFile) {
