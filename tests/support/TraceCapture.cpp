@@ -1,0 +1,101 @@
+#include "tests/support/TraceCapture.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+#include <sstream>
+
+TraceCapture::TraceCapture() : savedSettings_(Brisklog::settings()), savedSink_(Brisklog::sink()) {
+  Brisklog::sinkIs(this);
+}
+
+TraceCapture::TraceCapture(char const * module) : TraceCapture() { enable(module); }
+
+TraceCapture::TraceCapture(std::initializer_list<char const *> modules) : TraceCapture() {
+  for (char const * module : modules) enable(module);
+}
+
+TraceCapture::TraceCapture(std::initializer_list<ModuleLevels> modules) : TraceCapture() {
+  for (ModuleLevels const & m : modules) enable(m.module, m.mask);
+}
+
+TraceCapture::~TraceCapture() {
+  Brisklog::sinkIs(savedSink_);
+  Brisklog::settingsIs(savedSettings_);
+}
+
+void TraceCapture::enable(char const * module, uint16_t mask) { Brisklog::levelsIs(module, mask); }
+
+void TraceCapture::lineIs(Brisklog::Line const & line) {
+  char const * file = line.file ? line.file : "";
+  if (char const * slash = std::strrchr(file, '/')) file = slash + 1;
+  std::lock_guard lock(mutex_);
+  lines_.push_back(Line{line.module ? line.module : "", line.level, std::string(line.text),
+                        line.function ? line.function : "", file, line.line});
+}
+
+std::vector<TraceCapture::Line> TraceCapture::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::vector<std::string> TraceCapture::texts() const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> result;
+  for (Line const & l : lines_) result.push_back(l.text);
+  return result;
+}
+
+std::vector<std::string> TraceCapture::texts(std::string_view module) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> result;
+  for (Line const & l : lines_) {
+    if (l.module == module) result.push_back(l.text);
+  }
+  return result;
+}
+
+std::vector<std::string> TraceCapture::texts(std::string_view module, unsigned level) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> result;
+  for (Line const & l : lines_) {
+    if (l.module == module && l.level == level) result.push_back(l.text);
+  }
+  return result;
+}
+
+bool TraceCapture::contains(std::string_view text) const { return count(text) > 0; }
+
+size_t TraceCapture::count(std::string_view text) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<size_t>(
+      std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) { return l.text == text; }));
+}
+
+size_t TraceCapture::countContaining(std::string_view fragment) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) {
+    return l.text.find(fragment) != std::string::npos;
+  }));
+}
+
+size_t TraceCapture::size() const {
+  std::lock_guard lock(mutex_);
+  return lines_.size();
+}
+
+void TraceCapture::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+std::string TraceCapture::dump() const {
+  std::lock_guard lock(mutex_);
+  std::ostringstream out;
+  for (Line const & l : lines_) out << l << '\n';
+  return out.str();
+}
+
+std::ostream & operator<<(std::ostream & os, TraceCapture::Line const & line) {
+  return os << line.module << '/' << line.level << ' ' << line.function << ": " << line.text;
+}
