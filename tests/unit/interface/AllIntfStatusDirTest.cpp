@@ -5,7 +5,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "intfsm/foundation/interface/AllIntfStatusLocalDir.h"
 #include "intfsm/foundation/vorn/Exception.h"
@@ -136,16 +135,6 @@ TEST_F(AllIntfStatusDirTest, DeleteAllNotifiesEachKeyOnceEvenWhenHandlersDeleteT
   EXPECT_EQ(dir->intfStatuss(), 0u);
   dir->intfStatusDelAll();
   EXPECT_THAT(log.take(), IsEmpty());
-}
-
-TEST_F(AllIntfStatusDirTest, IterationYieldsEachEntryUnderItsOwnId) {
-  for (char const * id : {"Ethernet1", "Port-Channel10", "Vlan100"}) dir->intfStatusIs(status(id));
-  std::vector<std::string> seen;
-  for (auto const & e : dir->intfStatusIter()) {
-    EXPECT_EQ(e.key, e.value->intfId());
-    seen.push_back(e.key.charPtr());
-  }
-  EXPECT_THAT(seen, UnorderedElementsAre("Ethernet1", "Port-Channel10", "Vlan100"));
 }
 
 struct LocalDirWatcher : AllIntfStatusLocalDir::NotifieeConst {

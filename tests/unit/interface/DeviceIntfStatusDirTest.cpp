@@ -163,19 +163,4 @@ TEST_F(DeviceIntfStatusDirTest, BindingDeliversBothWholeCollectionCalls) {
               ElementsAre("onIntfStatusAndDeviceNamevornImmediate(1)", "onIntfStatusByIfIndexvornImmediate(0)"));
 }
 
-TEST_F(DeviceIntfStatusDirTest, IterationOverBothCollections) {
-  dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), {et1, "et1", 7});
-  dir->intfStatusByIfIndexIs(7, {et1, "et1", 7});
-  dir->intfStatusByIfIndexIs(3, {nullptr, "ma1", 3});
-  std::vector<std::string> seen;
-  for (auto const & e : dir->intfStatusAndDeviceNameIter()) {
-    seen.push_back(std::string(e.key.charPtr()) + "=" + printed(e.value));
-  }
-  for (auto const & e : dir->intfStatusByIfIndexIter()) {
-    seen.push_back(std::to_string(e.key) + "=" + e.value.deviceName.stdString());
-  }
-  EXPECT_THAT(seen, UnorderedElementsAre("Ethernet1={ intfStatus: Ethernet1, deviceName: et1, ifIndex: 7 }", "7=et1",
-                                         "3=ma1"));
-}
-
 }  // namespace
