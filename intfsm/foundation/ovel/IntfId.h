@@ -8,8 +8,9 @@
 // Which texts convert: 1 to 64 bytes, every byte printable ASCII other than space (0x21 to 0x7e).
 // Rejected are the empty text, whitespace, control characters (including DEL), any byte of 0x80 or
 // above, and names longer than 64 bytes. Case matters: "cpu" and "Cpu" are different ids.
-// The kernel allows a few device names that this rule refuses (non-ASCII ones); the receive path counts
-// frames from such devices as coming from an unknown interface, which is what a failed conversion means.
+// The kernel accepts some device names that this rule refuses (control characters, non-ASCII bytes);
+// the receive path counts frames from such devices as coming from an unknown interface, which is what a
+// failed conversion means there.
 //
 // The default-constructed id is the empty id: it names no interface and is what "no id" looks like.
 #pragma once

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <sstream>
 #include <string>
 
-#include "intfsm/foundation/vorn/Collection.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ThrownText.h"
 
@@ -95,20 +93,6 @@ TEST(IntfId, EqualityHashOrderAndPrinting) {
   std::ostringstream os;
   os << IntfId("Ethernet3/1") << '|' << IntfId();
   EXPECT_EQ(os.str(), "Ethernet3/1|");
-}
-
-TEST(IntfId, KeysCollectionsAndOrderedMaps) {
-  Vorn::Collection<IntfId, Vorn::String> byId;
-  for (int i = 1; i <= 100; ++i) {
-    std::string const name = "Ethernet" + std::to_string(i);
-    byId.set(IntfId(Vorn::String(name)), Vorn::String("et" + std::to_string(i)));
-  }
-  EXPECT_EQ(byId.size(), 100u);
-  EXPECT_EQ(byId.get(IntfId("Ethernet57")), "et57");
-  EXPECT_TRUE(byId.get(IntfId("Ethernet101")).empty());
-
-  std::map<IntfId, int> ordered{{IntfId("b"), 2}, {IntfId("a"), 1}};
-  EXPECT_EQ(ordered.begin()->first, IntfId("a"));
 }
 
 }  // namespace

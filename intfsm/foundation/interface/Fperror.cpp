@@ -1,0 +1,9 @@
+#include "intfsm/foundation/interface/Fperror.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+void fperror(char const * what) {
+  std::perror(what);
+  std::exit(1);
+}

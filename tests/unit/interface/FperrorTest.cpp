@@ -1,0 +1,24 @@
+#include "intfsm/foundation/interface/Fperror.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace {
+
+TEST(FperrorDeathTest, PrintsTheSystemErrorAndExitsWithStatusOne) {
+  EXPECT_EXIT(
+      {
+        errno = EMFILE;
+        fperror("socket");
+      },
+      testing::ExitedWithCode(1), "^socket: Too many open files\n$");
+  EXPECT_EXIT(
+      {
+        errno = EADDRINUSE;
+        fperror("bind");
+      },
+      testing::ExitedWithCode(1), "^bind: Address already in use\n$");
+}
+
+}  // namespace
