@@ -46,6 +46,7 @@ class String {
   }
   bool operator==(char const * o) const noexcept { return view() == std::string_view(o ? o : ""); }
   bool operator==(std::string_view o) const noexcept { return view() == o; }
+  bool operator==(std::string const & o) const noexcept { return view() == o; }
   std::strong_ordering operator<=>(String const & o) const noexcept { return view() <=> o.view(); }
 
   String operator+(String const & o) const;
