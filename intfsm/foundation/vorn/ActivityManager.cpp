@@ -79,9 +79,11 @@ bool ActivityManager::runOnce(double timeoutSeconds) {
   bool ran = false;
 
   // Deferred calls: only those waiting when the pass began, whichever activity queues during it.
-  std::vector<Ptr<Activity>> const activities = activities_;
-  for (auto const & a : activities) a->passBegin();
-  for (auto const & a : activities) ran |= a->passRun() > 0;
+  // Activities are never removed; one created by a handler starts with the next pass. Indexed, as
+  // a handler may grow the vector.
+  size_t const activities = activities_.size();
+  for (size_t i = 0; i < activities; ++i) activities_[i]->passBegin();
+  for (size_t i = 0; i < activities; ++i) ran |= activities_[i]->passRun() > 0;
 
   int const ready = epoll_wait(epoll_, events_.get(), maxEvents, waitMilliseconds(timeoutSeconds));
   if (ready < 0 && errno != EINTR) {
