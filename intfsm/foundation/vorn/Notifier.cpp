@@ -14,6 +14,7 @@ BaseNotifiee::~BaseNotifiee() {
 void BaseNotifiee::notifierBaseIs(Ptr<Notifier const> const & notifier) {
   if (notifier_ == notifier) return;
   if (attached_) notifier_->detach(this);
+  if (queue_) queue_->notifieeDel(this);  // calls waiting from the old notifier are not about the new one
   notifier_ = notifier;
   if (notifier_ && registered_) {
     notifier_->attach(this);
@@ -44,6 +45,7 @@ Notifier::~Notifier() {
   for (BaseNotifiee * n : notifiees_) {
     if (!n) continue;
     n->attached_ = false;
+    if (n->queue_) n->queue_->notifieeDel(n);  // their calls would reach a dead notifier
     // The notifiee's reference to us is what is being torn down; forget it without counting.
     n->notifier_.release();
   }
