@@ -88,7 +88,10 @@ std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() co
   return result;
 }
 
-void FakePlatform::failNext(Kind kind, int error, unsigned times) { failures_[kind] = Failure{error, times, false}; }
+void FakePlatform::failNext(Kind kind, int error, unsigned times) {
+  if (times == 0) return;
+  failures_[kind] = Failure{error, times, false};
+}
 
 void FakePlatform::failAlways(Kind kind, int error) { failures_[kind] = Failure{error, 0, true}; }
 

@@ -70,7 +70,7 @@ void unregisterName(std::string const & name) {
   }
 }
 
-int const fatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGTERM};
+int const fatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGTERM, SIGINT, SIGHUP, SIGQUIT};
 struct sigaction previousActions[sizeof fatalSignals / sizeof fatalSignals[0]];
 
 void onFatalSignal(int signal) {
@@ -248,9 +248,10 @@ std::optional<LinkState> NetNsFixture::link(std::string const & ns, std::string 
     ::close(sd);
     throw std::runtime_error(std::string("RTM_GETLINK send: ") + std::strerror(e));
   }
-  alignas(nlmsghdr) static char reply[65536];
+  std::vector<nlmsghdr> replyBuffer(65536 / sizeof(nlmsghdr));  // aligned for the headers
+  auto * reply = reinterpret_cast<char *>(replyBuffer.data());
   ssize_t n;
-  do n = ::recv(sd, reply, sizeof reply, 0);
+  do n = ::recv(sd, reply, replyBuffer.size() * sizeof(nlmsghdr), 0);
   while (n < 0 && errno == EINTR);
   int const e = errno;
   ::close(sd);

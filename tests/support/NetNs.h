@@ -9,9 +9,11 @@
 //   }
 //
 // A NetNsFixture deletes the namespaces it made when it is destroyed (also when a test fails or
-// throws). The namespaces are also registered process-wide: an exit handler and a handler of SIGABRT,
-// SIGSEGV, SIGBUS and SIGTERM delete whatever is still registered when the process that made them
-// ends early. And each fixture first deletes leftovers with the prefix whose process no longer runs.
+// throws). The namespaces are also registered process-wide: an exit handler and a handler of the
+// fatal and terminating signals (SIGABRT, SIGSEGV, SIGBUS, SIGTERM, SIGINT, SIGHUP, SIGQUIT) delete
+// whatever is still registered when the process that made them ends early; the handler then lets
+// the signal take its previous course. Each fixture first deletes leftovers with the prefix whose
+// process no longer runs (SIGKILL leaves them for that sweep).
 // Devices live only inside the fixture's namespaces, so they go with them.
 //
 // Device names: `ip link add a type veth` would read "a" as an abbreviation of "address"; use names
