@@ -1,0 +1,136 @@
+// The oper-state request against the real kernel, on a veth pair inside a namespace of the test.
+#include "intfsm/foundation/interface/NetlinkOperState.h"
+
+#include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "intfsm/foundation/ovel/SocketAt.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/NetNs.h"
+
+namespace {
+
+// A routing netlink socket in `ns`, bound the way its users bind it.
+int netlinkSocketIn(std::string const & ns) {
+  int const sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, ns.c_str());
+  EXPECT_GE(sd, 0) << std::strerror(errno);
+  sockaddr_nl local{};
+  local.nl_family = AF_NETLINK;
+  EXPECT_EQ(::bind(sd, reinterpret_cast<sockaddr *>(&local), sizeof local), 0) << std::strerror(errno);
+  return sd;
+}
+
+class NetlinkOperStateKernel : public IntfsmTest::NetNsTest {
+ protected:
+  // A veth pair va0 / vb0 in a fresh namespace, both ends up and running.
+  void SetUp() override {
+    IntfsmTest::NetNsTest::SetUp();
+    if (IsSkipped()) return;
+    ns = netns().namespaceNew();
+    netns().vethPairNew(ns, "va0", "vb0");
+    netns().linkUp(ns, "va0");
+    netns().linkUp(ns, "vb0");
+    ASSERT_TRUE(netns().waitForOperState(ns, "va0", IF_OPER_UP));
+    descriptors = IntfsmTest::openDescriptorCount();
+    sd = netlinkSocketIn(ns);
+  }
+
+  void TearDown() override {
+    if (sd >= 0) ::close(sd);
+    if (descriptors >= 0) {
+      EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
+    }
+    IntfsmTest::NetNsTest::TearDown();
+  }
+
+  IntfsmTest::LinkState va0() { return netns().link(ns, "va0").value(); }
+
+  std::string ns;
+  int sd = -1;
+  int descriptors = -1;
+};
+
+TEST_F(NetlinkOperStateKernel, DormantThenUp) {
+  EXPECT_NE(va0().flags & IFF_RUNNING, 0u);
+
+  ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT)) << std::strerror(errno);
+  EXPECT_EQ(va0().operState, IF_OPER_DORMANT);
+  EXPECT_EQ(va0().flags & IFF_RUNNING, 0u);
+  EXPECT_EQ(netns().link(ns, "vb0")->operState, IF_OPER_UP);  // only the named device
+
+  ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_UP)) << std::strerror(errno);
+  EXPECT_EQ(va0().operState, IF_OPER_UP);
+  EXPECT_NE(va0().flags & IFF_RUNNING, 0u);
+}
+
+TEST_F(NetlinkOperStateKernel, RepeatedRequestsOnOneSocket) {
+  for (int i = 0; i < 20; ++i) {
+    int const state = i % 2 == 0 ? IF_OPER_DORMANT : IF_OPER_UP;
+    ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, state)) << i << ": " << std::strerror(errno);
+    EXPECT_EQ(va0().operState, state) << i;
+  }
+}
+
+TEST_F(NetlinkOperStateKernel, UnknownDeviceIsRefusedWithEnodev) {
+  errno = 0;
+  EXPECT_FALSE(Interface::doSetNetlinkOperState(sd, "nosuch0", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(errno, ENODEV);
+  // The socket stays usable.
+  EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(va0().operState, IF_OPER_DORMANT);
+}
+
+TEST_F(NetlinkOperStateKernel, DeviceOfAnotherNamespaceIsUnknown) {
+  std::string const other = netns().namespaceNew();
+  netns().vethPairNew(other, "vc0", "vd0");
+  EXPECT_FALSE(Interface::doSetNetlinkOperState(sd, "vc0", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(errno, ENODEV);
+}
+
+TEST_F(NetlinkOperStateKernel, RenamedDeviceIsFoundByItsNewName) {
+  netns().linkDown(ns, "va0");
+  netns().linkRename(ns, "va0", "va1");
+  netns().linkUp(ns, "va1");
+  ASSERT_TRUE(netns().waitForOperState(ns, "va1", IF_OPER_UP));
+  EXPECT_FALSE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(errno, ENODEV);
+  EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va1", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(netns().link(ns, "va1")->operState, IF_OPER_DORMANT);
+}
+
+TEST_F(NetlinkOperStateKernel, AcceptedOnAnAdminDownDeviceButNotApplied) {
+  netns().linkDown(ns, "va0");
+  EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT));
+  EXPECT_EQ(va0().operState, IF_OPER_DOWN);
+  EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_UP));
+  EXPECT_EQ(va0().operState, IF_OPER_DOWN);
+}
+
+TEST_F(NetlinkOperStateKernel, StaleAnswersOnTheSocketDoNotConfuseTheNext) {
+  // Leave the refusal of an unanswered-for request on the socket, with the same sequence number.
+  alignas(nlmsghdr) char request[128] = {};
+  nlmsghdr * nlh = mnl_nlmsg_put_header(request);
+  nlh->nlmsg_type = RTM_SETLINK;
+  nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  nlh->nlmsg_seq = 111;
+  static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)))->ifi_family = AF_UNSPEC;
+  mnl_attr_put_strz(nlh, IFLA_IFNAME, "nosuch0");
+  mnl_attr_put_u8(nlh, IFLA_OPERSTATE, IF_OPER_DORMANT);
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  ASSERT_EQ(::sendto(sd, nlh, nlh->nlmsg_len, 0, reinterpret_cast<sockaddr *>(&kernel), sizeof kernel),
+            static_cast<ssize_t>(nlh->nlmsg_len));
+  nlh->nlmsg_seq = 7;
+  ASSERT_GT(::sendto(sd, nlh, nlh->nlmsg_len, 0, reinterpret_cast<sockaddr *>(&kernel), sizeof kernel), 0);
+
+  EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT)) << std::strerror(errno);
+  EXPECT_EQ(va0().operState, IF_OPER_DORMANT);
+}
+
+}  // namespace

@@ -1,0 +1,390 @@
+#include "tests/support/FakePlatform.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace IntfsmTest {
+
+namespace {
+
+bool failed(int result) { return result < 0; }
+bool failed(long result) { return result < 0; }
+bool failed(bool result) { return !result; }
+bool failed(FILE * result) { return result == nullptr; }
+
+long asLong(int result) { return result; }
+long asLong(long result) { return result; }
+long asLong(bool result) { return result ? 1 : 0; }
+long asLong(FILE * result) { return result == nullptr ? 0 : 1; }
+
+// The kernel's default receive buffer (net.core.rmem_default) as SO_RCVBUF reports it.
+constexpr int defaultRcvBuf = 212992;
+
+FakePlatform::Call callOf(FakePlatform::Kind kind) {
+  FakePlatform::Call call;
+  call.kind = kind;
+  return call;
+}
+
+std::string bytesOf(void const * data, size_t length) {
+  return data == nullptr ? std::string() : std::string(static_cast<char const *>(data), length);
+}
+
+}  // namespace
+
+char const * kindName(FakePlatform::Kind kind) {
+  using Kind = FakePlatform::Kind;
+  switch (kind) {
+    case Kind::socketAt: return "socketAt";
+    case Kind::setNetlinkOperState: return "setNetlinkOperState";
+    case Kind::socket: return "socket";
+    case Kind::bind: return "bind";
+    case Kind::close: return "close";
+    case Kind::setsockopt: return "setsockopt";
+    case Kind::getsockopt: return "getsockopt";
+    case Kind::ioctl: return "ioctl";
+    case Kind::recvmsg: return "recvmsg";
+    case Kind::recvmmsg: return "recvmmsg";
+    case Kind::sendto: return "sendto";
+    case Kind::poll: return "poll";
+    case Kind::open: return "open";
+    case Kind::setns: return "setns";
+    case Kind::lstat: return "lstat";
+    case Kind::stat: return "stat";
+    case Kind::fopen: return "fopen";
+  }
+  return "?";
+}
+
+FakePlatform::FakePlatform() : previous_(Ovel::platform()) {
+  fileIs("/proc/thread-self/ns/net");
+  installFakes();
+  installRecorders();
+}
+
+FakePlatform::~FakePlatform() { Ovel::platform() = previous_; }
+
+std::vector<FakePlatform::Call> FakePlatform::calls(Kind kind) const {
+  std::vector<Call> result;
+  std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(result), [kind](Call const & c) { return c.kind == kind; });
+  return result;
+}
+
+size_t FakePlatform::count(Kind kind) const {
+  return static_cast<size_t>(
+      std::count_if(calls_.begin(), calls_.end(), [kind](Call const & c) { return c.kind == kind; }));
+}
+
+std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() const {
+  std::vector<OperStateRequest> result;
+  for (Call const & c : calls_) {
+    if (c.kind == Kind::setNetlinkOperState) {
+      result.push_back({c.fd, c.text, static_cast<int>(c.a), static_cast<int>(c.b)});
+    }
+  }
+  return result;
+}
+
+void FakePlatform::failNext(Kind kind, int error, unsigned times) {
+  if (times == 0) return;
+  failures_[kind] = Failure{error, times, false};
+}
+
+void FakePlatform::failAlways(Kind kind, int error) { failures_[kind] = Failure{error, 0, true}; }
+
+void FakePlatform::succeed(Kind kind) { failures_.erase(kind); }
+
+void FakePlatform::operStateResultIs(bool accepted, int error) {
+  operStateAccepted_ = accepted;
+  operStateError_ = error;
+}
+
+std::vector<int> FakePlatform::openDescriptors() const { return {open_.begin(), open_.end()}; }
+
+bool FakePlatform::isFakeDescriptor(int fd) const { return everHandedOut_.count(fd) != 0; }
+
+void FakePlatform::fileIs(std::string const & path, std::string const & content) { files_[path] = content; }
+
+void FakePlatform::fileDel(std::string const & path) { files_.erase(path); }
+
+void FakePlatform::namespaceIs(std::string const & name) { fileIs("/run/netns/" + name); }
+
+void FakePlatform::queueDatagram(int fd, std::string bytes, sockaddr_storage const * from) {
+  Datagram d{std::move(bytes), {}, 0};
+  if (from != nullptr) {
+    d.from = *from;
+    d.fromLength = sizeof d.from;
+  }
+  datagrams_[fd].push_back(std::move(d));
+}
+
+size_t FakePlatform::queuedDatagrams(int fd) const {
+  auto it = datagrams_.find(fd);
+  return it == datagrams_.end() ? 0 : it->second.size();
+}
+
+bool FakePlatform::takeFailure(Call & call) {
+  auto it = failures_.find(call.kind);
+  if (it == failures_.end()) return false;
+  Failure & f = it->second;
+  call.error = f.error;
+  if (!f.always && --f.times == 0) failures_.erase(it);
+  return true;
+}
+
+template <typename Result, typename Body>
+Result FakePlatform::run(Call call, Result failure, Body && body) {
+  size_t const index = calls_.size();
+  if (takeFailure(call)) {
+    call.result = -1;
+    calls_.push_back(call);
+    errno = call.error;
+    return failure;
+  }
+  calls_.push_back(call);
+  errno = 0;
+  Result const result = body();
+  int const error = errno;
+  // The body may have recorded calls of its own: refer to this one by position.
+  calls_[index].result = asLong(result);
+  calls_[index].error = failed(result) ? error : 0;
+  errno = error;
+  return result;
+}
+
+int FakePlatform::newDescriptor() {
+  int const fd = nextDescriptor_++;
+  open_.insert(fd);
+  everHandedOut_.insert(fd);
+  return fd;
+}
+
+ssize_t FakePlatform::deliver(int fd, msghdr * message, int flags) {
+  auto it = datagrams_.find(fd);
+  if (it == datagrams_.end() || it->second.empty()) {
+    errno = EAGAIN;
+    return -1;
+  }
+  Datagram d = std::move(it->second.front());
+  it->second.pop_front();
+  size_t copied = 0;
+  for (size_t i = 0; i < message->msg_iovlen && copied < d.bytes.size(); ++i) {
+    size_t const n = std::min(message->msg_iov[i].iov_len, d.bytes.size() - copied);
+    std::memcpy(message->msg_iov[i].iov_base, d.bytes.data() + copied, n);
+    copied += n;
+  }
+  message->msg_flags = copied < d.bytes.size() ? MSG_TRUNC : 0;
+  if (message->msg_name != nullptr) {
+    socklen_t const n = std::min(message->msg_namelen, d.fromLength);
+    std::memcpy(message->msg_name, &d.from, n);
+    message->msg_namelen = d.fromLength;
+  }
+  message->msg_controllen = 0;
+  return static_cast<ssize_t>((flags & MSG_TRUNC) != 0 ? d.bytes.size() : copied);
+}
+
+void FakePlatform::installFakes() {
+  Ovel::Platform & b = behaviour_;
+  b.socketAt = [this](int, int, int, char const *) { return newDescriptor(); };
+  b.socket = [this](int, int, int) { return newDescriptor(); };
+  b.setNetlinkOperState = [this](int, char const *, int, int) {
+    if (!operStateAccepted_) errno = operStateError_;
+    return operStateAccepted_;
+  };
+  b.bind = [](int, sockaddr const *, socklen_t) { return 0; };
+  b.close = [this](int fd) {
+    if (!isFakeDescriptor(fd)) return previous_.close(fd);
+    if (open_.erase(fd) == 0) {
+      errno = EBADF;
+      return -1;
+    }
+    datagrams_.erase(fd);
+    return 0;
+  };
+  b.setsockopt = [this](int fd, int level, int name, void const * value, socklen_t length) {
+    if (level == SOL_SOCKET && name == SO_RCVBUFFORCE) name = SO_RCVBUF;
+    options_[{fd, level, name}] = bytesOf(value, length);
+    return 0;
+  };
+  b.getsockopt = [this](int fd, int level, int name, void * value, socklen_t * length) {
+    std::string stored(sizeof(int), '\0');
+    auto it = options_.find({fd, level, name});
+    if (it != options_.end()) stored = it->second;
+    if (level == SOL_SOCKET && name == SO_RCVBUF) {
+      int requested = defaultRcvBuf / 2;
+      if (it != options_.end() && it->second.size() >= sizeof(int)) std::memcpy(&requested, it->second.data(), sizeof(int));
+      int const granted = requested * 2;
+      stored.assign(reinterpret_cast<char const *>(&granted), sizeof granted);
+    }
+    socklen_t const n = std::min<socklen_t>(*length, static_cast<socklen_t>(stored.size()));
+    std::memcpy(value, stored.data(), n);
+    *length = n;
+    return 0;
+  };
+  b.ioctl = [this](int fd, unsigned long request, void * argument) {
+    if (!isFakeDescriptor(fd)) return previous_.ioctl(fd, request, argument);
+    errno = ENOTTY;
+    return -1;
+  };
+  b.recvmsg = [this](int fd, msghdr * message, int flags) -> ssize_t {
+    if (!isFakeDescriptor(fd)) return previous_.recvmsg(fd, message, flags);
+    return deliver(fd, message, flags);
+  };
+  b.recvmmsg = [this](int fd, mmsghdr * messages, unsigned count, int flags, timespec * timeout) {
+    if (!isFakeDescriptor(fd)) return previous_.recvmmsg(fd, messages, count, flags, timeout);
+    unsigned n = 0;
+    for (ssize_t length; n < count && (length = deliver(fd, &messages[n].msg_hdr, flags)) >= 0; ++n) {
+      messages[n].msg_len = static_cast<unsigned>(length);
+    }
+    if (n == 0) {
+      errno = EAGAIN;
+      return -1;
+    }
+    return static_cast<int>(n);
+  };
+  b.sendto = [this](int fd, void const * data, size_t length, int flags, sockaddr const * to, socklen_t toLength) -> ssize_t {
+    if (!isFakeDescriptor(fd)) return previous_.sendto(fd, data, length, flags, to, toLength);
+    return static_cast<ssize_t>(length);
+  };
+  b.poll = [this](pollfd * fds, nfds_t count, int timeoutMs) {
+    bool allFake = count > 0;
+    for (nfds_t i = 0; i < count; ++i) allFake = allFake && isFakeDescriptor(fds[i].fd);
+    if (!allFake) return previous_.poll(fds, count, timeoutMs);
+    int ready = 0;
+    for (nfds_t i = 0; i < count; ++i) {
+      fds[i].revents = 0;
+      if ((fds[i].events & POLLIN) != 0 && queuedDatagrams(fds[i].fd) != 0) fds[i].revents |= POLLIN;
+      if ((fds[i].events & POLLOUT) != 0) fds[i].revents |= POLLOUT;
+      if (fds[i].revents != 0) ++ready;
+    }
+    return ready;
+  };
+  b.open = [this](char const * path, int) {
+    if (files_.count(path) == 0) {
+      errno = ENOENT;
+      return -1;
+    }
+    return newDescriptor();
+  };
+  b.setns = [](int, int) { return 0; };
+  auto fakeStat = [this](char const * path, struct stat * result) {
+    auto it = files_.find(path);
+    if (it == files_.end()) {
+      errno = ENOENT;
+      return -1;
+    }
+    *result = {};
+    result->st_mode = S_IFREG | 0644;
+    result->st_size = static_cast<off_t>(it->second.size());
+    return 0;
+  };
+  b.lstat = fakeStat;
+  b.stat = fakeStat;
+  b.fopen = [this](char const * path, char const *) -> FILE * {
+    auto it = files_.find(path);
+    if (it == files_.end()) {
+      errno = ENOENT;
+      return nullptr;
+    }
+    // A stream over its own copy of the content; fclose frees it.
+    FILE * stream = fmemopen(nullptr, it->second.size() + 1, "w+");
+    if (stream == nullptr) return nullptr;
+    std::fwrite(it->second.data(), 1, it->second.size(), stream);
+    std::rewind(stream);
+    return stream;
+  };
+}
+
+void FakePlatform::installRecorders() {
+  Ovel::Platform & live = Ovel::platform();
+  live.socketAt = [this](int domain, int type, int protocol, char const * nsName) {
+    Call c = callOf(Kind::socketAt);
+    c.a = domain, c.b = type, c.c = protocol, c.text = nsName == nullptr ? "(null)" : nsName;
+    return run(c, -1, [&] { return behaviour_.socketAt(domain, type, protocol, nsName); });
+  };
+  live.setNetlinkOperState = [this](int sd, char const * deviceName, int tag, int operState) {
+    Call c = callOf(Kind::setNetlinkOperState);
+    c.fd = sd, c.text = deviceName == nullptr ? "(null)" : deviceName, c.a = tag, c.b = operState;
+    return run(c, false, [&] { return behaviour_.setNetlinkOperState(sd, deviceName, tag, operState); });
+  };
+  live.socket = [this](int domain, int type, int protocol) {
+    Call c = callOf(Kind::socket);
+    c.a = domain, c.b = type, c.c = protocol;
+    return run(c, -1, [&] { return behaviour_.socket(domain, type, protocol); });
+  };
+  live.bind = [this](int fd, sockaddr const * address, socklen_t length) {
+    Call c = callOf(Kind::bind);
+    c.fd = fd, c.data = bytesOf(address, length);
+    return run(c, -1, [&] { return behaviour_.bind(fd, address, length); });
+  };
+  live.close = [this](int fd) {
+    Call c = callOf(Kind::close);
+    c.fd = fd;
+    return run(c, -1, [&] { return behaviour_.close(fd); });
+  };
+  live.setsockopt = [this](int fd, int level, int name, void const * value, socklen_t length) {
+    Call c = callOf(Kind::setsockopt);
+    c.fd = fd, c.a = level, c.b = name, c.data = bytesOf(value, length);
+    return run(c, -1, [&] { return behaviour_.setsockopt(fd, level, name, value, length); });
+  };
+  live.getsockopt = [this](int fd, int level, int name, void * value, socklen_t * length) {
+    Call c = callOf(Kind::getsockopt);
+    c.fd = fd, c.a = level, c.b = name;
+    return run(c, -1, [&] { return behaviour_.getsockopt(fd, level, name, value, length); });
+  };
+  live.ioctl = [this](int fd, unsigned long request, void * argument) {
+    Call c = callOf(Kind::ioctl);
+    c.fd = fd, c.a = static_cast<long>(request);
+    return run(c, -1, [&] { return behaviour_.ioctl(fd, request, argument); });
+  };
+  live.recvmsg = [this](int fd, msghdr * message, int flags) {
+    Call c = callOf(Kind::recvmsg);
+    c.fd = fd, c.a = flags;
+    return run(c, -1L, [&] { return static_cast<long>(behaviour_.recvmsg(fd, message, flags)); });
+  };
+  live.recvmmsg = [this](int fd, mmsghdr * messages, unsigned count, int flags, timespec * timeout) {
+    Call c = callOf(Kind::recvmmsg);
+    c.fd = fd, c.a = flags;
+    return run(c, -1, [&] { return behaviour_.recvmmsg(fd, messages, count, flags, timeout); });
+  };
+  live.sendto = [this](int fd, void const * data, size_t length, int flags, sockaddr const * to, socklen_t toLength) {
+    Call c = callOf(Kind::sendto);
+    c.fd = fd, c.a = flags, c.data = bytesOf(data, length);
+    return run(c, -1L, [&] { return static_cast<long>(behaviour_.sendto(fd, data, length, flags, to, toLength)); });
+  };
+  live.poll = [this](pollfd * fds, nfds_t count, int timeoutMs) {
+    Call c = callOf(Kind::poll);
+    c.a = static_cast<long>(count), c.fd = count > 0 ? fds[0].fd : -1;
+    return run(c, -1, [&] { return behaviour_.poll(fds, count, timeoutMs); });
+  };
+  live.open = [this](char const * path, int flags) {
+    Call c = callOf(Kind::open);
+    c.text = path, c.a = flags;
+    return run(c, -1, [&] { return behaviour_.open(path, flags); });
+  };
+  live.setns = [this](int fd, int nsType) {
+    Call c = callOf(Kind::setns);
+    c.fd = fd, c.a = nsType;
+    return run(c, -1, [&] { return behaviour_.setns(fd, nsType); });
+  };
+  live.lstat = [this](char const * path, struct stat * result) {
+    Call c = callOf(Kind::lstat);
+    c.text = path;
+    return run(c, -1, [&] { return behaviour_.lstat(path, result); });
+  };
+  live.stat = [this](char const * path, struct stat * result) {
+    Call c = callOf(Kind::stat);
+    c.text = path;
+    return run(c, -1, [&] { return behaviour_.stat(path, result); });
+  };
+  live.fopen = [this](char const * path, char const * mode) {
+    Call c = callOf(Kind::fopen);
+    c.text = path;
+    return run(c, static_cast<FILE *>(nullptr), [&] { return behaviour_.fopen(path, mode); });
+  };
+}
+
+}  // namespace IntfsmTest

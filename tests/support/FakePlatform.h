@@ -1,0 +1,172 @@
+// A recording stand-in for the kernel in unit tests. While a FakePlatform lives, every entry of
+// Ovel::platform() records its call and then runs a fake; the previous table comes back when it dies.
+//
+//   IntfsmTest::FakePlatform fake;
+//   fake.failNext(FakePlatform::Kind::bind, EADDRINUSE);
+//   ... code under test ...
+//   EXPECT_EQ(fake.count(FakePlatform::Kind::socketAt), 1u);
+//   EXPECT_EQ(fake.openDescriptors().size(), 0u);   // every fake socket was closed
+//
+// What the fakes do (each can be replaced through behaviour(), which the recorders call):
+// - socketAt, socket and open hand out fresh fake descriptors, counting up from firstFakeDescriptor.
+//   open succeeds only for paths of the fake file system (see below) and "/run/netns/<name>" for
+//   namespaces made with namespaceIs; anything else fails with ENOENT.
+// - close of a fake descriptor marks it closed (closing it twice fails with EBADF); close of any
+//   other descriptor goes to the previous table, so real descriptors are not leaked.
+// - bind and setns succeed. setsockopt stores the value per descriptor, level and option; getsockopt
+//   returns the stored value, or an int 0 when none was stored, except SO_RCVBUF, which reads twice
+//   the last SO_RCVBUF or SO_RCVBUFFORCE value, or 212992 before any, as the kernel does.
+// - ioctl on a fake descriptor fails with ENOTTY; sendto on one records the bytes and succeeds;
+//   recvmsg and recvmmsg on one deliver the datagrams queued with queueDatagram, else EAGAIN; poll
+//   of fake descriptors reports POLLIN for those with a queued datagram. On other descriptors these
+//   calls go to the previous table.
+// - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
+//   content). "/proc/thread-self/ns/net" is there from the start.
+// - setNetlinkOperState records the request and returns operStateResultIs's answer (true at first).
+// A failure queued with failNext / failAlways wins over the fake: the call is recorded with the
+// failure and returns it (-1, null or false, with errno).
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "intfsm/foundation/ovel/Platform.h"
+
+namespace IntfsmTest {
+
+class FakePlatform {
+ public:
+  enum class Kind {
+    socketAt,
+    setNetlinkOperState,
+    socket,
+    bind,
+    close,
+    setsockopt,
+    getsockopt,
+    ioctl,
+    recvmsg,
+    recvmmsg,
+    sendto,
+    poll,
+    open,
+    setns,
+    lstat,
+    stat,
+    fopen,
+  };
+
+  // One call as the code under test made it. Field use by kind:
+  //   socketAt: a, b, c = domain, type, protocol; text = nsName ("(null)" for null); result = descriptor
+  //   socket: a, b, c = domain, type, protocol; result = descriptor
+  //   bind: fd; data = the address bytes        close: fd
+  //   setsockopt / getsockopt: fd; a = level, b = option; data = the value bytes (setsockopt)
+  //   ioctl: fd; a = request        recvmsg / recvmmsg: fd; a = flags; result = bytes / messages
+  //   sendto: fd; a = flags; data = the bytes sent        poll: a = count; fd = first descriptor
+  //   open: text = path, a = flags; result = descriptor        setns: fd; a = namespace type
+  //   lstat / stat / fopen: text = path
+  //   setNetlinkOperState: fd = sd; text = device name; a = tag; b = operState; result = 1 or 0
+  // `error` is the errno of a failed call, 0 otherwise.
+  struct Call {
+    Kind kind = Kind::socketAt;
+    int fd = -1;
+    long a = 0, b = 0, c = 0;
+    std::string text;
+    std::string data;
+    long result = 0;
+    int error = 0;
+  };
+
+  struct OperStateRequest {
+    int sd;
+    std::string deviceName;
+    int tag;
+    int operState;
+    bool operator==(OperStateRequest const &) const = default;
+  };
+
+  static constexpr int firstFakeDescriptor = 1000;
+
+  FakePlatform();
+  ~FakePlatform();
+  FakePlatform(FakePlatform const &) = delete;
+  FakePlatform & operator=(FakePlatform const &) = delete;
+
+  std::vector<Call> const & calls() const { return calls_; }
+  std::vector<Call> calls(Kind kind) const;
+  size_t count(Kind kind) const;
+  std::vector<OperStateRequest> operStateRequests() const;
+  void clearCalls() { calls_.clear(); }
+
+  // The next `times` calls of `kind` fail with `error`; failAlways until succeed(kind).
+  void failNext(Kind kind, int error, unsigned times = 1);
+  void failAlways(Kind kind, int error);
+  void succeed(Kind kind);
+
+  // The answer of the fake setNetlinkOperState: `accepted`, and errno `error` when not.
+  void operStateResultIs(bool accepted, int error = 0);
+
+  // Fake descriptors handed out and not yet closed, in ascending order.
+  std::vector<int> openDescriptors() const;
+  bool isFakeDescriptor(int fd) const;
+
+  // The fake file system seen by stat, lstat, fopen and open.
+  void fileIs(std::string const & path, std::string const & content = "");
+  void fileDel(std::string const & path);
+  // A namespace that socketAt can enter: the file "/run/netns/<name>".
+  void namespaceIs(std::string const & name);
+
+  // A datagram that recvmsg / recvmmsg on the fake descriptor `fd` will deliver, `from` as its source.
+  void queueDatagram(int fd, std::string bytes, sockaddr_storage const * from = nullptr);
+  size_t queuedDatagrams(int fd) const;
+
+  // The fakes that the recorders call. Replace an entry to give a call other behaviour; the
+  // replacement is still recorded and failures queued with failNext still win over it.
+  Ovel::Platform & behaviour() { return behaviour_; }
+  // The table that was live before this one, where calls on real descriptors go.
+  Ovel::Platform const & previous() const { return previous_; }
+
+ private:
+  struct Failure {
+    int error = 0;
+    unsigned times = 0;
+    bool always = false;
+  };
+  struct Datagram {
+    std::string bytes;
+    sockaddr_storage from;
+    socklen_t fromLength;
+  };
+
+  template <typename Result, typename Body>
+  Result run(Call call, Result failure, Body && body);
+  bool takeFailure(Call & call);
+  ssize_t deliver(int fd, msghdr * message, int flags);
+  int newDescriptor();
+  void installFakes();
+  void installRecorders();
+
+  Ovel::Platform previous_;
+  Ovel::Platform behaviour_;
+  std::vector<Call> calls_;
+  std::map<Kind, Failure> failures_;
+  bool operStateAccepted_ = true;
+  int operStateError_ = 0;
+  int nextDescriptor_ = firstFakeDescriptor;
+  std::set<int> open_;
+  std::set<int> everHandedOut_;
+  std::map<std::tuple<int, int, int>, std::string> options_;
+  std::map<std::string, std::string> files_;
+  std::map<int, std::deque<Datagram>> datagrams_;
+};
+
+char const * kindName(FakePlatform::Kind kind);
+
+}  // namespace IntfsmTest
