@@ -6,6 +6,7 @@
 
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/TypeRegistry.h"
 #include "tests/support/FakePlatform.h"
 #include "tests/support/TraceCapture.h"
 
