@@ -68,19 +68,34 @@ TEST_F(KernelNetNsManagerKernel, FollowsIpNetnsAddAndDel) {
   EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
 }
 
-// The order `ip netns add` uses: the file first, its namespace mount afterwards, with no inotify
-// event for the mount.
+// The order `ip netns add` uses on a new directory: the directory, its bind mount onto itself, the
+// file, and the namespace mount on the file afterwards, with no inotify event for either mount.
 TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
+  int const descriptors = intfsmTest::openDescriptorCount();
   std::string const target = netns().namespaceNew();
-  char pattern[] = "/tmp/intfsm-netns-XXXXXX";
-  std::string const parent = ::mkdtemp(pattern);
-  std::string const dir = parent + "/netns";
+  // A directory of our own, removed (and its entry unmounted) on every path out of the test.
+  struct Scratch {
+    Scratch() {
+      char pattern[] = "/tmp/intfsm-netns-XXXXXX";
+      parent = ::mkdtemp(pattern);
+    }
+    ~Scratch() {
+      ::umount2((parent + "/netns/late").c_str(), MNT_DETACH);
+      ::umount2((parent + "/netns").c_str(), MNT_DETACH);
+      std::filesystem::remove_all(parent);
+    }
+    std::string parent;
+  } scratch;
+  std::string const dir = scratch.parent + "/netns";
   std::string const entry = dir + "/late";
   {
     auto manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop);
     manager->hasNotificationActiveIs(true);
     ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
     ASSERT_TRUE(runUntil([&] { return manager->directoryWatched(); }));
+    // What `ip netns add` does to a new /run/netns: bind it onto itself (to make it a shared mount).
+    // The watch is on the directory itself, so it keeps seeing entries made through the new mount.
+    ASSERT_EQ(::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
 
     std::ofstream(entry).put('x');
     ASSERT_TRUE(runUntil([&] { return manager->pendingMounts() == 1; }));
@@ -94,8 +109,8 @@ TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
     ASSERT_EQ(::unlink(entry.c_str()), 0);
     ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName("late")); }));
   }
-  ::umount2(entry.c_str(), MNT_DETACH);
-  std::filesystem::remove_all(parent);
+  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
 }
 
 }  // namespace
