@@ -99,12 +99,18 @@ Manager::~Manager() {
 void Manager::hasNotificationActiveIs(bool active) {
   if (active == active_) return;
   KNNI_TRACE(8, "hasNotificationActiveIs( " << (active ? "true" : "false") << " ) directory: " << directory_);
+  // Set first: reactors called by the first scan see the manager on (and may turn it off again).
+  active_ = active;
   if (active) {
-    activate();
+    try {
+      activate();
+    } catch (...) {
+      active_ = false;
+      throw;
+    }
   } else {
     deactivate();
   }
-  active_ = active;
   notify(&NotifieeConst::onHasNotificationActive);
 }
 
