@@ -20,34 +20,30 @@ Vorn::TypeRegistration localDirType(
 
 void IntfStatusDir::intfStatusIs(Vorn::Ptr<Interface::IntfStatus const> const & status) {
   if (!status) throw Vorn::RangeException(Vorn::nullParameterText("intfStatus", "KernelOperState::IntfStatusDir"));
-  Ovel::IntfId id = status->intfId();
-  if (intfStatus_.set(id, status)) notify(&NotifieeConst::onIntfStatus, id);
+  setEntry(intfStatus_, status->intfId(), status, &NotifieeConst::onIntfStatus);
 }
 
 void IntfStatusDir::intfStatusDel(Ovel::IntfId const & id) {
-  Ovel::IntfId key = id;  // `id` may be the key of the entry being removed
-  if (intfStatus_.del(key)) notify(&NotifieeConst::onIntfStatus, key);
+  delEntry(intfStatus_, id, &NotifieeConst::onIntfStatus);
 }
 
 void IntfStatusDir::intfStatusDelAll() {
-  while (Ovel::IntfId const * key = intfStatus_.anyKey()) intfStatusDel(*key);
+  delAllEntries(intfStatus_, &NotifieeConst::onIntfStatus);
 }
 
 void IntfStatusLocalDir::intfStatusLocalIs(Vorn::Ptr<Interface::IntfStatusLocal const> const & status) {
   if (!status) {
     throw Vorn::RangeException(Vorn::nullParameterText("intfStatusLocal", "KernelOperState::IntfStatusLocalDir"));
   }
-  Ovel::IntfId id = status->intfId();
-  if (intfStatusLocal_.set(id, status)) notify(&NotifieeConst::onIntfStatusLocal, id);
+  setEntry(intfStatusLocal_, status->intfId(), status, &NotifieeConst::onIntfStatusLocal);
 }
 
 void IntfStatusLocalDir::intfStatusLocalDel(Ovel::IntfId const & id) {
-  Ovel::IntfId key = id;
-  if (intfStatusLocal_.del(key)) notify(&NotifieeConst::onIntfStatusLocal, key);
+  delEntry(intfStatusLocal_, id, &NotifieeConst::onIntfStatusLocal);
 }
 
 void IntfStatusLocalDir::intfStatusLocalDelAll() {
-  while (Ovel::IntfId const * key = intfStatusLocal_.anyKey()) intfStatusLocalDel(*key);
+  delAllEntries(intfStatusLocal_, &NotifieeConst::onIntfStatusLocal);
 }
 
 }  // namespace KernelOperState

@@ -195,8 +195,7 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatus> IntfStatusOperStatusSm::intfSt
 }
 
 void IntfStatusOperStatusSm::intfStatusDel(Ovel::IntfId const & id) {
-  Ovel::IntfId key = id;
-  if (intfStatus_.del(key)) notify(&NotifieeConst::onIntfStatus, key);
+  delEntry(intfStatus_, id, &NotifieeConst::onIntfStatus);
 }
 
 Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::intfStatusLocalIs(
@@ -221,8 +220,7 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::i
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalDel(Ovel::IntfId const & id) {
-  Ovel::IntfId key = id;
-  if (intfStatusLocal_.del(key)) notify(&NotifieeConst::onIntfStatusLocal, key);
+  delEntry(intfStatusLocal_, id, &NotifieeConst::onIntfStatusLocal);
 }
 
 void IntfStatusOperStatusSm::handleIntfStatus(Ovel::IntfId const & intfId) {

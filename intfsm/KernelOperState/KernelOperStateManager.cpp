@@ -46,15 +46,15 @@ Vorn::Name const & KernelOperStateManager::name() const {
 }
 
 void KernelOperStateManager::nsNetlinkSockFdIs(Ovel::NamespaceName const & nsName, int32_t sd) {
-  if (nsNetlinkSockFd_.set(nsName, sd)) notify(&NotifieeConst::onNsNetlinkSockFd, nsName);
+  setEntry(nsNetlinkSockFd_, nsName, sd, &NotifieeConst::onNsNetlinkSockFd);
 }
 
 void KernelOperStateManager::nsNetlinkSockFdDel(Ovel::NamespaceName const & nsName) {
-  if (nsNetlinkSockFd_.del(nsName)) notify(&NotifieeConst::onNsNetlinkSockFd, nsName);
+  delEntry(nsNetlinkSockFd_, nsName, &NotifieeConst::onNsNetlinkSockFd);
 }
 
 void KernelOperStateManager::nsNetlinkSockFdDelAll() {
-  while (Ovel::NamespaceName const * key = nsNetlinkSockFd_.anyKey()) nsNetlinkSockFdDel(Ovel::NamespaceName(*key));
+  delAllEntries(nsNetlinkSockFd_, &NotifieeConst::onNsNetlinkSockFd);
 }
 
 void KernelOperStateManager::doSetOperState(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus) {

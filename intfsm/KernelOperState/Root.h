@@ -19,6 +19,7 @@
 #include "intfsm/KernelOperState/IntfStatusOperStatusSm.h"
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
 #include "intfsm/foundation/kernel/KernelNetNsInfo.h"
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"
 #include "intfsm/foundation/vorn/Entity.h"
 
 namespace KernelOperState {

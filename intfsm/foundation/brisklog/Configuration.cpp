@@ -38,17 +38,17 @@ unsigned level(std::string_view text, std::string_view item, std::string_view di
   return static_cast<unsigned>(digits[0] - '0');
 }
 
-uint16_t levels(std::string_view text, std::string_view item, std::string_view spec) {
-  spec = trimmed(spec);
-  if (spec.empty()) malformed(text, quoted(item) + " names no level");
-  size_t const dash = spec.find('-');
+uint16_t levels(std::string_view text, std::string_view item, std::string_view range) {
+  range = trimmed(range);
+  if (range.empty()) malformed(text, quoted(item) + " names no level");
+  size_t const dash = range.find('-');
   if (dash == std::string_view::npos) {
-    unsigned const only = level(text, item, spec);
+    unsigned const only = level(text, item, range);
     return levelRange(only, only);
   }
-  unsigned const first = level(text, item, spec.substr(0, dash));
-  unsigned const last = level(text, item, spec.substr(dash + 1));
-  if (first > last) malformed(text, "range " + quoted(spec) + " in " + quoted(item) + " runs backwards");
+  unsigned const first = level(text, item, range.substr(0, dash));
+  unsigned const last = level(text, item, range.substr(dash + 1));
+  if (first > last) malformed(text, "range " + quoted(range) + " in " + quoted(item) + " runs backwards");
   return levelRange(first, last);
 }
 

@@ -7,16 +7,15 @@ namespace Interface {
 void AllIntfStatusDir::intfStatusIs(Vorn::Ptr<IntfStatus> const & status) {
   if (!status) throw Vorn::RangeException(Vorn::nullParameterText("intfStatus", "Interface::AllIntfStatusDir"));
   Ovel::IntfId const id = status->intfId();
-  if (intfStatus_.set(id, status)) notify(&NotifieeConst::onIntfStatus, id);
+  setEntry(intfStatus_, id, status, &NotifieeConst::onIntfStatus);
 }
 
 void AllIntfStatusDir::intfStatusDel(Ovel::IntfId const & id) {
-  Ovel::IntfId const key = id;  // `id` may be the key of the entry that goes away
-  if (intfStatus_.del(key)) notify(&NotifieeConst::onIntfStatus, key);
+  delEntry(intfStatus_, id, &NotifieeConst::onIntfStatus);
 }
 
 void AllIntfStatusDir::intfStatusDelAll() {
-  while (Ovel::IntfId const * key = intfStatus_.anyKey()) intfStatusDel(*key);
+  delAllEntries(intfStatus_, &NotifieeConst::onIntfStatus);
 }
 
 void AllIntfStatusDir::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {

@@ -9,16 +9,15 @@ void AllIntfStatusLocalDir::intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal> const &
     throw Vorn::RangeException(Vorn::nullParameterText("intfStatusLocal", "Interface::AllIntfStatusLocalDir"));
   }
   Ovel::IntfId const id = local->intfId();
-  if (intfStatusLocal_.set(id, local)) notify(&NotifieeConst::onIntfStatusLocal, id);
+  setEntry(intfStatusLocal_, id, local, &NotifieeConst::onIntfStatusLocal);
 }
 
 void AllIntfStatusLocalDir::intfStatusLocalDel(Ovel::IntfId const & id) {
-  Ovel::IntfId const key = id;  // `id` may be the key of the entry that goes away
-  if (intfStatusLocal_.del(key)) notify(&NotifieeConst::onIntfStatusLocal, key);
+  delEntry(intfStatusLocal_, id, &NotifieeConst::onIntfStatusLocal);
 }
 
 void AllIntfStatusLocalDir::intfStatusLocalDelAll() {
-  while (Ovel::IntfId const * key = intfStatusLocal_.anyKey()) intfStatusLocalDel(*key);
+  delAllEntries(intfStatusLocal_, &NotifieeConst::onIntfStatusLocal);
 }
 
 void AllIntfStatusLocalDir::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {

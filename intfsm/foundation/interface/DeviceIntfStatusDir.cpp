@@ -5,8 +5,7 @@
 namespace Interface {
 
 void DeviceIntfStatusDir::intfStatusAndDeviceNameIs(Ovel::IntfId const & id, IntfStatusAndDeviceName const & record) {
-  Ovel::IntfId const key = id;
-  if (intfStatusAndDeviceName_.set(key, record)) notify(&NotifieeConst::onIntfStatusAndDeviceName, key);
+  setEntry(intfStatusAndDeviceName_, id, record, &NotifieeConst::onIntfStatusAndDeviceName);
 }
 
 IntfStatusAndDeviceName DeviceIntfStatusDir::intfStatusAndDeviceNameDel(Ovel::IntfId const & id) {
@@ -20,11 +19,11 @@ IntfStatusAndDeviceName DeviceIntfStatusDir::intfStatusAndDeviceNameDel(Ovel::In
 }
 
 void DeviceIntfStatusDir::intfStatusAndDeviceNameDelAll() {
-  while (Ovel::IntfId const * key = intfStatusAndDeviceName_.anyKey()) intfStatusAndDeviceNameDel(*key);
+  delAllEntries(intfStatusAndDeviceName_, &NotifieeConst::onIntfStatusAndDeviceName);
 }
 
 void DeviceIntfStatusDir::intfStatusByIfIndexIs(uint32_t ifIndex, IntfStatusAndDeviceName const & record) {
-  if (intfStatusByIfIndex_.set(ifIndex, record)) notify(&NotifieeConst::onIntfStatusByIfIndex, ifIndex);
+  setEntry(intfStatusByIfIndex_, ifIndex, record, &NotifieeConst::onIntfStatusByIfIndex);
 }
 
 IntfStatusAndDeviceName DeviceIntfStatusDir::intfStatusByIfIndexDel(uint32_t ifIndex) {
@@ -37,7 +36,7 @@ IntfStatusAndDeviceName DeviceIntfStatusDir::intfStatusByIfIndexDel(uint32_t ifI
 }
 
 void DeviceIntfStatusDir::intfStatusByIfIndexDelAll() {
-  while (uint32_t const * key = intfStatusByIfIndex_.anyKey()) intfStatusByIfIndexDel(*key);
+  delAllEntries(intfStatusByIfIndex_, &NotifieeConst::onIntfStatusByIfIndex);
 }
 
 void DeviceIntfStatusDir::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {

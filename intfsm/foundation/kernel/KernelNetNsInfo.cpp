@@ -3,20 +3,19 @@
 namespace KernelNetNsInfo {
 
 void Root::netNsIs(uint32_t number, Ovel::NamespaceName const & name) {
-  if (netNs_.set(number, name)) notify(&NotifieeConst::onNetNs, number);
+  setEntry(netNs_, number, name, &NotifieeConst::onNetNs);
 }
 
 void Root::netNsDel(uint32_t number) {
-  if (netNs_.del(number)) notify(&NotifieeConst::onNetNs, number);
+  delEntry(netNs_, number, &NotifieeConst::onNetNs);
 }
 
 void Root::netNsByNameIs(Ovel::NamespaceName const & name, uint32_t number) {
-  if (netNsByName_.set(name, number)) notify(&NotifieeConst::onNetNsByName, name);
+  setEntry(netNsByName_, name, number, &NotifieeConst::onNetNsByName);
 }
 
 void Root::netNsByNameDel(Ovel::NamespaceName const & name) {
-  Ovel::NamespaceName key = name;
-  if (netNsByName_.del(key)) notify(&NotifieeConst::onNetNsByName, key);
+  delEntry(netNsByName_, name, &NotifieeConst::onNetNsByName);
 }
 
 void Root::namespaceIs(Ovel::NamespaceName const & name, uint32_t number) {

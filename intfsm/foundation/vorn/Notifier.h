@@ -160,6 +160,27 @@ class Notifier : public PtrInterface {
     return true;
   }
 
+  // The keyed forms: store or remove one entry of a collection and notify its key when that changed
+  // something. The key is copied first: it may be the key of the entry being removed.
+  template <class C, class K, class V, class N, class P>
+  bool setEntry(C & collection, K const & key, V const & value, void (N::*callback)(P)) {
+    if (!collection.set(key, value)) return false;
+    notify(callback, key);
+    return true;
+  }
+  template <class C, class K, class N, class P>
+  bool delEntry(C & collection, K const & key, void (N::*callback)(P)) {
+    K const copy = key;
+    if (!collection.del(copy)) return false;
+    notify(callback, copy);
+    return true;
+  }
+  // Empties a collection one notified key at a time.
+  template <class C, class N, class P>
+  void delAllEntries(C & collection, void (N::*callback)(P)) {
+    while (auto const * key = collection.anyKey()) delEntry(collection, *key, callback);
+  }
+
   // Calls `callback(args...)` on every registered notifiee that can take it (see the rules above).
   template <class N, class... P, class... A>
   void notify(void (N::*callback)(P...), A const &... args) const {

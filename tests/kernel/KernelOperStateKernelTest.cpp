@@ -1,0 +1,120 @@
+// The oper-state root wired as an agent wires it, against the real kernel: interface statuses become
+// the operational state of veth devices in two namespaces, and namespaces that come and go get and
+// lose their cached netlink socket.
+#include <gtest/gtest.h>
+
+#include <linux/if.h>
+
+#include "intfsm/KernelOperState/Root.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/NetNs.h"
+
+using Ovel::IntfId;
+using Ovel::NamespaceName;
+
+namespace {
+
+class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
+ protected:
+  void SetUp() override {
+    NetNsTest::SetUp();
+    if (IsSkipped()) return;
+    fdsBefore = IntfsmTest::openDescriptorCount();
+    ns1 = netns().namespaceNew();
+    ns2 = netns().namespaceNew();
+    netns().vethPairNew(ns1, "va0", "vb0");
+    netns().vethPairNew(ns2, "vc0", "vd0");
+    for (auto [ns, dev] : {std::pair{ns1, "va0"}, {ns1, "vb0"}, {ns2, "vc0"}, {ns2, "vd0"}}) netns().linkUp(ns, dev);
+    ASSERT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
+    ASSERT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_UP));
+
+    // The expected wiring by the owning agent.
+    root = KernelOperState::rootFactory("kos");
+    root->kosmIs();
+    root->intfStatusDirIs("intfStatus");
+    root->intfStatusLocalDirIs("intfStatusLocal");
+    root->netNsCollectionIs("netNs");
+    root->netNsManagerIs(root->netNsCollection());
+    root->intfStatusOperStatusSmIs(root->intfStatusDir(), root->intfStatusLocalDir(), root->kosm(),
+                                   root->netNsCollection());
+  }
+  void TearDown() override {
+    root = nullptr;
+    NetNsTest::TearDown();
+  }
+
+  bool cached(std::string const & ns) { return root->kosm()->nsNetlinkSockFdHas(NamespaceName(ns)); }
+  bool runUntil(std::function<bool()> const & done) { return Vorn::activityManager().runUntil(done, 5.0); }
+
+  Vorn::Ptr<Interface::IntfStatus> addInterface(char const * id, char const * device, std::string const & ns,
+                                                Interface::IntfOperStatus s) {
+    auto status = Interface::intfStatusFactory(IntfId(id));
+    status->deviceNameIs(device);
+    status->operStatusIs(s);
+    auto local = Interface::intfStatusLocalFactory(IntfId(id));
+    local->netNsNameIs(NamespaceName(ns));
+    root->intfStatusLocalDir()->intfStatusLocalIs(local);
+    root->intfStatusDir()->intfStatusIs(status);
+    return status;
+  }
+
+  Vorn::Ptr<KernelOperState::Root> root;
+  std::string ns1, ns2;
+  int fdsBefore = 0;
+};
+
+TEST_F(KernelOperStateKernelTest, OperStatusReachesTheDeviceInItsNamespace) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2) && cached("default"); }));
+
+  auto e1 = addInterface("Ethernet1", "va0", ns1, Interface::intfOperDown);
+  auto e2 = addInterface("Ethernet2", "vc0", ns2, Interface::intfOperUp);
+  EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_DORMANT));
+  EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_UP));
+  EXPECT_FALSE(netns().link(ns1, "va0")->flags & IFF_RUNNING);  // DORMANT shows as no carrier
+
+  e1->operStatusIs(Interface::intfOperUp);
+  e2->operStatusIs(Interface::intfOperLowerLayerDown);
+  EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
+  EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_DORMANT));
+  // The peers were never named: untouched.
+  EXPECT_EQ(netns().link(ns1, "vb0")->operState, IF_OPER_UP);
+  EXPECT_EQ(netns().link(ns2, "vd0")->operState, IF_OPER_UP);
+
+  // A device renamed in the kernel is followed once the status names it.
+  netns().linkRename(ns2, "vd0", "vd9");
+  e2->deviceNameIs("vd9");
+  EXPECT_TRUE(netns().waitForOperState(ns2, "vd9", IF_OPER_DORMANT));
+}
+
+TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2); }));
+  int const withTwo = IntfsmTest::openDescriptorCount();
+
+  std::string ns3 = netns().namespaceNew();
+  ASSERT_TRUE(runUntil([&] { return cached(ns3); }));
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1);  // one cached socket more
+
+  netns().vethPairNew(ns3, "ve0", "vf0");
+  netns().linkUp(ns3, "ve0");
+  netns().linkUp(ns3, "vf0");
+  ASSERT_TRUE(netns().waitForOperState(ns3, "ve0", IF_OPER_UP));
+  auto e3 = addInterface("Ethernet3", "ve0", ns3, Interface::intfOperDown);
+  EXPECT_TRUE(netns().waitForOperState(ns3, "ve0", IF_OPER_DORMANT));
+
+  netns().namespaceDel(ns3);
+  ASSERT_TRUE(runUntil([&] { return !cached(ns3); }));
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo);  // its socket was closed
+}
+
+TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2); }));
+  addInterface("Ethernet1", "va0", ns1, Interface::intfOperUp);
+  // The cached sockets belong to the manager's cache, which the state machine never closes; an agent
+  // that drops the subsystem closes them through the namespaces going away, or here by hand.
+  for (auto const & e : root->kosm()->nsNetlinkSockFdIter()) close(e.value);
+  root = nullptr;
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), fdsBefore);
+}
+
+}  // namespace
