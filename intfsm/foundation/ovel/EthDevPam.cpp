@@ -54,7 +54,8 @@ class EthDevPam::VornFileDesc : public Vorn::FileDescriptor::NotifieeConst {
   EthDevPam * owner_;  // the Pam zombies this reactor before it goes away
 };
 
-// The message headers of one bulk read, made once and kept while the read limit stays the same.
+// The message headers of one bulk read, made once and kept while the read limit stays the same (also
+// across a close, so that a reader closing the socket in the middle of a batch leaves them in place).
 struct EthDevPam::BulkSlots {
   explicit BulkSlots(size_t n) : headers(n), iov(n), from(n), control(n), pkts(n) {}
   std::vector<mmsghdr> headers;
@@ -213,7 +214,6 @@ void EthDevPam::doCloseSocket(bool notifying) {
   }
   int const fd = sd_;
   ownSocket_ = false;
-  bulk_.reset();
   OVEL_TRACE(5, "EthDevPam " << name() << ": closing own socket " << fd);
   if (platform().close(fd) < 0) {
     OVEL_TRACE(0, "EthDevPam " << name() << ": close of socket " << fd << " failed, errno: " << errno);
@@ -337,9 +337,7 @@ void EthDevPam::doReadBulk() {
       }
     }
   }
-  if (bulk_.get() == &slots) {  // still ours: the reader may have closed the socket
-    for (unsigned i = 0; i < count; ++i) slots.pkts[i] = nullptr;
-  }
+  for (unsigned i = 0; i < count; ++i) slots.pkts[i] = nullptr;  // the slots hold packets only during a read
 }
 
 bool EthDevPam::doDeliver(Pkt & pkt, msghdr & header, uint32_t length) {

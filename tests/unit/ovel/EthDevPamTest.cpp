@@ -68,7 +68,6 @@ struct OptionRecorder : EthDevPam::NotifieeConst {
 struct Reader : Ovel::Pam::NotifieeConst {
   explicit Reader(Ptr<Ovel::Pam> const & p) : pam(p.ptr()) { notifierIs(p); }
   void onReadableCount() override {
-    if (!consume) return;
     Ptr<Pkt> pkt = pam->rxPkt();
     if (!pkt) return;
     frames.emplace_back(reinterpret_cast<char const *>(pkt->data()), pkt->dataLen());
@@ -76,7 +75,6 @@ struct Reader : Ovel::Pam::NotifieeConst {
     if (keepOnly) pkts.clear();
     if (onFrame) onFrame();
   }
-  bool consume = true;
   bool keepOnly = true;  // let the packet go at once: the steady state
   std::vector<std::string> frames;
   std::vector<Ptr<Pkt>> pkts;
@@ -605,6 +603,25 @@ TEST(EthDevPamInBundleRead, BulkReadTakesTheBatchInOneCall) {
   EXPECT_EQ(fake.count(Kind::recvmmsg), 2u);
   EXPECT_EQ(pam->curRxPkts(), 1u);
   EXPECT_GE(fake.count(Kind::recvmsg), 1u);
+}
+
+TEST(EthDevPamInBundleRead, ReaderClosingTheSocketInTheMiddleOfABatchEndsTheRead) {
+  FakePlatform fake;
+  Ptr<EthDevPamInBundle> pam = new EthDevPamInBundle(Vorn::String("et1"));
+  pam->ifIndexIs(7);
+  pam->perIntfSocketIs(true);
+  pam->createVornFileDescOnEnabledIs(false);
+  pam->pktReuseIs(true);
+  pam->enableBulkPamReadIs(true);
+  pam->enabledIs(true);
+  for (int i = 0; i < 3; ++i) fake.queueDatagram(pam->sd(), "b" + std::to_string(i));
+  Ptr<Reader> reader = new Reader(pam);
+  reader->onFrame = [&] { pam->enabledIs(false); };
+  pam->doGetRxPkt();
+  EXPECT_THAT(reader->frames, ElementsAre("b0"));
+  EXPECT_FALSE(pam->enabled());
+  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
+  EXPECT_EQ(pam->curRxPkts(), 0u);  // b1 and b2 were read but not delivered to a closed Pam
 }
 
 class EthDevPamTxTest : public EthDevPamTest {

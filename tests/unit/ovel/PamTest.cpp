@@ -107,7 +107,8 @@ TEST_F(PamTest, FrameDroppedWhenNoPacketIsLeftForTheCopy) {
   EXPECT_FALSE(pam->rxPktIs(frame(*tiny, "no room")));
   EXPECT_EQ(pam->rxErrors(), 1u);
   EXPECT_EQ(pam->rxPkts(), 0u);
-  EXPECT_EQ(thrownText<Vorn::RangeException>([&] { pam->rxPktIs(nullptr); }), "Pam::rxPkt of a null packet not allowed");
+  EXPECT_EQ(thrownText<Vorn::RangeException>([&] { pam->rxPktIs(nullptr); }),
+            "Pam::rxPkt of a null packet not allowed");
 }
 
 TEST_F(PamTest, ReceiverReusingItsPacketNeverTouchesTheStoredFrame) {
