@@ -8,10 +8,8 @@
 
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/vorn/Exception.h"
-#include "tests/support/NotificationLog.h"
 #include "tests/support/ThrownText.h"
 
-using IntfsmTest::NotificationLog;
 using IntfsmTest::thrownText;
 using Ovel::EthDevPamInBundle;
 using Ovel::Pkt;
@@ -142,27 +140,6 @@ TEST_F(EthDevPamInBundleTest, DisablingDropsWhatWaits) {
   EXPECT_EQ(pam->curRxPkts(), 0u);
   EXPECT_EQ(pam->queueDropCount(), 4u);
   EXPECT_EQ(manager->livePkts(), 1u);  // only the writer: the queued copies went back to the pool
-}
-
-TEST_F(EthDevPamInBundleTest, OptionsNotify) {
-  struct Recorder : EthDevPamInBundle::NotifieeConst {
-    void onHeadDropPolicy() override { log.add("onHeadDropPolicy"); }
-    void onEnableBulkPamRead() override { log.add("onEnableBulkPamRead"); }
-    void onMaxRxPkts() override { log.add("onMaxRxPkts"); }
-    void onQueueDropCount() override { log.add("onQueueDropCount"); }
-    NotificationLog log;
-  };
-  Ptr<Recorder> recorder = new Recorder;
-  recorder->notifierIs(pam);
-  pam->headDropPolicyIs(true);
-  pam->headDropPolicyIs(true);
-  pam->enableBulkPamReadIs(true);
-  pam->maxRxPktsIs(255);
-  write(0, 2);
-  pam->maxRxPktsIs(1);
-  EXPECT_THAT(recorder->log.take(), ElementsAre("onHeadDropPolicy", "onEnableBulkPamRead", "onMaxRxPkts",
-                                                "onQueueDropCount"));
-  EXPECT_TRUE(pam->enableBulkPamRead());
 }
 
 }  // namespace

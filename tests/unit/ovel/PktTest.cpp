@@ -79,15 +79,6 @@ TEST(PktManager, OutlivedByItsPackets) {
   copy = nullptr;  // the manager goes with its last packet (ASan checks the order)
 }
 
-TEST(PktManager, BufferSizes) {
-  EXPECT_EQ(PktManager::headDataCapacityFor(0), 2048u);
-  EXPECT_EQ(PktManager::headDataCapacityFor(1518), 2048u);
-  EXPECT_EQ(PktManager::headDataCapacityFor(2048), 2048u);
-  EXPECT_EQ(PktManager::headDataCapacityFor(2049), 4096u);
-  EXPECT_EQ(PktManager::headDataCapacityFor(9216), 16384u);
-  EXPECT_EQ(PktManager::headDataCapacityFor(PktManager::maxHeadData), PktManager::maxHeadData);
-}
-
 TEST(PktManager, ReleasedBuffersAreReusedBySize) {
   Ptr<PktManager> manager = PktManager::pktManagerNew(8);
   {
