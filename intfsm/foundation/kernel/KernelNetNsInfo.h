@@ -48,8 +48,10 @@ class Root : public Vorn::Entity {
   void netNsByNameNotify(Ovel::NamespaceName const & name) const { notify(&NotifieeConst::onNetNsByName, name); }
 
   // Both keys at once, kept consistent: a namespace that exists under `name` with `number`.
+  // One namespace may be bound under several names (`ip netns attach`, a second bind mount): each
+  // name is in netNsByName, and netNs holds one of them, the default namespace's name when it is one.
   void namespaceIs(Ovel::NamespaceName const & name, uint32_t number);
-  // Both keys of the namespace called `name`.
+  // Both keys of the namespace called `name`; its number stays while another name still has it.
   void namespaceDel(Ovel::NamespaceName const & name);
   void namespaceDelAll();
 
@@ -61,8 +63,12 @@ class Root : public Vorn::Entity {
   }
 
  private:
+  void renumber(uint32_t number, Ovel::NamespaceName const & leaving);
+
   Vorn::Collection<uint32_t, Ovel::NamespaceName> netNs_;
   Vorn::Collection<Ovel::NamespaceName, uint32_t> netNsByName_;
 };
 
 }  // namespace KernelNetNsInfo
+
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"

@@ -1,0 +1,162 @@
+// Keeps a KernelNetInfo::Root equal to the network devices of one namespace, over rtnetlink, on the
+// event loop.
+//
+//   auto status = KernelNetInfo::Status::statusNew("kni", Ovel::NamespaceName("blue"));
+//   status->enabledIs(true);           // the Root now holds blue's devices
+//   ... Vorn::activityManager().run(); // and follows them: add, delete, rename, up/down, running
+//   status->root()->interfaceByDeviceName("va0").ifIndex();
+//
+// How it stays right:
+// - Subscribe, then snapshot. Enabling opens a NETLINK_ROUTE socket inside the namespace
+//   (Ovel::socketAt; DEFAULT_NS is the calling thread's namespace), gives it a generous receive
+//   buffer (rcvBufBytes, SO_RCVBUFFORCE, or SO_RCVBUF when not permitted), binds it, joins
+//   RTNLGRP_LINK, and only then asks for a dump (RTM_GETLINK, NLM_F_DUMP). enabledIs(true) reads that
+//   first dump before it returns (for at most initialDumpSeconds; the rest then arrives on the loop).
+// - Messages are applied in the order the socket delivers them, so a later message about a device
+//   always wins over an earlier one. Dumped devices are collected, events are applied at once (and
+//   to the collection), and when the dump ends the Root is reconciled with the collection: devices
+//   that vanished go, changed ones are updated, new ones are added. A dump whose messages carry
+//   NLM_F_DUMP_INTR (the device list changed under it) only adds and updates, and is repeated.
+// - Events: RTM_NEWLINK adds, updates or renames; RTM_DELLINK deletes. A device that leaves for
+//   another namespace (RTM_DELLINK, or RTM_NEWLINK carrying IFLA_NEW_NETNSID) is a deletion here.
+//   Messages of other families (AF_BRIDGE port messages share the group) are ignored.
+// - Lost events: when recvmsg fails with ENOBUFS (the receive buffer overran) or a message was
+//   truncated, the Root may have drifted; `synced` turns false and a re-dump is asked for. Re-dumps
+//   are rate-limited on the loop's clock: one starts no sooner than redumpInterval seconds (0.1 by
+//   default) after the previous dump started; losses in between are covered by that one dump, and a
+//   loss during a dump asks for one more after it. The monitor never gives up or exits.
+// - Each readable event reads until EAGAIN.
+//
+// Disabling drops the FileDescriptor, then closes the socket; the Root keeps what it last knew, and
+// enabling again reconciles it with a fresh dump. Failures to set the socket up raise
+// Vorn::ErrnoException ("KernelNetInfo::Status <step> failed in namespace <ns>, errno: <n>") with
+// nothing left open. Traces go to the handle "KernelNetInfo".
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "intfsm/foundation/kernel/KernelNetInfo.h"
+#include "intfsm/foundation/ovel/NamespaceName.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Entity.h"
+
+struct nlmsghdr;
+
+namespace KernelNetInfo {
+
+class Status : public Vorn::Entity {
+ public:
+  class NotifieeConst : public Vorn::Notifiee<Status> {
+   public:
+    virtual void onEnabled() {}
+    virtual void onSynced() {}
+  };
+
+  static constexpr uint32_t defaultRcvBufBytes = 4u << 20;
+  static constexpr double defaultRedumpInterval = 0.1;
+  static constexpr double initialDumpSeconds = 2.0;
+
+  // Serves namespace `netNs`; fills `root`, or a Root of its own (named like the status) when null.
+  // Runs on the process's loop, or on `loop` (which must outlive the status).
+  static Vorn::Ptr<Status> statusNew(Vorn::Name const & name, Ovel::NamespaceName const & netNs,
+                                     Vorn::Ptr<Root> const & root = nullptr);
+  static Vorn::Ptr<Status> statusNew(Vorn::Name const & name, Ovel::NamespaceName const & netNs,
+                                     Vorn::Ptr<Root> const & root, Vorn::ActivityManager & loop);
+  ~Status() override;
+
+  Ovel::NamespaceName const & netNs() const { return netNs_; }
+  Vorn::Ptr<Root const> root() const { return root_; }
+
+  // True opens, subscribes and dumps (see above; Vorn::ErrnoException on failure, then still
+  // disabled); false closes. Setting the current value does nothing.
+  bool enabled() const { return enabled_; }
+  void enabledIs(bool enabled);
+
+  // True while the Root is known to match the kernel: a complete dump has been applied and no event
+  // has been lost since.
+  bool synced() const { return synced_; }
+
+  // The receive buffer asked for, in bytes; applied at once when enabled (Vorn::ErrnoException when
+  // the kernel refuses, and the value stays), else at the next enable. 0 keeps the kernel's default.
+  uint32_t rcvBufBytes() const { return rcvBufBytes_; }
+  void rcvBufBytesIs(uint32_t bytes);
+
+  // Least time between the starts of two dumps caused by lost events, in seconds (>= 0).
+  double redumpInterval() const { return redumpInterval_; }
+  void redumpIntervalIs(double seconds);
+
+  // The socket, or -1 while disabled.
+  int descriptor() const { return sd_; }
+  bool dumpInProgress() const { return dumping_; }
+  bool redumpPending() const { return redumpPending_; }
+
+  // Counters, kept across enable and disable.
+  uint64_t events() const { return events_; }                  // link events applied
+  uint64_t dumps() const { return dumps_; }                    // dumps completed
+  uint64_t redumps() const { return redumps_; }                // re-dumps started after a loss or an interruption
+  uint64_t overruns() const { return overruns_; }              // losses seen: ENOBUFS or a truncated message
+  uint64_t dumpsInterrupted() const { return dumpsInterrupted_; }  // dumps that ended with NLM_F_DUMP_INTR
+  uint64_t receiveErrors() const { return receiveErrors_; }    // other recvmsg failures
+
+  // Reads and applies whatever the socket holds, until EAGAIN (what the loop calls when readable).
+  void handleReadable();
+
+ private:
+  class VornFileDesc;
+  class VornClock;
+
+  Status(Vorn::Name const & name, Ovel::NamespaceName const & netNs, Vorn::Ptr<Root> const & root,
+         Vorn::ActivityManager & loop);
+
+  void open();
+  void close();
+  [[noreturn]] void fail(char const * step, int error);
+  void applyRcvBuf(int sd);
+  bool startDump();
+  void dumpEnd();
+  void eventsLost(char const * why);
+  void scheduleRedump();
+  void handleRedumpTime();
+  void handleMessage(nlmsghdr const * nlh);
+  void handleLink(nlmsghdr const * nlh, bool fromDump);
+  void dumpListIs(Interface const & i);
+  void dumpListDel(uint32_t ifIndex);
+  void syncedIs(bool synced);
+
+  Ovel::NamespaceName netNs_;
+  Vorn::Ptr<Root> root_;
+  Vorn::ActivityManager & loop_;
+  bool enabled_ = false;
+  bool synced_ = false;
+  uint32_t rcvBufBytes_ = defaultRcvBufBytes;
+  double redumpInterval_ = defaultRedumpInterval;
+  int sd_ = -1;
+  Vorn::Ptr<Vorn::FileDescriptor> fd_;
+  Vorn::Ptr<VornFileDesc> fdReactor_;
+  Vorn::Ptr<VornClock> clockReactor_;
+  std::vector<char> buffer_;
+
+  uint32_t seq_;
+  uint32_t dumpSeq_ = 0;
+  bool dumping_ = false;
+  bool dumpInterrupted_ = false;
+  bool lostDuringDump_ = false;
+  bool redumpPending_ = false;
+  double lastDumpStart_ = 0;
+  // What the dump in progress has said so far, patched by the events that came with it.
+  std::map<uint32_t, Interface> dumpList_;
+  std::unordered_map<std::string, uint32_t> dumpListByName_;
+
+  uint64_t events_ = 0;
+  uint64_t dumps_ = 0;
+  uint64_t redumps_ = 0;
+  uint64_t overruns_ = 0;
+  uint64_t dumpsInterrupted_ = 0;
+  uint64_t receiveErrors_ = 0;
+};
+
+}  // namespace KernelNetInfo

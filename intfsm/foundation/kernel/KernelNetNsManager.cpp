@@ -1,0 +1,359 @@
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"
+
+#include <dirent.h>
+#include <linux/magic.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <unordered_set>
+
+#include "intfsm/foundation/kernel/Trace.h"
+#include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/System.h"
+
+namespace KernelNetNsInfo {
+
+namespace {
+
+uint32_t const directoryEvents = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF |
+                                 IN_ONLYDIR;
+uint32_t const parentEvents = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR;
+
+// The namespace of the calling thread: the one this process works in, also inside a container.
+uint32_t ownNamespaceNumber() {
+  struct stat st {};
+  if (::stat("/proc/thread-self/ns/net", &st) == 0 || ::stat("/proc/self/ns/net", &st) == 0) {
+    return static_cast<uint32_t>(st.st_ino);
+  }
+  KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot read its own namespace, errno: " << errno
+                                                                                  << "; following without it");
+  return 0;
+}
+
+}  // namespace
+
+class Manager::VornFileDesc : public Vorn::FileDescriptor::NotifieeConst {
+ public:
+  VornFileDesc(Vorn::Ptr<Vorn::FileDescriptor> const & fd, Manager * owner) : owner_(owner) { notifierIs(fd); }
+  void onReadableCount() override { owner_->handleReadable(); }
+
+ private:
+  Manager * owner_;  // the manager outlives its reactors (dropped first when it stops)
+};
+
+class Manager::VornClock : public Vorn::Clock::NotifieeConst {
+ public:
+  explicit VornClock(Manager * owner) : owner_(owner) {}
+  void onTimeMin() override { owner_->handlePendingMounts(); }
+
+ private:
+  Manager * owner_;
+};
+
+void reconcile(Root & root, std::vector<NamespaceEntry> const & namespaces) {
+  std::unordered_set<Ovel::NamespaceName> listed;
+  for (NamespaceEntry const & e : namespaces) listed.insert(e.name);
+  std::vector<Ovel::NamespaceName> vanished;
+  for (auto const & e : root.netNsByNameIter()) {
+    if (listed.count(e.key) == 0) vanished.push_back(e.key);
+  }
+  for (Ovel::NamespaceName const & name : vanished) root.namespaceDel(name);
+  for (NamespaceEntry const & e : namespaces) root.namespaceIs(e.name, e.number);
+}
+
+Vorn::Ptr<Manager> ManagerIs(Vorn::Ptr<Root> const & root) {
+  return ManagerIs(root, Manager::defaultDirectory, Vorn::activityManager());
+}
+
+Vorn::Ptr<Manager> ManagerIs(Vorn::Ptr<Root> const & root, Vorn::String const & directory,
+                             Vorn::ActivityManager & loop) {
+  if (!root) throw Vorn::RangeException("KernelNetNsInfo::ManagerIs: null root not allowed");
+  return new Manager(root, directory, loop);
+}
+
+Manager::Manager(Vorn::Ptr<Root> const & root, Vorn::String const & directory, Vorn::ActivityManager & loop)
+    : Entity(root->name()), root_(root), directory_(directory), loop_(loop) {
+  std::string const path(directory.view());
+  size_t const slash = path.find_last_of('/');
+  if (slash == std::string::npos) {
+    parent_ = ".";
+    base_ = path;
+  } else {
+    parent_ = slash == 0 ? "/" : path.substr(0, slash);
+    base_ = path.substr(slash + 1);
+  }
+  clockReactor_ = new VornClock(this);
+  clockReactor_->notifierIs(loop_.clock());
+}
+
+Manager::~Manager() {
+  deactivate();
+  clockReactor_ = nullptr;
+}
+
+void Manager::hasNotificationActiveIs(bool active) {
+  if (active == active_) return;
+  KNNI_TRACE(8, "hasNotificationActiveIs( " << (active ? "true" : "false") << " ) directory: " << directory_);
+  // Set first: reactors called by the first scan see the manager on (and may turn it off again).
+  active_ = active;
+  if (active) {
+    try {
+      activate();
+    } catch (...) {
+      active_ = false;
+      throw;
+    }
+  } else {
+    deactivate();
+  }
+  notify(&NotifieeConst::onHasNotificationActive);
+}
+
+void Manager::activate() {
+  defaultNumber_ = ownNamespaceNumber();
+  int const fd = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (fd < 0) {
+    int const error = errno;
+    std::ostringstream text;
+    text << "KernelNetNsInfo::Manager inotify_init1 failed, errno: " << error;
+    KNNI_TRACE(0, text.str());
+    throw Vorn::ErrnoException(error, text.str());
+  }
+  inotify_ = fd;
+  try {
+    fd_ = Vorn::fileDescriptorFactory(name(), loop_);
+    fd_->nonBlockingIs(true);
+    fd_->descriptorIs(fd);
+  } catch (Vorn::ErrnoException const & e) {
+    std::ostringstream text;
+    text << "KernelNetNsInfo::Manager watch failed, errno: " << e.errorNumber();
+    KNNI_TRACE(0, text.str());
+    deactivate();
+    throw Vorn::ErrnoException(e.errorNumber(), text.str());
+  }
+  fdReactor_ = new VornFileDesc(fd_, this);
+
+  // The parent first: a directory created right after the look below is then still seen.
+  parentWatch_ = ::inotify_add_watch(fd, parent_.c_str(), parentEvents);
+  if (parentWatch_ < 0) {
+    KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot watch " << parent_ << ", errno: " << errno
+                                                           << "; " << directory_ << " is followed only while it exists");
+  }
+  watchDirectory();
+  rescan();
+}
+
+void Manager::deactivate() {
+  if (fdReactor_) {
+    fdReactor_->notifierIs(nullptr);
+    fdReactor_ = nullptr;
+  }
+  // The loop must stop watching the descriptor before it is closed.
+  if (fd_) {
+    fd_->descriptorIs(-1);
+    fd_ = nullptr;
+  }
+  if (inotify_ >= 0) ::close(inotify_);
+  inotify_ = -1;
+  dirWatch_ = -1;
+  parentWatch_ = -1;
+  pending_.clear();
+  if (clockReactor_) clockReactor_->timeMinIs(Vorn::Clock::never);
+}
+
+void Manager::watchDirectory() {
+  int const wd = ::inotify_add_watch(inotify_, directory_.charPtr(), directoryEvents);
+  if (wd >= 0) {
+    if (dirWatch_ != wd) KNNI_TRACE(5, "watching " << directory_);
+    dirWatch_ = wd;
+    return;
+  }
+  dirWatch_ = -1;
+  if (errno == ENOENT || errno == ENOTDIR) {
+    KNNI_TRACE(5, directory_ << " does not exist; waiting for it in " << parent_);
+  } else {
+    KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot watch " << directory_ << ", errno: " << errno);
+  }
+}
+
+void Manager::directoryGone() {
+  if (dirWatch_ >= 0) {
+    ::inotify_rm_watch(inotify_, dirWatch_);  // already gone when the directory was removed: fine
+    dirWatch_ = -1;
+  }
+  KNNI_TRACE(5, directory_ << " is gone");
+  pending_.clear();
+  armRetry();
+  // It may already be back.
+  watchDirectory();
+  rescan();
+}
+
+void Manager::rescan() {
+  ++scans_;
+  std::vector<NamespaceEntry> found;
+  if (defaultNumber_ != 0) found.push_back({Ovel::NamespaceName::defaultNamespace(), defaultNumber_});
+  std::map<std::string, double> pending;
+  if (DIR * dir = ::opendir(directory_.charPtr())) {
+    double const giveUp = Vorn::System::currentTime() + mountWaitLimit;
+    while (dirent const * entry = ::readdir(dir)) {
+      std::string const name = entry->d_name;
+      uint32_t number = 0;
+      switch (look(name, number)) {
+        case Look::isNamespace:
+          found.push_back({Ovel::NamespaceName(Vorn::String(name)), number});
+          break;
+        case Look::notMounted: {
+          auto const known = pending_.find(name);
+          pending[name] = known == pending_.end() ? giveUp : known->second;
+          break;
+        }
+        case Look::absent:
+          break;
+      }
+    }
+    ::closedir(dir);
+  } else if (errno != ENOENT) {
+    KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot read " << directory_ << ", errno: " << errno);
+  }
+  KNNI_TRACE(5, "scanned " << directory_ << ": " << found.size() << " namespaces, " << pending.size()
+                           << " waiting for their mount");
+  pending_ = std::move(pending);
+  reconcile(*root_, found);
+  armRetry();
+}
+
+Manager::Look Manager::look(std::string const & entry, uint32_t & number) const {
+  if (entry.empty() || entry == "." || entry == "..") return Look::absent;
+  if (entry == Ovel::DEFAULT_NS) {
+    KNNI_TRACE(0, "Skipping " << directory_ << "/" << entry << ": that name is the default namespace's");
+    return Look::absent;
+  }
+  if (entry.size() > Ovel::NamespaceName::maxBytes) {
+    KNNI_TRACE(0, "Skipping " << directory_ << "/" << entry << ": NamespaceName::bytes > 150 not allowed");
+    return Look::absent;
+  }
+  std::string const path = std::string(directory_.view()) + "/" + entry;
+  struct statfs fs {};
+  if (::statfs(path.c_str(), &fs) < 0) {
+    if (errno != ENOENT) KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot read " << path << ", errno: " << errno);
+    return Look::absent;
+  }
+  if (static_cast<unsigned long>(fs.f_type) != NSFS_MAGIC) return Look::notMounted;
+  struct stat st {};
+  if (::stat(path.c_str(), &st) < 0) return Look::absent;
+  number = static_cast<uint32_t>(st.st_ino);
+  return Look::isNamespace;
+}
+
+void Manager::handleReadable() {
+  Vorn::Ptr<Manager> keep(references() ? this : nullptr);
+  int const fd = inotify_;
+  alignas(inotify_event) char buffer[8192];
+  while (fd >= 0 && inotify_ == fd) {
+    ssize_t const length = ::read(fd, buffer, sizeof buffer);
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) {
+        KNNI_TRACE(0, "KernelNetNsInfo::Manager read failed, errno: " << errno);
+      }
+      return;
+    }
+    if (length == 0) return;
+    for (ssize_t at = 0; at < length && inotify_ == fd;) {
+      auto const * event = reinterpret_cast<inotify_event const *>(buffer + at);
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+      std::string const name = event->len != 0 ? std::string(event->name) : std::string();
+      if ((event->mask & IN_Q_OVERFLOW) != 0) {
+        KNNI_TRACE(0, "KernelNetNsInfo::Manager lost inotify events; scanning " << directory_ << " again");
+        if (dirWatch_ < 0) watchDirectory();
+        rescan();
+        continue;
+      }
+      if (dirWatch_ >= 0 && event->wd == dirWatch_) {
+        if ((event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
+          directoryGone();
+        } else if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+          entryAdded(name);
+        } else if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+          entryRemoved(name);
+        }
+      } else if (parentWatch_ >= 0 && event->wd == parentWatch_ && name == base_) {
+        if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+          watchDirectory();
+          rescan();
+        } else if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0 && dirWatch_ >= 0) {
+          directoryGone();
+        }
+      }
+    }
+  }
+}
+
+void Manager::entryAdded(std::string const & entry) {
+  uint32_t number = 0;
+  switch (look(entry, number)) {
+    case Look::isNamespace:
+      pending_.erase(entry);
+      KNNI_TRACE(5, "namespace " << entry << " added, number " << number);
+      root_->namespaceIs(Ovel::NamespaceName(Vorn::String(entry)), number);
+      break;
+    case Look::notMounted:
+      pending_.try_emplace(entry, Vorn::System::currentTime() + mountWaitLimit);
+      armRetry();
+      break;
+    case Look::absent:
+      break;
+  }
+}
+
+void Manager::entryRemoved(std::string const & entry) {
+  pending_.erase(entry);
+  if (entry == Ovel::DEFAULT_NS || entry.size() > Ovel::NamespaceName::maxBytes) return;
+  Ovel::NamespaceName const name{Vorn::String(entry)};
+  if (!root_->netNsByNameHas(name)) return;
+  KNNI_TRACE(5, "namespace " << entry << " removed");
+  root_->namespaceDel(name);
+}
+
+void Manager::handlePendingMounts() {
+  Vorn::Ptr<Manager> keep(references() ? this : nullptr);
+  double const now = Vorn::System::currentTime();
+  std::vector<std::string> entries;
+  for (auto const & [entry, giveUp] : pending_) entries.push_back(entry);
+  for (std::string const & entry : entries) {
+    if (inotify_ < 0) return;
+    uint32_t number = 0;
+    switch (look(entry, number)) {
+      case Look::isNamespace:
+        pending_.erase(entry);
+        KNNI_TRACE(5, "namespace " << entry << " mounted, number " << number);
+        root_->namespaceIs(Ovel::NamespaceName(Vorn::String(entry)), number);
+        break;
+      case Look::notMounted:
+        if (now >= pending_[entry]) {
+          pending_.erase(entry);
+          KNNI_TRACE(0, "KernelNetNsInfo::Manager " << directory_ << "/" << entry << " is not a namespace mount after "
+                                                    << mountWaitLimit << " s; ignored until it changes");
+        }
+        break;
+      case Look::absent:
+        pending_.erase(entry);
+        break;
+    }
+  }
+  armRetry();
+}
+
+void Manager::armRetry() {
+  if (!clockReactor_) return;
+  clockReactor_->timeMinIs(pending_.empty() || inotify_ < 0 ? Vorn::Clock::never
+                                                             : Vorn::System::currentTime() + mountRetryInterval);
+}
+
+}  // namespace KernelNetNsInfo

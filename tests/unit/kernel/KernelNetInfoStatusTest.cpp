@@ -1,0 +1,433 @@
+// The rtnetlink monitor against a kernel played by the test (FakeRtnetlink): set-up order and
+// failures, events, lost events and rate-limited re-dumps, dumps racing with events, disable/enable.
+#include "intfsm/foundation/kernel/KernelNetInfoStatus.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+#include "intfsm/foundation/kernel/KernelNetInfoInterfaceInfo.h"
+#include "intfsm/foundation/vorn/System.h"
+#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeRtnetlink.h"
+#include "tests/support/ThrownText.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using IntfsmTest::FakePlatform;
+using IntfsmTest::FakeRtnetlink;
+using Kind = IntfsmTest::FakePlatform::Kind;
+using KernelNetInfo::Interface;
+using KernelNetInfo::Status;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr uint32_t loFlags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
+constexpr double start = 100.0;
+
+bool isOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) >= 0; }
+
+int intOf(std::string const & bytes) {
+  int value = 0;
+  std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof value));
+  return value;
+}
+
+class KernelNetInfoStatus : public ::testing::Test {
+ protected:
+  KernelNetInfoStatus() {
+    Vorn::System::testTimeIs(start);
+    kernel.linkIs(1, loFlags, "lo");
+    kernel.linkIs(3, IFF_UP, "va0");
+    kernel.linkIs(4, 0, "vb0");
+  }
+  ~KernelNetInfoStatus() override {
+    status = nullptr;
+    Vorn::System::testTimeDel();
+  }
+
+  // The Root as "ifIndex name flags", sorted by ifindex, checked against the other two collections.
+  std::vector<std::string> devices() const {
+    std::vector<std::pair<uint32_t, std::string>> rows;
+    for (auto const & e : status->root()->interfaceByIfIndexIter()) {
+      EXPECT_EQ(status->root()->interfaceByDeviceName(e.value.deviceName()), e.value);
+      EXPECT_EQ(status->root()->deviceNameCache(e.key), e.value.deviceName());
+      std::ostringstream row;
+      row << e.key << " " << e.value.deviceName() << " 0x" << std::hex << e.value.flags();
+      rows.emplace_back(e.key, row.str());
+    }
+    EXPECT_EQ(status->root()->interfaceByDeviceNames(), rows.size());
+    std::sort(rows.begin(), rows.end());
+    std::vector<std::string> out;
+    for (auto & r : rows) out.push_back(r.second);
+    return out;
+  }
+  // The fake kernel's table in the same form.
+  std::vector<std::string> kernelDevices() const {
+    std::vector<std::string> out;
+    for (auto const & [ifIndex, link] : kernel.links()) {
+      std::ostringstream row;
+      row << ifIndex << " " << link.name << " 0x" << std::hex << link.flags;
+      out.push_back(row.str());
+    }
+    return out;
+  }
+  void pass() { loop.runOnce(0); }
+  // Something to read, so that the loop calls the status (the event itself is harmless).
+  void nudge() { kernel.newLink(1, loFlags, "lo"); }
+
+  Vorn::ActivityManager loop;
+  FakePlatform fake;
+  FakeRtnetlink kernel{fake};
+  Vorn::Ptr<Status> status = Status::statusNew("kni", Ovel::NamespaceName(Vorn::String("blue")), nullptr, loop);
+};
+
+TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturning) {
+  status->enabledIs(true);
+
+  EXPECT_TRUE(status->enabled());
+  EXPECT_TRUE(status->synced());
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));
+  EXPECT_EQ(status->dumps(), 1u);
+  EXPECT_EQ(status->redumps(), 0u);
+  EXPECT_EQ(loop.watches(), 1u);
+  EXPECT_NE(::fcntl(status->descriptor(), F_GETFL) & O_NONBLOCK, 0);
+
+  std::vector<Kind> steps;
+  for (auto const & call : fake.calls()) {
+    if (call.kind != Kind::recvmsg && call.kind != Kind::poll) steps.push_back(call.kind);
+  }
+  EXPECT_THAT(steps, ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::bind, Kind::setsockopt, Kind::sendto));
+
+  auto const socketAt = fake.calls(Kind::socketAt).at(0);
+  EXPECT_EQ(socketAt.a, AF_NETLINK);
+  EXPECT_EQ(socketAt.b, SOCK_RAW | SOCK_CLOEXEC);
+  EXPECT_EQ(socketAt.c, NETLINK_ROUTE);
+  EXPECT_EQ(socketAt.text, "blue");
+
+  auto const options = fake.calls(Kind::setsockopt);
+  EXPECT_EQ(options.at(0).a, SOL_SOCKET);
+  EXPECT_EQ(options.at(0).b, SO_RCVBUFFORCE);
+  EXPECT_EQ(intOf(options.at(0).data), 4 << 20);
+  EXPECT_EQ(options.at(1).a, SOL_NETLINK);
+  EXPECT_EQ(options.at(1).b, NETLINK_ADD_MEMBERSHIP);
+  EXPECT_EQ(intOf(options.at(1).data), RTNLGRP_LINK);
+
+  sockaddr_nl bound{};
+  std::string const address = fake.calls(Kind::bind).at(0).data;
+  ASSERT_EQ(address.size(), sizeof bound);
+  std::memcpy(&bound, address.data(), sizeof bound);
+  EXPECT_EQ(bound.nl_family, AF_NETLINK);
+  EXPECT_EQ(bound.nl_pid, 0u);
+  EXPECT_EQ(bound.nl_groups, 0u);
+
+  std::string const sent = fake.calls(Kind::sendto).at(0).data;
+  ASSERT_GE(sent.size(), sizeof(nlmsghdr));
+  auto const * request = reinterpret_cast<nlmsghdr const *>(sent.data());
+  EXPECT_EQ(request->nlmsg_type, RTM_GETLINK);
+  EXPECT_EQ(request->nlmsg_flags, NLM_F_REQUEST | NLM_F_DUMP);
+}
+
+TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsAndDelete) {
+  status->enabledIs(true);
+  uint64_t const before = status->events();
+
+  kernel.newLink(5, 0, "vc0");
+  pass();
+  EXPECT_EQ(status->root()->interfaceByDeviceName("vc0"), Interface(5, 0, "vc0"));
+
+  kernel.newLink(5, 0, "wan0");
+  pass();
+  EXPECT_FALSE(status->root()->interfaceByDeviceNameHas("vc0"));
+  EXPECT_EQ(status->root()->interfaceByDeviceName("wan0").ifIndex(), 5u);
+
+  kernel.newLink(5, IFF_UP | IFF_RUNNING, "wan0");
+  pass();
+  EXPECT_TRUE(status->root()->interfaceByIfIndex(5).isRunning());
+
+  kernel.delLink(5);
+  kernel.delLink(4);
+  pass();  // both in one pass: read until EAGAIN
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1"));
+  EXPECT_EQ(status->events() - before, 5u);
+  EXPECT_TRUE(status->synced());
+  EXPECT_EQ(status->dumps(), 1u);
+}
+
+TEST_F(KernelNetInfoStatus, MovesAwayAreDeletionsAndOtherFamiliesAreIgnored) {
+  status->enabledIs(true);
+  TraceCapture trace{{"KernelNetInfo", 1}};
+
+  // A bridge port leaving its bridge: RTM_DELLINK of family AF_BRIDGE; the device stays.
+  kernel.send(FakeRtnetlink::linkMessage(RTM_DELLINK, 0, 0, 3, IFF_UP, "va0", AF_BRIDGE));
+  // A device moved to another namespace, reported as RTM_NEWLINK with IFLA_NEW_NETNSID.
+  kernel.send(FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 4, 0, "vb0", AF_UNSPEC, 7));
+  // A name the kernel cannot have: ignored, traced.
+  kernel.send(FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 9, 0, "abcdefghijklmnopq"));
+  pass();
+
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1"));
+  ASSERT_EQ(trace.texts("KernelNetInfo", 0).size(), 1u) << trace.dump();
+  EXPECT_THAT(trace.texts("KernelNetInfo", 0)[0],
+              ::testing::StartsWith("KernelNetInfo::Status ignoring ifIndex 9 in namespace blue: PodArray::set expected "
+                                    "size <= 16, instead got 17"));
+}
+
+TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
+  status->enabledIs(true);
+  TraceCapture trace{{"KernelNetInfo", 1}};
+  // Changes whose events the socket loses.
+  kernel.linkDel(4);
+  kernel.linkIs(3, IFF_UP | IFF_RUNNING, "va0");
+  kernel.linkIs(6, 0, "vd0");
+
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  EXPECT_EQ(status->overruns(), 1u);
+  EXPECT_FALSE(status->synced());
+  EXPECT_TRUE(status->redumpPending());
+  EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // the previous dump started at `start`: too soon
+  EXPECT_THAT(trace.texts("KernelNetInfo", 0),
+              ElementsAre("KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again"));
+
+  Vorn::System::testTimeIs(start + 0.05);
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  EXPECT_EQ(status->overruns(), 2u);
+  EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // still one wanted, still waiting
+
+  Vorn::System::testTimeIs(start + Status::defaultRedumpInterval);
+  pass();  // the clock starts the re-dump; the fake answers at once
+  EXPECT_EQ(kernel.dumpRequests().size(), 2u);
+  EXPECT_EQ(status->redumps(), 1u);
+  pass();  // the answer is read
+  EXPECT_THAT(devices(), ::testing::ElementsAreArray(kernelDevices()));
+  EXPECT_TRUE(status->synced());
+  EXPECT_FALSE(status->redumpPending());
+  EXPECT_EQ(status->dumps(), 2u);
+
+  // Long after the last dump, a loss re-dumps at once.
+  Vorn::System::testTimeIs(start + 10);
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  EXPECT_EQ(kernel.dumpRequests().size(), 3u);
+  EXPECT_EQ(status->redumps(), 2u);
+}
+
+TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
+  status->enabledIs(true);
+  kernel.autoAnswerIs(false);
+  kernel.linksPerDatagramIs(1);
+  Vorn::System::testTimeIs(start + 1);
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  ASSERT_EQ(kernel.heldRequests(), 1u);
+
+  kernel.dumpBegin();   // reads lo, va0, vb0
+  kernel.dumpSend(2);   // lo, va0
+  kernel.delLink(3);    // va0 goes after the dump passed it
+  kernel.newLink(7, IFF_UP, "ve0");  // a device the dump will not list
+  kernel.dumpSend(1);   // vb0
+  kernel.dumpDone();
+  pass();
+
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 vb0 0x0", "7 ve0 0x1"));
+  EXPECT_TRUE(status->synced());
+  EXPECT_FALSE(status->dumpInProgress());
+}
+
+TEST_F(KernelNetInfoStatus, InterruptedDumpOnlyAddsAndIsRepeated) {
+  status->enabledIs(true);
+  kernel.linkDel(4);
+  kernel.linkIs(8, 0, "vf0");
+  kernel.interruptNextDump();
+  Vorn::System::testTimeIs(start + 1);
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  pass();
+  EXPECT_EQ(status->dumpsInterrupted(), 1u);
+  // vf0 added; vb0 kept, since an interrupted dump may simply have missed it.
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0", "8 vf0 0x0"));
+  EXPECT_FALSE(status->synced());
+  EXPECT_TRUE(status->redumpPending());
+
+  Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
+  pass();
+  pass();
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x0"));
+  EXPECT_TRUE(status->synced());
+  EXPECT_EQ(status->redumps(), 2u);
+}
+
+TEST_F(KernelNetInfoStatus, RefusedDumpRequestIsAskedAgainLater) {
+  status->enabledIs(true);
+  kernel.autoAnswerIs(false);
+  Vorn::System::testTimeIs(start + 1);
+  fake.failNext(Kind::recvmsg, ENOBUFS);
+  nudge();
+  pass();
+  ASSERT_EQ(kernel.dumpRequests().size(), 2u);
+  kernel.refuse(EBUSY);
+  pass();
+  EXPECT_FALSE(status->dumpInProgress());
+  EXPECT_TRUE(status->redumpPending());
+
+  kernel.autoAnswerIs(true);
+  Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
+  pass();
+  EXPECT_EQ(kernel.dumpRequests().size(), 3u);
+  pass();
+  EXPECT_TRUE(status->synced());
+}
+
+TEST_F(KernelNetInfoStatus, TruncatedMessageCountsAsALoss) {
+  status->enabledIs(true);
+  kernel.send(std::string(80 * 1024, '\0'));
+  pass();
+  EXPECT_EQ(status->overruns(), 1u);
+  EXPECT_TRUE(status->redumpPending());
+}
+
+TEST_F(KernelNetInfoStatus, DisableClosesAndEnableAgainReconciles) {
+  status->enabledIs(true);
+  int const first = status->descriptor();
+  ASSERT_TRUE(isOpen(first));
+
+  status->enabledIs(false);
+  EXPECT_FALSE(status->enabled());
+  EXPECT_FALSE(status->synced());
+  EXPECT_EQ(status->descriptor(), -1);
+  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_FALSE(isOpen(first));
+  EXPECT_EQ(fake.count(Kind::close), 1u);
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));  // last known
+
+  kernel.linkDel(3);
+  kernel.linkIs(4, 0, "wan0");
+  status->enabledIs(true);
+  EXPECT_EQ(kernel.sockets(), 2);
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 wan0 0x0"));
+  EXPECT_EQ(status->dumps(), 2u);
+}
+
+TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivilege) {
+  status->rcvBufBytesIs(1024);
+  fake.failNext(Kind::setsockopt, EPERM);  // SO_RCVBUFFORCE needs CAP_NET_ADMIN
+  status->enabledIs(true);
+  auto options = fake.calls(Kind::setsockopt);
+  ASSERT_GE(options.size(), 2u);
+  EXPECT_EQ(options[0].b, SO_RCVBUFFORCE);
+  EXPECT_EQ(options[0].error, EPERM);
+  EXPECT_EQ(options[1].b, SO_RCVBUF);
+  EXPECT_EQ(intOf(options[1].data), 1024);
+
+  fake.clearCalls();
+  status->rcvBufBytesIs(8192);  // applied at once while enabled
+  options = fake.calls(Kind::setsockopt);
+  ASSERT_EQ(options.size(), 1u);
+  EXPECT_EQ(options[0].b, SO_RCVBUFFORCE);
+  EXPECT_EQ(intOf(options[0].data), 8192);
+
+  fake.failNext(Kind::setsockopt, ENOMEM);
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->rcvBufBytesIs(1 << 20); }),
+            "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12");
+  EXPECT_EQ(status->rcvBufBytes(), 8192u);
+
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { status->redumpIntervalIs(-1); }),
+            "KernelNetInfo::Status::redumpInterval < 0 not allowed");
+}
+
+TEST_F(KernelNetInfoStatus, FailedDumpRequestClosesEverything) {
+  fake.failNext(Kind::sendto, ENOBUFS);
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->enabledIs(true); }),
+            "KernelNetInfo::Status sendto failed in namespace blue, errno: 105");
+  EXPECT_FALSE(status->enabled());
+  EXPECT_FALSE(isOpen(kernel.statusSide()));
+  EXPECT_EQ(loop.watches(), 0u);
+}
+
+TEST_F(KernelNetInfoStatus, InterfaceInfoReadsTheStatusRoot) {
+  KernelNetInfo::InterfaceInfo unbound;
+  EXPECT_FALSE(unbound.root());
+  EXPECT_FALSE(unbound.interface("lo"));
+
+  status->enabledIs(true);
+  KernelNetInfo::InterfaceInfo info(status);
+  EXPECT_EQ(info.root(), status->root());
+  EXPECT_EQ(info.ifIndex("va0"), 3u);
+  EXPECT_EQ(info.deviceName(4), "vb0");
+  EXPECT_EQ(info.interfaceByIfIndex(1), Interface(1, loFlags, "lo"));
+  EXPECT_TRUE(info.isRunning("lo"));
+  EXPECT_FALSE(info.isRunning("va0"));
+  EXPECT_FALSE(info.exists("nope0"));
+  EXPECT_EQ(info.ifIndex("nope0"), 0u);
+}
+
+TEST_F(KernelNetInfoStatus, GivenRootIsTheOneFilled) {
+  auto root = KernelNetInfo::Root::rootNew("mine");
+  root->interfaceIs(Interface(42, 0, "stale0"));
+  auto own = Status::statusNew("kni2", Ovel::NamespaceName(), root, loop);
+  EXPECT_EQ(own->root(), root);
+  EXPECT_TRUE(own->netNs().isDefault());  // empty means the default namespace
+  own->enabledIs(true);
+  EXPECT_EQ(fake.calls(Kind::socketAt).back().text, "default");
+  EXPECT_FALSE(root->interfaceByIfIndexHas(42));
+  EXPECT_EQ(root->interfaceByIfIndexs(), 3u);
+}
+
+// Set-up failures on the fake platform's own descriptors: the error names the step and errno, and
+// nothing stays open.
+class KernelNetInfoStatusSetUp : public ::testing::Test {
+ protected:
+  std::string enableError() {
+    return IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->enabledIs(true); });
+  }
+  Vorn::ActivityManager loop;
+  FakePlatform fake;
+  Vorn::Ptr<Status> status = Status::statusNew("kni", Ovel::NamespaceName(Vorn::String("blue")), nullptr, loop);
+};
+
+TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
+  TraceCapture trace{{"KernelNetInfo", 1}};
+  fake.failNext(Kind::socketAt, ENOENT);
+  EXPECT_EQ(enableError(), "KernelNetInfo::Status socket failed in namespace blue, errno: 2");
+  fake.failNext(Kind::bind, EADDRINUSE);
+  EXPECT_EQ(enableError(), "KernelNetInfo::Status bind failed in namespace blue, errno: 98");
+  fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
+    if (level != SOL_NETLINK) return 0;
+    errno = EINVAL;
+    return -1;
+  };
+  EXPECT_EQ(enableError(), "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22");
+  fake.behaviour().setsockopt = [](int, int, int, void const *, socklen_t) {
+    errno = ENOMEM;
+    return -1;
+  };
+  EXPECT_EQ(enableError(), "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12");
+
+  EXPECT_FALSE(status->enabled());
+  EXPECT_EQ(status->descriptor(), -1);
+  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
+  EXPECT_EQ(fake.count(Kind::close), 3u);  // every socket that was had
+  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_THAT(trace.texts("KernelNetInfo", 0),
+              ElementsAre("KernelNetInfo::Status socket failed in namespace blue, errno: 2",
+                          "KernelNetInfo::Status bind failed in namespace blue, errno: 98",
+                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22",
+                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12"));
+}
+
+}  // namespace

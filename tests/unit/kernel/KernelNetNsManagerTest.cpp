@@ -1,0 +1,236 @@
+// The namespace collection: its two keys with aliases, reconciling a scan, and the manager's watching
+// of a directory of its own (no namespace mounts here: those are in the kernel tests).
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/System.h"
+#include "tests/support/NotificationLog.h"
+#include "tests/support/OpenDescriptors.h"
+#include "tests/support/ThrownText.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using IntfsmTest::NotificationLog;
+using KernelNetNsInfo::Manager;
+using KernelNetNsInfo::NamespaceEntry;
+using KernelNetNsInfo::Root;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+Ovel::NamespaceName ns(char const * name) { return Ovel::NamespaceName(Vorn::String(name)); }
+
+uint32_t ownNamespace() {
+  struct stat st {};
+  EXPECT_EQ(::stat("/proc/thread-self/ns/net", &st), 0);
+  return static_cast<uint32_t>(st.st_ino);
+}
+
+struct Watcher : Root::NotifieeConst {
+  explicit Watcher(NotificationLog & l) : log(l) {}
+  void onNetNs(uint32_t number) override { log.add("netNs", number); }
+  void onNetNsByName(Ovel::NamespaceName const & name) override { log.add("netNsByName", name); }
+  NotificationLog & log;
+};
+
+// Both collections as "name=number" and "number=name".
+std::vector<std::string> contents(Root const & root) {
+  std::vector<std::string> out;
+  for (auto const & e : root.netNsByNameIter()) out.push_back(e.key.name().stdString() + "=" + std::to_string(e.value));
+  for (auto const & e : root.netNsIter()) out.push_back(std::to_string(e.key) + "=" + e.value.name().stdString());
+  return out;
+}
+
+class KernelNetNsRoot : public ::testing::Test {
+ protected:
+  KernelNetNsRoot() { watcher->notifierIs(root); }
+  Vorn::Ptr<Root> root = Root::rootNew("netNs");
+  NotificationLog log;
+  Vorn::Ptr<Watcher> watcher = new Watcher(log);
+};
+
+TEST_F(KernelNetNsRoot, ReconcileRemovesAddsAndRenumbersWithRealChangesOnly) {
+  root->namespaceIs(ns("default"), 10);
+  root->namespaceIs(ns("blue"), 11);
+  root->namespaceIs(ns("red"), 12);
+  log.take();
+
+  KernelNetNsInfo::reconcile(*root, {{ns("default"), 10}, {ns("red"), 15}, {ns("green"), 13}});
+  EXPECT_THAT(log.take(), ElementsAre("netNs(11)", "netNsByName(blue)",          // vanished
+                                      "netNs(15)", "netNsByName(red)", "netNs(12)",  // re-created: new number
+                                      "netNs(13)", "netNsByName(green)"));        // new
+  EXPECT_THAT(contents(*root), UnorderedElementsAre("default=10", "red=15", "green=13", "10=default", "15=red",
+                                                    "13=green"));
+
+  KernelNetNsInfo::reconcile(*root, {{ns("default"), 10}, {ns("red"), 15}, {ns("green"), 13}});
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(KernelNetNsRoot, OneNamespaceUnderTwoNamesKeepsItsNumberUntilBothGo) {
+  root->namespaceIs(ns("blue"), 11);
+  root->namespaceIs(ns("alias"), 11);
+  EXPECT_EQ(root->netNs(11), ns("blue"));  // the first name stays while it is bound
+  root->namespaceDel(ns("blue"));
+  EXPECT_EQ(root->netNs(11), ns("alias"));
+  EXPECT_TRUE(root->netNsHas(11));
+  root->namespaceDel(ns("alias"));
+  EXPECT_FALSE(root->netNsHas(11));
+
+  // The default namespace's name wins its number, whatever came first.
+  root->namespaceIs(ns("host"), 10);
+  root->namespaceIs(ns("default"), 10);
+  EXPECT_EQ(root->netNs(10), ns("default"));
+  root->namespaceIs(ns("host"), 10);
+  EXPECT_EQ(root->netNs(10), ns("default"));
+  root->namespaceDel(ns("host"));
+  EXPECT_EQ(root->netNs(10), ns("default"));
+}
+
+// A manager on a private directory under a temporary parent, on a private loop and test time.
+class KernelNetNsManager : public ::testing::Test {
+ protected:
+  KernelNetNsManager() {
+    char pattern[] = "/tmp/intfsm-netns-XXXXXX";
+    parent = ::mkdtemp(pattern);
+    dir = parent + "/netns";
+    Vorn::System::testTimeIs(start);
+  }
+  ~KernelNetNsManager() override {
+    manager = nullptr;
+    std::filesystem::remove_all(parent);
+    Vorn::System::testTimeDel();
+  }
+  void make() { manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop); }
+  void touch(std::string const & name) { std::ofstream(dir + "/" + name).put('x'); }
+  void pass() { loop.runOnce(0); }
+
+  static constexpr double start = 50.0;
+  std::string parent;
+  std::string dir;
+  Vorn::ActivityManager loop;
+  Vorn::Ptr<Root> root = Root::rootNew("netNs");
+  Vorn::Ptr<Manager> manager;
+};
+
+TEST_F(KernelNetNsManager, FollowsNothingUntilTurnedOnThenHasTheDefaultNamespace) {
+  make();
+  EXPECT_FALSE(manager->hasNotificationActive());
+  EXPECT_EQ(manager->root(), root);
+  EXPECT_EQ(manager->descriptor(), -1);
+  EXPECT_EQ(root->netNsByNames(), 0u);
+
+  manager->hasNotificationActiveIs(true);
+  EXPECT_EQ(manager->defaultNumber(), ownNamespace());
+  EXPECT_THAT(contents(*root), UnorderedElementsAre("default=" + std::to_string(ownNamespace()),
+                                                    std::to_string(ownNamespace()) + "=default"));
+  EXPECT_FALSE(manager->directoryWatched());  // not there yet
+  EXPECT_EQ(loop.watches(), 1u);
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([] { KernelNetNsInfo::ManagerIs(nullptr); }),
+            "KernelNetNsInfo::ManagerIs: null root not allowed");
+}
+
+TEST_F(KernelNetNsManager, DirectoryCreatedLaterIsWatchedAndItsRemovalDropsItsNamespaces) {
+  make();
+  manager->hasNotificationActiveIs(true);
+  uint64_t const scans = manager->scans();
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  pass();
+  EXPECT_TRUE(manager->directoryWatched());
+  EXPECT_EQ(manager->scans(), scans + 1);
+
+  root->namespaceIs(ns("stale"), 99);  // as if found there before
+  ASSERT_EQ(::rmdir(dir.c_str()), 0);
+  pass();
+  EXPECT_FALSE(manager->directoryWatched());
+  EXPECT_THAT(contents(*root), UnorderedElementsAre("default=" + std::to_string(ownNamespace()),
+                                                    std::to_string(ownNamespace()) + "=default"));
+
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  pass();
+  EXPECT_TRUE(manager->directoryWatched());
+}
+
+TEST_F(KernelNetNsManager, PlainFileIsLookedAtAgainUntilItsMountIsDueThenLeftAlone) {
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  make();
+  manager->hasNotificationActiveIs(true);
+  TraceCapture trace{{"KernelNetNsInfo", 1}};
+
+  touch("blue");  // what `ip netns add` does first; its mount follows
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 1u);
+  EXPECT_FALSE(root->netNsByNameHas(ns("blue")));
+
+  Vorn::System::testTimeIs(start + 1.0);
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 1u);  // still within the wait
+
+  Vorn::System::testTimeIs(start + Manager::mountWaitLimit + 0.1);
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 0u);
+  EXPECT_THAT(trace.texts("KernelNetNsInfo", 0),
+              ElementsAre("KernelNetNsInfo::Manager " + dir + "/blue is not a namespace mount after 2 s; "
+                          "ignored until it changes"));
+
+  // Removed while waiting: no longer waited for.
+  touch("red");
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 1u);
+  ASSERT_EQ(::unlink((dir + "/red").c_str()), 0);
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 0u);
+}
+
+TEST_F(KernelNetNsManager, EntryNamedDefaultIsSkipped) {
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  make();
+  manager->hasNotificationActiveIs(true);
+  TraceCapture trace{{"KernelNetNsInfo", 1}};
+  touch("default");
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 0u);
+  EXPECT_THAT(trace.texts("KernelNetNsInfo", 0),
+              ElementsAre("Skipping " + dir + "/default: that name is the default namespace's"));
+  ASSERT_EQ(::unlink((dir + "/default").c_str()), 0);
+  pass();
+  EXPECT_TRUE(root->netNsByNameHas(ns("default")));  // its removal is not the default namespace's
+}
+
+TEST_F(KernelNetNsManager, TurningOffClosesAndTurningOnAgainReconciles) {
+  int const descriptors = intfsmTest::openDescriptorCount();
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  make();
+  manager->hasNotificationActiveIs(true);
+  touch("blue");
+  pass();
+  ASSERT_EQ(manager->pendingMounts(), 1u);
+
+  manager->hasNotificationActiveIs(false);
+  EXPECT_EQ(manager->descriptor(), -1);
+  EXPECT_EQ(manager->pendingMounts(), 0u);
+  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+
+  root->namespaceIs(ns("ghost"), 77);  // vanished while nobody followed
+  manager->hasNotificationActiveIs(true);
+  EXPECT_FALSE(root->netNsByNameHas(ns("ghost")));
+  EXPECT_FALSE(root->netNsHas(77));
+  EXPECT_EQ(manager->pendingMounts(), 1u);  // blue is looked at again
+
+  manager = nullptr;  // dropping it stops it
+  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+}
+
+}  // namespace
