@@ -14,12 +14,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "intfsm/foundation/ovel/EthDevPam.h"
-#include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
@@ -29,7 +29,6 @@
 using Ovel::EthDevPam;
 using Ovel::Pkt;
 using Ovel::SockFilterProgram;
-using testing::ElementsAre;
 using Vorn::Ptr;
 
 namespace {
@@ -51,6 +50,12 @@ SockFilterProgram firstByteIs(uint8_t wanted) {
                            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, wanted},
                            {BPF_RET | BPF_K, 0, 0, 0xffff},
                            {BPF_RET | BPF_K, 0, 0, 0}};
+}
+
+Ptr<Pkt> pktOf(std::string const & frame) {
+  Ptr<Pkt> pkt = Ovel::globalPktManager().newPkt();
+  pkt->dataIs(frame.data(), static_cast<uint32_t>(frame.size()));
+  return pkt;
 }
 
 struct Reader : Ovel::Pam::NotifieeConst {
@@ -80,14 +85,13 @@ class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
     ASSERT_TRUE(netns().waitForOperState(ns, "va0", IF_OPER_UP));
     ASSERT_TRUE(netns().waitForOperState(ns, "vb0", IF_OPER_UP));
     vaIndex = netns().link(ns, "va0")->ifindex;
-    vbIndex = netns().link(ns, "vb0")->ifindex;
 
     peer = Ovel::socketAt(AF_PACKET, SOCK_RAW, htons(testProtocol), ns.c_str());
     ASSERT_GE(peer, 0);
     sockaddr_ll at{};
     at.sll_family = AF_PACKET;
     at.sll_protocol = htons(testProtocol);
-    at.sll_ifindex = vbIndex;
+    at.sll_ifindex = netns().link(ns, "vb0")->ifindex;
     ASSERT_EQ(bind(peer, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
 
     pam = new EthDevPam("va0");
@@ -107,15 +111,9 @@ class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
     NetNsTest::TearDown();
   }
 
+  // Out of vb0, to which the peer's socket is bound.
   void sendFromPeer(std::string const & frame) {
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_protocol = htons(testProtocol);
-    to.sll_ifindex = vbIndex;
-    to.sll_halen = ETH_ALEN;
-    std::memcpy(to.sll_addr, frame.data(), ETH_ALEN);
-    ASSERT_EQ(sendto(peer, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to),
-              static_cast<ssize_t>(frame.size()));
+    ASSERT_EQ(send(peer, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
   }
   // The next frame the peer receives, or "" after a second without one.
   std::string receiveAtPeer() {
@@ -132,7 +130,6 @@ class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
   Vorn::ActivityManager & loop = Vorn::activityManager();
   std::string ns;
   int vaIndex = 0;
-  int vbIndex = 0;
   int peer = -1;
   int descriptorsBefore = 0;
   uint32_t watchesBefore = 0;
@@ -140,10 +137,11 @@ class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
   Ptr<Reader> reader;
 };
 
-TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeer) {
+TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeerAndStopsWhenDisabled) {
   pam->enabledIs(true);
   EXPECT_EQ(pam->ifIndex(), static_cast<uint32_t>(vaIndex));  // looked up by name inside the namespace
-  ASSERT_TRUE(pam->fileDesc());
+  int const sd = pam->sd();
+  EXPECT_EQ(loop.watches(), watchesBefore + 1);
   std::vector<std::string> sent;
   for (char c = 'a'; c < 'd'; ++c) {
     sent.push_back(frameBytes(c));
@@ -155,21 +153,27 @@ TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeer) {
   EXPECT_EQ(reader->pkts[0]->pktType(), PACKET_BROADCAST);
   EXPECT_EQ(pam->readableCount(), 3u);
   EXPECT_EQ(pam->rxErrors(), 0u);
+
+  pam->enabledIs(false);
+  EXPECT_EQ(pam->sd(), -1);
+  EXPECT_EQ(fcntl(sd, F_GETFD), -1);
+  EXPECT_EQ(loop.watches(), watchesBefore);
+  sendFromPeer(frameBytes('x'));
+  loop.runOnce(0.05);
+  pam->enabledIs(true);  // and again, on a new socket
+  sendFromPeer(frameBytes('y'));
+  ASSERT_TRUE(runUntilFrames(4));
+  EXPECT_EQ(reader->frames[3][14], 'y');
 }
 
-TEST_F(EthDevPamKernelTest, TransmitsFramesThePeerReceives) {
+TEST_F(EthDevPamKernelTest, TransmitsFramesThePeerReceivesAndCountsRefusedOnes) {
   pam->enabledIs(true);
-  Ptr<Pkt> pkt = Ovel::globalPktManager().newPkt();
   std::string const frame = frameBytes('t', 64);
-  pkt->dataIs(frame.data(), static_cast<uint32_t>(frame.size()));
-  EXPECT_TRUE(pam->txPkt(pkt));
+  EXPECT_TRUE(pam->txPkt(pktOf(frame)));
   EXPECT_EQ(receiveAtPeer(), frame);
   EXPECT_EQ(pam->txErrors(), 0u);
 
-  Ptr<Pkt> tooBig = Ovel::globalPktManager().newPkt();
-  std::string const jumbo = frameBytes('j', 4000);  // above the veth's 1500-byte MTU
-  tooBig->dataIs(jumbo.data(), static_cast<uint32_t>(jumbo.size()));
-  EXPECT_FALSE(pam->txPkt(tooBig));
+  EXPECT_FALSE(pam->txPkt(pktOf(frameBytes('j', 4000))));  // above the veth's 1500-byte MTU
   EXPECT_EQ(pam->txErrors(), 1u);
   EXPECT_EQ(pam->lastTxErrno(), EMSGSIZE);
 }
@@ -177,20 +181,16 @@ TEST_F(EthDevPamKernelTest, TransmitsFramesThePeerReceives) {
 TEST_F(EthDevPamKernelTest, FilterDropsWhatItShouldAndCanBeChangedWhileEnabled) {
   pam->filterProgramIs(firstByteIs('1'));
   pam->enabledIs(true);
-  sendFromPeer(frameBytes('2'));
-  sendFromPeer(frameBytes('1'));
-  ASSERT_TRUE(runUntilFrames(1));
-  loop.runOnce(0.05);  // frames arrive in order: the '2' would have come first
-  ASSERT_EQ(reader->frames.size(), 1u);
-  EXPECT_EQ(reader->frames[0][14], '1');
-
-  pam->filterProgramIs(firstByteIs('2'));
-  sendFromPeer(frameBytes('1'));
-  sendFromPeer(frameBytes('2'));
-  ASSERT_TRUE(runUntilFrames(2));
-  loop.runOnce(0.05);
-  ASSERT_EQ(reader->frames.size(), 2u);
-  EXPECT_EQ(reader->frames[1][14], '2');
+  for (char wanted : {'1', '2'}) {
+    pam->filterProgramIs(firstByteIs(static_cast<uint8_t>(wanted)));
+    sendFromPeer(frameBytes(static_cast<char>('2' + '1' - wanted)));
+    sendFromPeer(frameBytes(wanted));
+    size_t const before = reader->frames.size();
+    ASSERT_TRUE(runUntilFrames(before + 1));
+    loop.runOnce(0.05);  // frames arrive in order: the unwanted one would have come first
+    ASSERT_EQ(reader->frames.size(), before + 1);
+    EXPECT_EQ(reader->frames.back()[14], wanted);
+  }
 }
 
 TEST_F(EthDevPamKernelTest, VlanTagArrivesBesideTheFrame) {
@@ -200,66 +200,13 @@ TEST_F(EthDevPamKernelTest, VlanTagArrivesBesideTheFrame) {
   pam->separateDot1QHdrIs(true);
   pam->enabledIs(true);
   std::string const inner = frameBytes('v');
-  std::string const tagged = inner.substr(0, 12) + std::string("\x81\x00\x00\x64", 4) + inner.substr(12);
-  sendFromPeer(tagged);
-  size_t at = 0;
-  ASSERT_TRUE(loop.runUntil(
-      [&] {
-        for (at = 0; at < reader->frames.size(); ++at) {
-          if (reader->frames[at] == inner) return true;
-        }
-        return false;
-      },
-      5.0));
-  Pkt const & pkt = *reader->pkts[at];
+  sendFromPeer(inner.substr(0, 12) + std::string("\x81\x00\x00\x64", 4) + inner.substr(12));
+  auto const found = [&] { return std::find(reader->frames.begin(), reader->frames.end(), inner); };
+  ASSERT_TRUE(loop.runUntil([&] { return found() != reader->frames.end(); }, 5.0));
+  Pkt const & pkt = *reader->pkts[static_cast<size_t>(found() - reader->frames.begin())];
   EXPECT_TRUE(pkt.hasVlanTag());
   EXPECT_EQ(pkt.vlanId(), 100);
   EXPECT_EQ(pkt.vlanTpid(), 0x8100);
-}
-
-TEST_F(EthDevPamKernelTest, BulkReadsWithReusedPacketsDeliverEveryFrame) {
-  reader = nullptr;
-  pam = nullptr;
-  Ptr<Ovel::EthDevPamInBundle> bulk = new Ovel::EthDevPamInBundle(Vorn::String("va0"));
-  bulk->netNsIs(Ovel::NamespaceName(ns));
-  bulk->ethProtocolIs(testProtocol);
-  bulk->perIntfSocketIs(true);
-  bulk->pktReuseIs(true);
-  bulk->enableBulkPamReadIs(true);
-  bulk->socketReadLimitIs(8);
-  pam = bulk;
-  reader = new Reader(pam);
-  pam->enabledIs(true);
-  std::vector<std::string> sent;
-  for (int i = 0; i < 40; ++i) {
-    sent.push_back(frameBytes(static_cast<char>('A' + i)));
-    sendFromPeer(sent.back());
-  }
-  ASSERT_TRUE(runUntilFrames(40)) << reader->frames.size() << " frames";
-  EXPECT_EQ(reader->frames, sent);
-  EXPECT_EQ(bulk->queueDropCount(), 0u);
-  EXPECT_EQ(bulk->savedPackets(), 8u);
-}
-
-TEST_F(EthDevPamKernelTest, DisablingClosesTheSocket) {
-  pam->enabledIs(true);
-  int const sd = pam->sd();
-  ASSERT_GE(sd, 0);
-  EXPECT_NE(fcntl(sd, F_GETFD), -1);
-  EXPECT_EQ(loop.watches(), watchesBefore + 1);
-  pam->enabledIs(false);
-  EXPECT_EQ(pam->sd(), -1);
-  EXPECT_EQ(fcntl(sd, F_GETFD), -1);
-  EXPECT_EQ(loop.watches(), watchesBefore);
-
-  sendFromPeer(frameBytes('x'));
-  loop.runOnce(0.05);
-  EXPECT_TRUE(reader->frames.empty());
-
-  pam->enabledIs(true);  // and again, on a new socket
-  sendFromPeer(frameBytes('y'));
-  ASSERT_TRUE(runUntilFrames(1));
-  EXPECT_EQ(reader->frames[0][14], 'y');
 }
 
 }  // namespace

@@ -90,12 +90,8 @@ std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() co
 
 void FakePlatform::failNext(Kind kind, int error, unsigned times) {
   if (times == 0) return;
-  failures_[kind] = Failure{error, times, false};
+  failures_[kind] = Failure{error, times};
 }
-
-void FakePlatform::failAlways(Kind kind, int error) { failures_[kind] = Failure{error, 0, true}; }
-
-void FakePlatform::succeed(Kind kind) { failures_.erase(kind); }
 
 void FakePlatform::operStateResultIs(bool accepted, int error) {
   operStateAccepted_ = accepted;
@@ -131,7 +127,7 @@ bool FakePlatform::takeFailure(Call & call) {
   if (it == failures_.end()) return false;
   Failure & f = it->second;
   call.error = f.error;
-  if (!f.always && --f.times == 0) failures_.erase(it);
+  if (--f.times == 0) failures_.erase(it);
   return true;
 }
 

@@ -23,7 +23,7 @@
 // - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
 //   content). "/proc/thread-self/ns/net" is there from the start.
 // - setNetlinkOperState records the request and returns operStateResultIs's answer (true at first).
-// A failure queued with failNext / failAlways wins over the fake: the call is recorded with the
+// A failure queued with failNext wins over the fake: the call is recorded with the
 // failure and returns it (-1, null or false, with errno).
 #pragma once
 
@@ -105,10 +105,8 @@ class FakePlatform {
   std::vector<OperStateRequest> operStateRequests() const;
   void clearCalls() { calls_.clear(); }
 
-  // The next `times` calls of `kind` fail with `error`; failAlways until succeed(kind).
+  // The next `times` calls of `kind` fail with `error`.
   void failNext(Kind kind, int error, unsigned times = 1);
-  void failAlways(Kind kind, int error);
-  void succeed(Kind kind);
 
   // The answer of the fake setNetlinkOperState: `accepted`, and errno `error` when not.
   void operStateResultIs(bool accepted, int error = 0);
@@ -137,7 +135,6 @@ class FakePlatform {
   struct Failure {
     int error = 0;
     unsigned times = 0;
-    bool always = false;
   };
   struct Datagram {
     std::string bytes;
