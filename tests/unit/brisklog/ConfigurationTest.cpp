@@ -37,7 +37,8 @@ std::string parseError(char const * text) {
 
 TEST(BrisklogConfigurationParse, ModulesLevelsRangesStarAndBlanks) {
   std::vector<std::pair<char const *, Brisklog::Configuration>> const cases = {
-      {"EthDevPamManagerTypes/0-8,KernelOperState/5", modules({{"EthDevPamManagerTypes", 0x1ff}, {"KernelOperState", 0x20}})},
+      {"EthDevPamManagerTypes/0-8,KernelOperState/5",
+       modules({{"EthDevPamManagerTypes", 0x1ff}, {"KernelOperState", 0x20}})},
       {"IntfByDevice", modules({{"IntfByDevice", 0x3ff}})},
       {"A/0,B/9,C/0-9", modules({{"A", 0x1}, {"B", 0x200}, {"C", 0x3ff}})},
       {"*/0-3", modules({}, 0xf)},

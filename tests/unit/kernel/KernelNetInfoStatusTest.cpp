@@ -311,21 +311,17 @@ TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
   errors.push_back(enableError());
   fake.failNext(Kind::bind, EADDRINUSE);
   errors.push_back(enableError());
-  fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
-    errno = level == SOL_NETLINK ? EINVAL : 0;
-    return level == SOL_NETLINK ? -1 : 0;
-  };
+  fake.failNext(Kind::setsockopt, ENOMEM);
   errors.push_back(enableError());
-  fake.behaviour().setsockopt = [](int, int, int, void const *, socklen_t) {
-    errno = ENOMEM;
-    return -1;
+  fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
+    return level == SOL_NETLINK ? (errno = EINVAL, -1) : 0;
   };
   errors.push_back(enableError());
   EXPECT_THAT(errors,
               ElementsAre("KernelNetInfo::Status socket failed in namespace blue, errno: 2",
                           "KernelNetInfo::Status bind failed in namespace blue, errno: 98",
-                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22",
-                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12"));
+                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12",
+                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22"));
   EXPECT_EQ(trace.texts("KernelNetInfo", 0), errors);
   EXPECT_FALSE(status->enabled());
   EXPECT_EQ(status->descriptor(), -1);

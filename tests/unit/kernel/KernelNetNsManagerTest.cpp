@@ -23,7 +23,6 @@ namespace {
 
 using IntfsmTest::NotificationLog;
 using KernelNetNsInfo::Manager;
-using KernelNetNsInfo::NamespaceEntry;
 using KernelNetNsInfo::Root;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -61,7 +60,7 @@ class KernelNetNsRoot : public ::testing::Test {
   Vorn::Ptr<Watcher> watcher = new Watcher(log);
 };
 
-TEST_F(KernelNetNsRoot, ReconcileRemovesAddsAndRenumbersWithRealChangesOnly) {
+TEST_F(KernelNetNsRoot, ReconcileAppliesRealChangesOnlyAndNamesShareANumber) {
   root->namespaceIs(ns("default"), 10);
   root->namespaceIs(ns("blue"), 11);
   root->namespaceIs(ns("red"), 12);
@@ -76,20 +75,17 @@ TEST_F(KernelNetNsRoot, ReconcileRemovesAddsAndRenumbersWithRealChangesOnly) {
 
   KernelNetNsInfo::reconcile(*root, {{ns("default"), 10}, {ns("red"), 15}, {ns("green"), 13}});
   EXPECT_THAT(log.take(), IsEmpty());
-}
 
-// A namespace under two names keeps its number until both go; the default namespace's name wins
-// its number whatever came first.
-TEST_F(KernelNetNsRoot, OneNamespaceUnderTwoNamesKeepsItsNumberUntilBothGo) {
-  root->namespaceIs(ns("blue"), 11);
-  root->namespaceIs(ns("alias"), 11);
-  EXPECT_EQ(root->netNs(11), ns("blue"));  // the first name stays while it is bound
-  root->namespaceDel(ns("blue"));
-  EXPECT_EQ(root->netNs(11), ns("alias"));
+  // Under two names, a namespace keeps its number until both go; the first name stays while bound.
+  root->namespaceIs(ns("alias"), 13);
+  EXPECT_EQ(root->netNs(13), ns("green"));
+  root->namespaceDel(ns("green"));
+  EXPECT_EQ(root->netNs(13), ns("alias"));
   root->namespaceDel(ns("alias"));
-  EXPECT_FALSE(root->netNsHas(11));
-
+  EXPECT_FALSE(root->netNsHas(13));
+  // The default namespace's name wins its number, whatever came first.
   root->namespaceIs(ns("host"), 10);
+  root->namespaceDel(ns("default"));
   root->namespaceIs(ns("default"), 10);
   root->namespaceIs(ns("host"), 10);
   EXPECT_EQ(root->netNs(10), ns("default"));
@@ -111,10 +107,9 @@ class KernelNetNsManager : public ::testing::Test {
     std::filesystem::remove_all(parent);
     Vorn::System::testTimeDel();
   }
-  void makeOn(bool withDirectory = true) {
-    if (withDirectory) {
-      ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-    }
+  // A manager, turned on, of a directory that exists.
+  void makeOn() {
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
     manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop);
     manager->hasNotificationActiveIs(true);
   }

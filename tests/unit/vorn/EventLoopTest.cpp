@@ -1,6 +1,5 @@
 // The loop as a whole: run()/stop(), runOnce()/runUntil(), the order within a pass, the process's
 // one loop, and no descriptor left behind.
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -100,7 +99,8 @@ TEST_F(LoopTest, RunUntilReturnsWhenDoneOrAtTheTimeout) {
 TEST_F(LoopTest, APassRunsDeferredCallsThenReadinessThenTimers) {
   System::testTimeIs(10.0);
   std::vector<std::string> log;
-  Ptr<OnLevel> deferred = new OnLevel(widget, act.ptr(), [&] { log.push_back("deferred " + std::to_string(widget->level())); });
+  Ptr<OnLevel> deferred =
+      new OnLevel(widget, act.ptr(), [&] { log.push_back("deferred " + std::to_string(widget->level())); });
   Pipe pipe;
   Ptr<FileDescriptor> fd = Vorn::fileDescriptorFactory("in", loop);
   fd->descriptorIs(pipe.r);
