@@ -29,49 +29,58 @@ uint32_t inodeOf(std::string const & path) {
 
 Ovel::NamespaceName nsName(std::string const & name) { return Ovel::NamespaceName(Vorn::String(name)); }
 
+// Whatever a test did, the manager it made leaves no watch and no descriptor behind.
 class KernelNetNsManagerKernel : public IntfsmTest::NetNsTest {
  protected:
+  void SetUp() override {
+    NetNsTest::SetUp();
+    descriptors = intfsmTest::openDescriptorCount();
+  }
+  void TearDown() override {
+    manager = nullptr;
+    EXPECT_EQ(loop.watches(), 0u);
+    EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+    NetNsTest::TearDown();
+  }
+  void makeOn(Vorn::String const & dir) {
+    manager = KernelNetNsInfo::ManagerIs(root, dir, loop);
+    manager->hasNotificationActiveIs(true);
+  }
   bool runUntil(std::function<bool()> const & done) { return loop.runUntil(done, 10.0); }
+
+  int descriptors = 0;
   Vorn::ActivityManager loop;
   Vorn::Ptr<Root> root = Root::rootNew("netNs");
+  Vorn::Ptr<Manager> manager;
 };
 
 TEST_F(KernelNetNsManagerKernel, FollowsIpNetnsAddAndDel) {
-  int const descriptors = intfsmTest::openDescriptorCount();
   std::string const before = netns().namespaceNew();  // there before the manager starts
-  {
-    auto manager = KernelNetNsInfo::ManagerIs(root, Manager::defaultDirectory, loop);
-    manager->hasNotificationActiveIs(true);
-    EXPECT_EQ(root->netNsByName(nsName(Ovel::DEFAULT_NS)), inodeOf("/proc/thread-self/ns/net"));
-    uint32_t const beforeNumber = inodeOf("/run/netns/" + before);
-    EXPECT_EQ(root->netNsByName(nsName(before)), beforeNumber);
-    EXPECT_EQ(root->netNs(beforeNumber), nsName(before));
+  makeOn(Manager::defaultDirectory);
+  EXPECT_EQ(root->netNsByName(nsName(Ovel::DEFAULT_NS)), inodeOf("/proc/thread-self/ns/net"));
+  uint32_t const beforeNumber = inodeOf("/run/netns/" + before);
+  EXPECT_EQ(root->netNs(beforeNumber), nsName(before));
 
-    std::string const added = netns().namespaceNew();
-    ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName(added)); }));
-    uint32_t const number = inodeOf("/run/netns/" + added);
-    EXPECT_EQ(root->netNsByName(nsName(added)), number);
-    EXPECT_EQ(root->netNs(number), nsName(added));
+  std::string const added = netns().namespaceNew();
+  ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName(added)); }));
+  uint32_t const number = inodeOf("/run/netns/" + added);
+  EXPECT_EQ(root->netNsByName(nsName(added)), number);
+  EXPECT_EQ(root->netNs(number), nsName(added));
 
-    netns().namespaceDel(added);
-    ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName(added)); }));
-    EXPECT_FALSE(root->netNsHas(number));
-    EXPECT_TRUE(root->netNsByNameHas(nsName(before)));
+  netns().namespaceDel(added);
+  ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName(added)); }));
+  EXPECT_FALSE(root->netNsHas(number));
+  EXPECT_TRUE(root->netNsByNameHas(nsName(before)));
 
-    manager->hasNotificationActiveIs(false);
-    netns().namespaceDel(before);
-    manager->hasNotificationActiveIs(true);  // reconciles what happened meanwhile
-    EXPECT_FALSE(root->netNsByNameHas(nsName(before)));
-    EXPECT_FALSE(root->netNsHas(beforeNumber));
-  }
-  EXPECT_EQ(loop.watches(), 0u);
-  EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+  manager->hasNotificationActiveIs(false);
+  netns().namespaceDel(before);
+  manager->hasNotificationActiveIs(true);  // reconciles what happened meanwhile
+  EXPECT_FALSE(root->netNsHas(beforeNumber));
 }
 
 // The order `ip netns add` uses on a new directory: the directory, its bind mount onto itself, the
 // file, and the namespace mount on the file afterwards, with no inotify event for either mount.
 TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
-  int const descriptors = intfsmTest::openDescriptorCount();
   std::string const target = netns().namespaceNew();
   // A directory of our own, removed (and its entry unmounted) on every path out of the test.
   struct Scratch {
@@ -88,29 +97,23 @@ TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
   } scratch;
   std::string const dir = scratch.parent + "/netns";
   std::string const entry = dir + "/late";
-  {
-    auto manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop);
-    manager->hasNotificationActiveIs(true);
-    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-    ASSERT_TRUE(runUntil([&] { return manager->directoryWatched(); }));
-    // What `ip netns add` does to a new /run/netns: bind it onto itself (to make it a shared mount).
-    // The watch is on the directory itself, so it keeps seeing entries made through the new mount.
-    ASSERT_EQ(::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
+  makeOn(Vorn::String(dir));
+  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  ASSERT_TRUE(runUntil([&] { return manager->directoryWatched(); }));
+  // The watch is on the directory itself, so it keeps seeing entries made through the new mount.
+  ASSERT_EQ(::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
 
-    std::ofstream(entry).put('x');
-    ASSERT_TRUE(runUntil([&] { return manager->pendingMounts() == 1; }));
-    ASSERT_EQ(::mount(("/run/netns/" + target).c_str(), entry.c_str(), nullptr, MS_BIND, nullptr), 0)
-        << std::strerror(errno);
-    ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName("late")); }));
-    EXPECT_EQ(root->netNsByName(nsName("late")), inodeOf("/run/netns/" + target));
-    EXPECT_EQ(manager->pendingMounts(), 0u);
+  std::ofstream(entry).put('x');
+  ASSERT_TRUE(runUntil([&] { return manager->pendingMounts() == 1; }));
+  ASSERT_EQ(::mount(("/run/netns/" + target).c_str(), entry.c_str(), nullptr, MS_BIND, nullptr), 0)
+      << std::strerror(errno);
+  ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName("late")); }));
+  EXPECT_EQ(root->netNsByName(nsName("late")), inodeOf("/run/netns/" + target));
+  EXPECT_EQ(manager->pendingMounts(), 0u);
 
-    ASSERT_EQ(::umount2(entry.c_str(), MNT_DETACH), 0);
-    ASSERT_EQ(::unlink(entry.c_str()), 0);
-    ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName("late")); }));
-  }
-  EXPECT_EQ(loop.watches(), 0u);
-  EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+  ASSERT_EQ(::umount2(entry.c_str(), MNT_DETACH), 0);
+  ASSERT_EQ(::unlink(entry.c_str()), 0);
+  ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName("late")); }));
 }
 
 }  // namespace

@@ -65,7 +65,6 @@ int FakeRtnetlink::socketPair() {
   if (kernelSide_ >= 0) ::close(kernelSide_);
   statusSide_ = ends[0];
   kernelSide_ = ends[1];
-  ++sockets_;
   return statusSide_;
 }
 

@@ -43,15 +43,13 @@ class FakeRtnetlink {
   // The table that dumps report; changing it sends nothing (the event is "lost").
   void linkIs(uint32_t ifIndex, uint32_t flags, std::string const & name) { links_[ifIndex] = {flags, name}; }
   void linkDel(uint32_t ifIndex) { links_.erase(ifIndex); }
-  std::map<uint32_t, Link> const & links() const { return links_; }
 
   // Events: the table changes and the message is sent.
   void newLink(uint32_t ifIndex, uint32_t flags, std::string const & name);
   void delLink(uint32_t ifIndex);
 
-  // The status's end of the newest socket pair (-1 before socketAt), and the socket pairs made.
+  // The status's end of the newest socket pair (-1 before socketAt).
   int statusSide() const { return statusSide_; }
-  int sockets() const { return sockets_; }
 
   // Sequence numbers of the dump requests seen, in order; the ones not answered yet.
   std::vector<uint32_t> const & dumpRequests() const { return requests_; }
@@ -90,7 +88,6 @@ class FakeRtnetlink {
   std::map<uint32_t, Link> links_;
   int statusSide_ = -1;
   int kernelSide_ = -1;
-  int sockets_ = 0;
   bool autoAnswer_ = true;
   bool interruptNext_ = false;
   unsigned linksPerDatagram_ = 3;

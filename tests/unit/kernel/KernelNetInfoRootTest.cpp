@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
+#include <map>
 #include <sstream>
 
 #include "tests/support/NotificationLog.h"
@@ -18,7 +19,6 @@ using KernelNetInfo::Interface;
 using KernelNetInfo::Root;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 
 struct Watcher : Root::NotifieeConst {
   explicit Watcher(NotificationLog & l) : log(l) {}
@@ -37,23 +37,19 @@ class KernelNetInfoRoot : public ::testing::Test {
     watcher->notifierIs(root);
     log.take();
   }
-  // Every device, read through each of the three collections, as "ifIndex name flags".
-  std::vector<std::string> byName() const {
-    std::vector<std::string> out;
-    for (auto const & e : root->interfaceByDeviceNameIter()) {
-      EXPECT_EQ(e.key, e.value.deviceName());
-      out.push_back(describe(e.value));
-    }
-    return out;
-  }
-  std::vector<std::string> byIfIndex() const {
-    std::vector<std::string> out;
+  // Every device as "name (ifIndex n, flags f)", in ifindex order; the other two collections must
+  // hold exactly the same.
+  std::vector<std::string> devices() const {
+    std::map<uint32_t, std::string> byIfIndex, byName;
     for (auto const & e : root->interfaceByIfIndexIter()) {
-      EXPECT_EQ(e.key, e.value.ifIndex());
+      byIfIndex[e.key] = describe(e.value);
       EXPECT_EQ(root->deviceNameCache(e.key), e.value.deviceName());
-      out.push_back(describe(e.value));
     }
-    EXPECT_EQ(root->deviceNameCaches(), root->interfaceByIfIndexs());
+    for (auto const & e : root->interfaceByDeviceNameIter()) byName[e.value.ifIndex()] = describe(e.value);
+    EXPECT_EQ(byName, byIfIndex);
+    EXPECT_EQ(root->deviceNameCaches(), byIfIndex.size());
+    std::vector<std::string> out;
+    for (auto const & [key, text] : byIfIndex) out.push_back(text);
     return out;
   }
   static std::string describe(Interface const & i) {
@@ -67,37 +63,18 @@ class KernelNetInfoRoot : public ::testing::Test {
   Vorn::Ptr<Watcher> watcher = new Watcher(log);
 };
 
-TEST(KernelNetInfoInterface, ValueAndFlags) {
-  Interface const empty;
-  EXPECT_FALSE(empty);
-  EXPECT_EQ(empty.ifIndex(), 0u);
-  EXPECT_TRUE(empty.deviceName().empty());
-
-  Interface const up(3, IFF_UP | IFF_BROADCAST, "va0");
-  EXPECT_TRUE(up);
-  EXPECT_TRUE(up.isUp());
-  EXPECT_FALSE(up.isRunning());
-  EXPECT_EQ(up.deviceName(), "va0");
+TEST(KernelNetInfoInterface, FlagsTextAndDeviceNameOfUpToSixteenBytes) {
   Interface const running(3, IFF_UP | IFF_RUNNING, "va0");
-  EXPECT_TRUE(running.isRunning());
-  EXPECT_NE(up, running);
-  EXPECT_EQ(up, Interface(3, IFF_UP | IFF_BROADCAST, "va0"));
-  EXPECT_NE(up, Interface(3, IFF_UP | IFF_BROADCAST, "va1"));
-
+  EXPECT_TRUE(running.isUp() && running.isRunning());
+  EXPECT_FALSE(Interface(3, IFF_UP, "va0").isRunning());
   std::ostringstream text;
-  text << running << " / " << empty;
+  text << running << " / " << Interface();
   EXPECT_EQ(text.str(), "va0 (ifIndex 3, flags 0x41) / none");
-}
 
-TEST(KernelNetInfoInterface, DeviceNameHoldsSixteenBytesAndRefusesSeventeen) {
-  Interface const full(9, 0, "abcdefghijklmnop");
-  EXPECT_EQ(full.deviceName(), "abcdefghijklmnop");
-  EXPECT_EQ(full.deviceNameBytes().size(), 16u);
-
-  std::string const text = IntfsmTest::thrownText<Vorn::RangeException>([] { Interface(9, 0, "abcdefghijklmnopq"); });
-  EXPECT_THAT(text, ::testing::MatchesRegex("PodArray::set expected size <= 16, instead got 17\\. Buffer is at "
-                                            "address: 0x[0-9a-f]+ with contents: abcdefghijklmnopq"));
-
+  EXPECT_EQ(Interface(9, 0, "abcdefghijklmnop").deviceName(), "abcdefghijklmnop");
+  std::string const refused = IntfsmTest::thrownText<Vorn::RangeException>([] { Interface(9, 0, "abcdefghijklmnopq"); });
+  EXPECT_THAT(refused, ::testing::MatchesRegex("PodArray::set expected size <= 16, instead got 17\\. Buffer is at "
+                                               "address: 0x[0-9a-f]+ with contents: abcdefghijklmnopq"));
   KernelNetInfo::DeviceName name;
   name.set("et1");
   EXPECT_THROW(name.set("abcdefghijklmnopq"), Vorn::RangeException);
@@ -106,71 +83,43 @@ TEST(KernelNetInfoInterface, DeviceNameHoldsSixteenBytesAndRefusesSeventeen) {
   EXPECT_EQ(name, [] { KernelNetInfo::DeviceName n; n.set("x"); return n; }());  // no leftover bytes
 }
 
-TEST_F(KernelNetInfoRoot, AddNotifiesEachCollectionOnceAndLooksUpBothWays) {
+// Each change notifies each collection that changed once, with the old and the new key, and the
+// three stay consistent.
+TEST_F(KernelNetInfoRoot, EachChangeNotifiesWhatChangedAndKeepsTheCollectionsConsistent) {
   root->interfaceIs(Interface(3, IFF_UP, "va0"));
   EXPECT_THAT(log.take(), ElementsAre("byName(va0)", "byIfIndex(3)", "cache(3)"));
   EXPECT_EQ(root->interfaceByDeviceName("va0"), Interface(3, IFF_UP, "va0"));
-  EXPECT_EQ(root->interfaceByIfIndex(3), Interface(3, IFF_UP, "va0"));
   EXPECT_EQ(root->deviceNameCache(3), "va0");
-  EXPECT_FALSE(root->interfaceByDeviceName("vb0"));
-  EXPECT_FALSE(root->interfaceByIfIndex(4));
-  EXPECT_TRUE(root->deviceNameCache(4).empty());
-
   root->interfaceIs(Interface(3, IFF_UP, "va0"));
   EXPECT_THAT(log.take(), IsEmpty());
-}
 
-TEST_F(KernelNetInfoRoot, FlagChangeLeavesTheNameCacheAlone) {
-  root->interfaceIs(Interface(3, IFF_UP, "va0"));
-  log.take();
-  root->interfaceIs(Interface(3, IFF_UP | IFF_RUNNING, "va0"));
+  root->interfaceIs(Interface(3, IFF_UP | IFF_RUNNING, "va0"));  // the name cache is left alone
   EXPECT_THAT(log.take(), ElementsAre("byName(va0)", "byIfIndex(3)"));
-  EXPECT_TRUE(root->interfaceByDeviceName("va0").isRunning());
-}
 
-TEST_F(KernelNetInfoRoot, RenameDropsTheOldNameAndNotifiesBoth) {
-  root->interfaceIs(Interface(3, IFF_UP, "va0"));
   root->interfaceIs(Interface(4, 0, "vb0"));
   log.take();
   root->interfaceIs(Interface(3, IFF_UP, "wan0"));
   EXPECT_THAT(log.take(), ElementsAre("byName(va0)", "byName(wan0)", "byIfIndex(3)", "cache(3)"));
-  EXPECT_FALSE(root->interfaceByDeviceNameHas("va0"));
-  EXPECT_THAT(byName(), UnorderedElementsAre("wan0 (ifIndex 3, flags 0x1)", "vb0 (ifIndex 4, flags 0x0)"));
-  EXPECT_THAT(byIfIndex(), UnorderedElementsAre("wan0 (ifIndex 3, flags 0x1)", "vb0 (ifIndex 4, flags 0x0)"));
-}
+  EXPECT_THAT(devices(), ElementsAre("wan0 (ifIndex 3, flags 0x1)", "vb0 (ifIndex 4, flags 0x0)"));
 
-TEST_F(KernelNetInfoRoot, NameTakenByAnotherIfIndexDropsThePreviousHolder) {
-  root->interfaceIs(Interface(3, 0, "va0"));
-  log.take();
-  root->interfaceIs(Interface(8, IFF_UP, "va0"));
-  EXPECT_THAT(log.take(), ElementsAre("byName(va0)", "byIfIndex(3)", "byIfIndex(8)", "cache(3)", "cache(8)"));
-  EXPECT_FALSE(root->interfaceByIfIndexHas(3));
-  EXPECT_THAT(byName(), ElementsAre("va0 (ifIndex 8, flags 0x1)"));
-  EXPECT_THAT(byIfIndex(), ElementsAre("va0 (ifIndex 8, flags 0x1)"));
-}
+  root->interfaceIs(Interface(8, IFF_UP, "wan0"));  // the name's previous holder goes
+  EXPECT_THAT(log.take(), ElementsAre("byName(wan0)", "byIfIndex(3)", "byIfIndex(8)", "cache(3)", "cache(8)"));
+  EXPECT_THAT(devices(), ElementsAre("vb0 (ifIndex 4, flags 0x0)", "wan0 (ifIndex 8, flags 0x1)"));
 
-TEST_F(KernelNetInfoRoot, DeleteRemovesAllThreeAndAbsentDeleteIsSilent) {
-  root->interfaceIs(Interface(3, 0, "va0"));
-  root->interfaceIs(Interface(4, 0, "vb0"));
-  log.take();
-  root->interfaceDel(3);
-  EXPECT_THAT(log.take(), ElementsAre("byName(va0)", "byIfIndex(3)", "cache(3)"));
-  root->interfaceDel(3);
+  root->interfaceDel(8);
+  EXPECT_THAT(log.take(), ElementsAre("byName(wan0)", "byIfIndex(8)", "cache(8)"));
+  root->interfaceDel(8);
   EXPECT_THAT(log.take(), IsEmpty());
-  EXPECT_THAT(byIfIndex(), ElementsAre("vb0 (ifIndex 4, flags 0x0)"));
-  root->interfaceDelAll();
-  EXPECT_EQ(root->interfaceByDeviceNames(), 0u);
-  EXPECT_EQ(root->interfaceByIfIndexs(), 0u);
-  EXPECT_EQ(root->deviceNameCaches(), 0u);
-}
+  EXPECT_THAT(devices(), ElementsAre("vb0 (ifIndex 4, flags 0x0)"));
 
-TEST_F(KernelNetInfoRoot, BadRecordsAreRefusedWithoutChange) {
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(Interface()); }),
             "KernelNetInfo::Root::interfaceIs: ifIndex 0 not allowed");
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(Interface(5, 0, "")); }),
             "KernelNetInfo::Root::interfaceIs: empty deviceName not allowed");
   EXPECT_THAT(log.take(), IsEmpty());
-  EXPECT_EQ(root->interfaceByIfIndexs(), 0u);
+  EXPECT_EQ(root->interfaceByIfIndexs(), 1u);
+  root->interfaceDelAll();
+  EXPECT_THAT(devices(), IsEmpty());
 }
 
 TEST_F(KernelNetInfoRoot, BindingDeliversEachImmediateNotification) {
@@ -195,20 +144,15 @@ TEST_F(KernelNetInfoRoot, ReconcileAppliesOnlyRealChanges) {
                                       "byName(va0)", "byIfIndex(3)",                 // flags changed
                                       "byName(vb0)", "byName(wan0)", "byIfIndex(4)", "cache(4)",  // renamed
                                       "byName(new0)", "byIfIndex(6)", "cache(6)"));  // new
-  EXPECT_THAT(byIfIndex(), UnorderedElementsAre("lo (ifIndex 1, flags 0x41)", "va0 (ifIndex 3, flags 0x1)",
-                                                "wan0 (ifIndex 4, flags 0x0)", "new0 (ifIndex 6, flags 0x0)"));
+  EXPECT_THAT(devices(), ElementsAre("lo (ifIndex 1, flags 0x41)", "va0 (ifIndex 3, flags 0x1)",
+                                     "wan0 (ifIndex 4, flags 0x0)", "new0 (ifIndex 6, flags 0x0)"));
 
   KernelNetInfo::reconcile(*root, {Interface(1, IFF_UP | IFF_RUNNING, "lo"), Interface(3, IFF_UP, "va0"),
                                    Interface(4, 0, "wan0"), Interface(6, 0, "new0")});
   EXPECT_THAT(log.take(), IsEmpty());
-}
 
-TEST_F(KernelNetInfoRoot, ReconcileSwapsNames) {
-  root->interfaceIs(Interface(3, 0, "va0"));
-  root->interfaceIs(Interface(4, 0, "vb0"));
-  KernelNetInfo::reconcile(*root, {Interface(3, 0, "vb0"), Interface(4, 0, "va0")});
-  EXPECT_THAT(byName(), UnorderedElementsAre("vb0 (ifIndex 3, flags 0x0)", "va0 (ifIndex 4, flags 0x0)"));
-  EXPECT_THAT(byIfIndex(), UnorderedElementsAre("vb0 (ifIndex 3, flags 0x0)", "va0 (ifIndex 4, flags 0x0)"));
+  KernelNetInfo::reconcile(*root, {Interface(3, 0, "wan0"), Interface(4, 0, "va0")});  // names swapped
+  EXPECT_THAT(devices(), ElementsAre("wan0 (ifIndex 3, flags 0x0)", "va0 (ifIndex 4, flags 0x0)"));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <sstream>
 
 #include "intfsm/foundation/kernel/KernelNetInfoInterfaceInfo.h"
@@ -54,35 +55,26 @@ class KernelNetInfoStatus : public ::testing::Test {
     Vorn::System::testTimeDel();
   }
 
-  // The Root as "ifIndex name flags", sorted by ifindex, checked against the other two collections.
+  // The Root as "ifIndex name flags" rows in ifindex order.
   std::vector<std::string> devices() const {
-    std::vector<std::pair<uint32_t, std::string>> rows;
+    std::map<uint32_t, std::string> rows;
     for (auto const & e : status->root()->interfaceByIfIndexIter()) {
-      EXPECT_EQ(status->root()->interfaceByDeviceName(e.value.deviceName()), e.value);
-      EXPECT_EQ(status->root()->deviceNameCache(e.key), e.value.deviceName());
       std::ostringstream row;
       row << e.key << " " << e.value.deviceName() << " 0x" << std::hex << e.value.flags();
-      rows.emplace_back(e.key, row.str());
+      rows[e.key] = row.str();
     }
-    EXPECT_EQ(status->root()->interfaceByDeviceNames(), rows.size());
-    std::sort(rows.begin(), rows.end());
     std::vector<std::string> out;
-    for (auto & r : rows) out.push_back(r.second);
-    return out;
-  }
-  // The fake kernel's table in the same form.
-  std::vector<std::string> kernelDevices() const {
-    std::vector<std::string> out;
-    for (auto const & [ifIndex, link] : kernel.links()) {
-      std::ostringstream row;
-      row << ifIndex << " " << link.name << " 0x" << std::hex << link.flags;
-      out.push_back(row.str());
-    }
+    for (auto const & [key, row] : rows) out.push_back(row);
     return out;
   }
   void pass() { loop.runOnce(0); }
-  // Something to read, so that the loop calls the status (the event itself is harmless).
-  void nudge() { kernel.newLink(1, loFlags, "lo"); }
+  // At time `at`, the socket reports ENOBUFS: the events since the last read are lost.
+  void loseEvents(double at) {
+    Vorn::System::testTimeIs(at);
+    fake.failNext(Kind::recvmsg, ENOBUFS);
+    kernel.newLink(1, loFlags, "lo");  // something to read, so that the loop calls the status
+    pass();
+  }
 
   Vorn::ActivityManager loop;
   FakePlatform fake;
@@ -92,12 +84,9 @@ class KernelNetInfoStatus : public ::testing::Test {
 
 TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturning) {
   status->enabledIs(true);
-
-  EXPECT_TRUE(status->enabled());
   EXPECT_TRUE(status->synced());
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));
   EXPECT_EQ(status->dumps(), 1u);
-  EXPECT_EQ(status->redumps(), 0u);
   EXPECT_EQ(loop.watches(), 1u);
   EXPECT_NE(::fcntl(status->descriptor(), F_GETFL) & O_NONBLOCK, 0);
 
@@ -106,75 +95,41 @@ TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturn
     if (call.kind != Kind::recvmsg && call.kind != Kind::poll) steps.push_back(call.kind);
   }
   EXPECT_THAT(steps, ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::bind, Kind::setsockopt, Kind::sendto));
-
   auto const socketAt = fake.calls(Kind::socketAt).at(0);
-  EXPECT_EQ(socketAt.a, AF_NETLINK);
   EXPECT_EQ(socketAt.b, SOCK_RAW | SOCK_CLOEXEC);
-  EXPECT_EQ(socketAt.c, NETLINK_ROUTE);
   EXPECT_EQ(socketAt.text, "blue");
-
   auto const options = fake.calls(Kind::setsockopt);
-  EXPECT_EQ(options.at(0).a, SOL_SOCKET);
   EXPECT_EQ(options.at(0).b, SO_RCVBUFFORCE);
   EXPECT_EQ(intOf(options.at(0).data), 4 << 20);
-  EXPECT_EQ(options.at(1).a, SOL_NETLINK);
   EXPECT_EQ(options.at(1).b, NETLINK_ADD_MEMBERSHIP);
   EXPECT_EQ(intOf(options.at(1).data), RTNLGRP_LINK);
-
-  sockaddr_nl bound{};
-  std::string const address = fake.calls(Kind::bind).at(0).data;
-  ASSERT_EQ(address.size(), sizeof bound);
-  std::memcpy(&bound, address.data(), sizeof bound);
-  EXPECT_EQ(bound.nl_family, AF_NETLINK);
-  EXPECT_EQ(bound.nl_pid, 0u);
-  EXPECT_EQ(bound.nl_groups, 0u);
-
-  std::string const sent = fake.calls(Kind::sendto).at(0).data;
-  ASSERT_GE(sent.size(), sizeof(nlmsghdr));
-  auto const * request = reinterpret_cast<nlmsghdr const *>(sent.data());
-  EXPECT_EQ(request->nlmsg_type, RTM_GETLINK);
-  EXPECT_EQ(request->nlmsg_flags, NLM_F_REQUEST | NLM_F_DUMP);
 }
 
-TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsAndDelete) {
+TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
   status->enabledIs(true);
+  TraceCapture trace{{"KernelNetInfo", 1}};
   uint64_t const before = status->events();
-
   kernel.newLink(5, 0, "vc0");
   pass();
   EXPECT_EQ(status->root()->interfaceByDeviceName("vc0"), Interface(5, 0, "vc0"));
-
   kernel.newLink(5, 0, "wan0");
-  pass();
-  EXPECT_FALSE(status->root()->interfaceByDeviceNameHas("vc0"));
-  EXPECT_EQ(status->root()->interfaceByDeviceName("wan0").ifIndex(), 5u);
-
   kernel.newLink(5, IFF_UP | IFF_RUNNING, "wan0");
   pass();
-  EXPECT_TRUE(status->root()->interfaceByIfIndex(5).isRunning());
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0", "5 wan0 0x41"));
+  EXPECT_FALSE(status->root()->interfaceByDeviceNameHas("vc0"));
 
   kernel.delLink(5);
-  kernel.delLink(4);
-  pass();  // both in one pass: read until EAGAIN
-  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1"));
-  EXPECT_EQ(status->events() - before, 5u);
-  EXPECT_TRUE(status->synced());
-  EXPECT_EQ(status->dumps(), 1u);
-}
-
-TEST_F(KernelNetInfoStatus, MovesAwayAreDeletionsAndOtherFamiliesAreIgnored) {
-  status->enabledIs(true);
-  TraceCapture trace{{"KernelNetInfo", 1}};
-
   // A bridge port leaving its bridge: RTM_DELLINK of family AF_BRIDGE; the device stays.
   kernel.send(FakeRtnetlink::linkMessage(RTM_DELLINK, 0, 0, 3, IFF_UP, "va0", AF_BRIDGE));
   // A device moved to another namespace, reported as RTM_NEWLINK with IFLA_NEW_NETNSID.
   kernel.send(FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 4, 0, "vb0", AF_UNSPEC, 7));
   // A name the kernel cannot have: ignored, traced.
   kernel.send(FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 9, 0, "abcdefghijklmnopq"));
-  pass();
-
+  pass();  // all in one pass: read until EAGAIN
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1"));
+  EXPECT_EQ(status->events() - before, 6u);  // the bridge port message is not one
+  EXPECT_TRUE(status->synced());
+  EXPECT_EQ(status->dumps(), 1u);
   ASSERT_EQ(trace.texts("KernelNetInfo", 0).size(), 1u) << trace.dump();
   EXPECT_THAT(trace.texts("KernelNetInfo", 0)[0],
               ::testing::StartsWith("KernelNetInfo::Status ignoring ifIndex 9 in namespace blue: PodArray::set expected "
@@ -189,9 +144,7 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   kernel.linkIs(3, IFF_UP | IFF_RUNNING, "va0");
   kernel.linkIs(6, 0, "vd0");
 
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
-  pass();
+  loseEvents(start);
   EXPECT_EQ(status->overruns(), 1u);
   EXPECT_FALSE(status->synced());
   EXPECT_TRUE(status->redumpPending());
@@ -200,8 +153,7 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
               ElementsAre("KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again"));
 
   Vorn::System::testTimeIs(start + 0.05);
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
+  kernel.send(std::string(80 * 1024, '\0'));  // truncated: a loss too
   pass();
   EXPECT_EQ(status->overruns(), 2u);
   EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // still one wanted, still waiting
@@ -209,18 +161,13 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   Vorn::System::testTimeIs(start + Status::defaultRedumpInterval);
   pass();  // the clock starts the re-dump; the fake answers at once
   EXPECT_EQ(kernel.dumpRequests().size(), 2u);
-  EXPECT_EQ(status->redumps(), 1u);
   pass();  // the answer is read
-  EXPECT_THAT(devices(), ::testing::ElementsAreArray(kernelDevices()));
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x41", "6 vd0 0x0"));
   EXPECT_TRUE(status->synced());
   EXPECT_FALSE(status->redumpPending());
   EXPECT_EQ(status->dumps(), 2u);
 
-  // Long after the last dump, a loss re-dumps at once.
-  Vorn::System::testTimeIs(start + 10);
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
-  pass();
+  loseEvents(start + 10);  // long after the last dump: at once
   EXPECT_EQ(kernel.dumpRequests().size(), 3u);
   EXPECT_EQ(status->redumps(), 2u);
 }
@@ -229,12 +176,8 @@ TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
   status->enabledIs(true);
   kernel.autoAnswerIs(false);
   kernel.linksPerDatagramIs(1);
-  Vorn::System::testTimeIs(start + 1);
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
-  pass();
+  loseEvents(start + 1);
   ASSERT_EQ(kernel.heldRequests(), 1u);
-
   kernel.dumpBegin();   // reads lo, va0, vb0
   kernel.dumpSend(2);   // lo, va0
   kernel.delLink(3);    // va0 goes after the dump passed it
@@ -242,63 +185,41 @@ TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
   kernel.dumpSend(1);   // vb0
   kernel.dumpDone();
   pass();
-
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 vb0 0x0", "7 ve0 0x1"));
   EXPECT_TRUE(status->synced());
   EXPECT_FALSE(status->dumpInProgress());
 }
 
-TEST_F(KernelNetInfoStatus, InterruptedDumpOnlyAddsAndIsRepeated) {
+// A dump the kernel marks interrupted may have missed devices: it only adds, and is repeated; a
+// refused dump request is asked again later.
+TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   status->enabledIs(true);
   kernel.linkDel(4);
   kernel.linkIs(8, 0, "vf0");
   kernel.interruptNextDump();
-  Vorn::System::testTimeIs(start + 1);
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
-  pass();
+  loseEvents(start + 1);
   pass();
   EXPECT_EQ(status->dumpsInterrupted(), 1u);
-  // vf0 added; vb0 kept, since an interrupted dump may simply have missed it.
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0", "8 vf0 0x0"));
   EXPECT_FALSE(status->synced());
   EXPECT_TRUE(status->redumpPending());
 
+  kernel.autoAnswerIs(false);
   Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
   pass();
-  pass();
-  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x0"));
-  EXPECT_TRUE(status->synced());
-  EXPECT_EQ(status->redumps(), 2u);
-}
-
-TEST_F(KernelNetInfoStatus, RefusedDumpRequestIsAskedAgainLater) {
-  status->enabledIs(true);
-  kernel.autoAnswerIs(false);
-  Vorn::System::testTimeIs(start + 1);
-  fake.failNext(Kind::recvmsg, ENOBUFS);
-  nudge();
-  pass();
-  ASSERT_EQ(kernel.dumpRequests().size(), 2u);
+  ASSERT_EQ(kernel.dumpRequests().size(), 3u);
   kernel.refuse(EBUSY);
   pass();
   EXPECT_FALSE(status->dumpInProgress());
   EXPECT_TRUE(status->redumpPending());
 
   kernel.autoAnswerIs(true);
-  Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
+  Vorn::System::testTimeIs(start + 1 + 2 * Status::defaultRedumpInterval);
   pass();
-  EXPECT_EQ(kernel.dumpRequests().size(), 3u);
   pass();
+  EXPECT_EQ(kernel.dumpRequests().size(), 4u);
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x0"));
   EXPECT_TRUE(status->synced());
-}
-
-TEST_F(KernelNetInfoStatus, TruncatedMessageCountsAsALoss) {
-  status->enabledIs(true);
-  kernel.send(std::string(80 * 1024, '\0'));
-  pass();
-  EXPECT_EQ(status->overruns(), 1u);
-  EXPECT_TRUE(status->redumpPending());
 }
 
 TEST_F(KernelNetInfoStatus, DisableClosesAndEnableAgainReconciles) {
@@ -307,20 +228,16 @@ TEST_F(KernelNetInfoStatus, DisableClosesAndEnableAgainReconciles) {
   ASSERT_TRUE(isOpen(first));
 
   status->enabledIs(false);
-  EXPECT_FALSE(status->enabled());
   EXPECT_FALSE(status->synced());
   EXPECT_EQ(status->descriptor(), -1);
   EXPECT_EQ(loop.watches(), 0u);
   EXPECT_FALSE(isOpen(first));
-  EXPECT_EQ(fake.count(Kind::close), 1u);
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));  // last known
 
   kernel.linkDel(3);
   kernel.linkIs(4, 0, "wan0");
   status->enabledIs(true);
-  EXPECT_EQ(kernel.sockets(), 2);
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 wan0 0x0"));
-  EXPECT_EQ(status->dumps(), 2u);
 }
 
 TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivilege) {
@@ -329,7 +246,6 @@ TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivil
   status->enabledIs(true);
   auto options = fake.calls(Kind::setsockopt);
   ASSERT_GE(options.size(), 2u);
-  EXPECT_EQ(options[0].b, SO_RCVBUFFORCE);
   EXPECT_EQ(options[0].error, EPERM);
   EXPECT_EQ(options[1].b, SO_RCVBUF);
   EXPECT_EQ(intOf(options[1].data), 1024);
@@ -345,7 +261,6 @@ TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivil
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->rcvBufBytesIs(1 << 20); }),
             "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12");
   EXPECT_EQ(status->rcvBufBytes(), 8192u);
-
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { status->redumpIntervalIs(-1); }),
             "KernelNetInfo::Status::redumpInterval < 0 not allowed");
 }
@@ -359,33 +274,22 @@ TEST_F(KernelNetInfoStatus, FailedDumpRequestClosesEverything) {
   EXPECT_EQ(loop.watches(), 0u);
 }
 
-TEST_F(KernelNetInfoStatus, InterfaceInfoReadsTheStatusRoot) {
-  KernelNetInfo::InterfaceInfo unbound;
-  EXPECT_FALSE(unbound.root());
-  EXPECT_FALSE(unbound.interface("lo"));
-
-  status->enabledIs(true);
-  KernelNetInfo::InterfaceInfo info(status);
-  EXPECT_EQ(info.root(), status->root());
-  EXPECT_EQ(info.ifIndex("va0"), 3u);
-  EXPECT_EQ(info.deviceName(4), "vb0");
-  EXPECT_EQ(info.interfaceByIfIndex(1), Interface(1, loFlags, "lo"));
-  EXPECT_TRUE(info.isRunning("lo"));
-  EXPECT_FALSE(info.isRunning("va0"));
-  EXPECT_FALSE(info.exists("nope0"));
-  EXPECT_EQ(info.ifIndex("nope0"), 0u);
-}
-
-TEST_F(KernelNetInfoStatus, GivenRootIsTheOneFilled) {
+// A Root given at creation is the one filled (what it held before is reconciled away), and an
+// InterfaceInfo reads it.
+TEST_F(KernelNetInfoStatus, GivenRootIsTheOneFilledAndInterfaceInfoReadsIt) {
   auto root = KernelNetInfo::Root::rootNew("mine");
   root->interfaceIs(Interface(42, 0, "stale0"));
   auto own = Status::statusNew("kni2", Ovel::NamespaceName(), root, loop);
-  EXPECT_EQ(own->root(), root);
   EXPECT_TRUE(own->netNs().isDefault());  // empty means the default namespace
   own->enabledIs(true);
   EXPECT_EQ(fake.calls(Kind::socketAt).back().text, "default");
   EXPECT_FALSE(root->interfaceByIfIndexHas(42));
   EXPECT_EQ(root->interfaceByIfIndexs(), 3u);
+
+  KernelNetInfo::InterfaceInfo info(own);
+  EXPECT_EQ(info.ifIndex("va0"), 3u);
+  EXPECT_TRUE(info.isRunning("lo"));
+  EXPECT_FALSE(KernelNetInfo::InterfaceInfo().exists("lo"));
 }
 
 // Set-up failures on the fake platform's own descriptors: the error names the step and errno, and
@@ -402,32 +306,28 @@ class KernelNetInfoStatusSetUp : public ::testing::Test {
 
 TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
   TraceCapture trace{{"KernelNetInfo", 1}};
+  std::vector<std::string> errors;
   fake.failNext(Kind::socketAt, ENOENT);
-  EXPECT_EQ(enableError(), "KernelNetInfo::Status socket failed in namespace blue, errno: 2");
+  errors.push_back(enableError());
   fake.failNext(Kind::bind, EADDRINUSE);
-  EXPECT_EQ(enableError(), "KernelNetInfo::Status bind failed in namespace blue, errno: 98");
+  errors.push_back(enableError());
+  fake.failNext(Kind::setsockopt, ENOMEM);
+  errors.push_back(enableError());
   fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
-    if (level != SOL_NETLINK) return 0;
-    errno = EINVAL;
-    return -1;
+    return level == SOL_NETLINK ? (errno = EINVAL, -1) : 0;
   };
-  EXPECT_EQ(enableError(), "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22");
-  fake.behaviour().setsockopt = [](int, int, int, void const *, socklen_t) {
-    errno = ENOMEM;
-    return -1;
-  };
-  EXPECT_EQ(enableError(), "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12");
-
+  errors.push_back(enableError());
+  EXPECT_THAT(errors,
+              ElementsAre("KernelNetInfo::Status socket failed in namespace blue, errno: 2",
+                          "KernelNetInfo::Status bind failed in namespace blue, errno: 98",
+                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12",
+                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22"));
+  EXPECT_EQ(trace.texts("KernelNetInfo", 0), errors);
   EXPECT_FALSE(status->enabled());
   EXPECT_EQ(status->descriptor(), -1);
   EXPECT_THAT(fake.openDescriptors(), IsEmpty());
   EXPECT_EQ(fake.count(Kind::close), 3u);  // every socket that was had
   EXPECT_EQ(loop.watches(), 0u);
-  EXPECT_THAT(trace.texts("KernelNetInfo", 0),
-              ElementsAre("KernelNetInfo::Status socket failed in namespace blue, errno: 2",
-                          "KernelNetInfo::Status bind failed in namespace blue, errno: 98",
-                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22",
-                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12"));
 }
 
 }  // namespace

@@ -23,11 +23,11 @@ namespace {
 
 using IntfsmTest::NotificationLog;
 using KernelNetNsInfo::Manager;
-using KernelNetNsInfo::NamespaceEntry;
 using KernelNetNsInfo::Root;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
 
 Ovel::NamespaceName ns(char const * name) { return Ovel::NamespaceName(Vorn::String(name)); }
 
@@ -60,7 +60,7 @@ class KernelNetNsRoot : public ::testing::Test {
   Vorn::Ptr<Watcher> watcher = new Watcher(log);
 };
 
-TEST_F(KernelNetNsRoot, ReconcileRemovesAddsAndRenumbersWithRealChangesOnly) {
+TEST_F(KernelNetNsRoot, ReconcileAppliesRealChangesOnlyAndNamesShareANumber) {
   root->namespaceIs(ns("default"), 10);
   root->namespaceIs(ns("blue"), 11);
   root->namespaceIs(ns("red"), 12);
@@ -75,22 +75,18 @@ TEST_F(KernelNetNsRoot, ReconcileRemovesAddsAndRenumbersWithRealChangesOnly) {
 
   KernelNetNsInfo::reconcile(*root, {{ns("default"), 10}, {ns("red"), 15}, {ns("green"), 13}});
   EXPECT_THAT(log.take(), IsEmpty());
-}
 
-TEST_F(KernelNetNsRoot, OneNamespaceUnderTwoNamesKeepsItsNumberUntilBothGo) {
-  root->namespaceIs(ns("blue"), 11);
-  root->namespaceIs(ns("alias"), 11);
-  EXPECT_EQ(root->netNs(11), ns("blue"));  // the first name stays while it is bound
-  root->namespaceDel(ns("blue"));
-  EXPECT_EQ(root->netNs(11), ns("alias"));
-  EXPECT_TRUE(root->netNsHas(11));
+  // Under two names, a namespace keeps its number until both go; the first name stays while bound.
+  root->namespaceIs(ns("alias"), 13);
+  EXPECT_EQ(root->netNs(13), ns("green"));
+  root->namespaceDel(ns("green"));
+  EXPECT_EQ(root->netNs(13), ns("alias"));
   root->namespaceDel(ns("alias"));
-  EXPECT_FALSE(root->netNsHas(11));
-
+  EXPECT_FALSE(root->netNsHas(13));
   // The default namespace's name wins its number, whatever came first.
   root->namespaceIs(ns("host"), 10);
+  root->namespaceDel(ns("default"));
   root->namespaceIs(ns("default"), 10);
-  EXPECT_EQ(root->netNs(10), ns("default"));
   root->namespaceIs(ns("host"), 10);
   EXPECT_EQ(root->netNs(10), ns("default"));
   root->namespaceDel(ns("host"));
@@ -111,9 +107,18 @@ class KernelNetNsManager : public ::testing::Test {
     std::filesystem::remove_all(parent);
     Vorn::System::testTimeDel();
   }
-  void make() { manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop); }
+  // A manager, turned on, of a directory that exists.
+  void makeOn() {
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop);
+    manager->hasNotificationActiveIs(true);
+  }
   void touch(std::string const & name) { std::ofstream(dir + "/" + name).put('x'); }
   void pass() { loop.runOnce(0); }
+  std::vector<std::string> defaultOnly() const {
+    std::string const number = std::to_string(ownNamespace());
+    return {"default=" + number, number + "=default"};
+  }
 
   static constexpr double start = 50.0;
   std::string parent;
@@ -123,26 +128,14 @@ class KernelNetNsManager : public ::testing::Test {
   Vorn::Ptr<Manager> manager;
 };
 
-TEST_F(KernelNetNsManager, FollowsNothingUntilTurnedOnThenHasTheDefaultNamespace) {
-  make();
-  EXPECT_FALSE(manager->hasNotificationActive());
-  EXPECT_EQ(manager->root(), root);
-  EXPECT_EQ(manager->descriptor(), -1);
-  EXPECT_EQ(root->netNsByNames(), 0u);
-
+TEST_F(KernelNetNsManager, HasTheDefaultNamespaceAndWatchesTheDirectoryWhileItExists) {
+  manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), loop);
+  EXPECT_EQ(root->netNsByNames(), 0u);  // nothing until turned on
   manager->hasNotificationActiveIs(true);
   EXPECT_EQ(manager->defaultNumber(), ownNamespace());
-  EXPECT_THAT(contents(*root), UnorderedElementsAre("default=" + std::to_string(ownNamespace()),
-                                                    std::to_string(ownNamespace()) + "=default"));
+  EXPECT_THAT(contents(*root), UnorderedElementsAreArray(defaultOnly()));
   EXPECT_FALSE(manager->directoryWatched());  // not there yet
-  EXPECT_EQ(loop.watches(), 1u);
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([] { KernelNetNsInfo::ManagerIs(nullptr); }),
-            "KernelNetNsInfo::ManagerIs: null root not allowed");
-}
 
-TEST_F(KernelNetNsManager, DirectoryCreatedLaterIsWatchedAndItsRemovalDropsItsNamespaces) {
-  make();
-  manager->hasNotificationActiveIs(true);
   uint64_t const scans = manager->scans();
   ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
   pass();
@@ -153,21 +146,22 @@ TEST_F(KernelNetNsManager, DirectoryCreatedLaterIsWatchedAndItsRemovalDropsItsNa
   ASSERT_EQ(::rmdir(dir.c_str()), 0);
   pass();
   EXPECT_FALSE(manager->directoryWatched());
-  EXPECT_THAT(contents(*root), UnorderedElementsAre("default=" + std::to_string(ownNamespace()),
-                                                    std::to_string(ownNamespace()) + "=default"));
+  EXPECT_THAT(contents(*root), UnorderedElementsAreArray(defaultOnly()));
 
   ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
   pass();
   EXPECT_TRUE(manager->directoryWatched());
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([] { KernelNetNsInfo::ManagerIs(nullptr); }),
+            "KernelNetNsInfo::ManagerIs: null root not allowed");
 }
 
+// `ip netns add` makes the file first and mounts the namespace on it afterwards: a plain file is
+// looked at again until its mount is due, then left alone; one named "default" is skipped.
 TEST_F(KernelNetNsManager, PlainFileIsLookedAtAgainUntilItsMountIsDueThenLeftAlone) {
-  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-  make();
-  manager->hasNotificationActiveIs(true);
+  makeOn();
   TraceCapture trace{{"KernelNetNsInfo", 1}};
-
-  touch("blue");  // what `ip netns add` does first; its mount follows
+  touch("blue");
+  touch("default");
   pass();
   EXPECT_EQ(manager->pendingMounts(), 1u);
   EXPECT_FALSE(root->netNsByNameHas(ns("blue")));
@@ -175,43 +169,27 @@ TEST_F(KernelNetNsManager, PlainFileIsLookedAtAgainUntilItsMountIsDueThenLeftAlo
   Vorn::System::testTimeIs(start + 1.0);
   pass();
   EXPECT_EQ(manager->pendingMounts(), 1u);  // still within the wait
-
   Vorn::System::testTimeIs(start + Manager::mountWaitLimit + 0.1);
   pass();
   EXPECT_EQ(manager->pendingMounts(), 0u);
   EXPECT_THAT(trace.texts("KernelNetNsInfo", 0),
-              ElementsAre("KernelNetNsInfo::Manager " + dir + "/blue is not a namespace mount after 2 s; "
+              ElementsAre("Skipping " + dir + "/default: that name is the default namespace's",
+                          "KernelNetNsInfo::Manager " + dir + "/blue is not a namespace mount after 2 s; "
                           "ignored until it changes"));
 
-  // Removed while waiting: no longer waited for.
+  ASSERT_EQ(::unlink((dir + "/default").c_str()), 0);
   touch("red");
   pass();
-  EXPECT_EQ(manager->pendingMounts(), 1u);
-  ASSERT_EQ(::unlink((dir + "/red").c_str()), 0);
-  pass();
-  EXPECT_EQ(manager->pendingMounts(), 0u);
-}
-
-TEST_F(KernelNetNsManager, EntryNamedDefaultIsSkipped) {
-  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-  make();
-  manager->hasNotificationActiveIs(true);
-  TraceCapture trace{{"KernelNetNsInfo", 1}};
-  touch("default");
-  pass();
-  EXPECT_EQ(manager->pendingMounts(), 0u);
-  EXPECT_THAT(trace.texts("KernelNetNsInfo", 0),
-              ElementsAre("Skipping " + dir + "/default: that name is the default namespace's"));
-  ASSERT_EQ(::unlink((dir + "/default").c_str()), 0);
-  pass();
   EXPECT_TRUE(root->netNsByNameHas(ns("default")));  // its removal is not the default namespace's
+  EXPECT_EQ(manager->pendingMounts(), 1u);
+  ASSERT_EQ(::unlink((dir + "/red").c_str()), 0);  // removed while waiting: no longer waited for
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 0u);
 }
 
 TEST_F(KernelNetNsManager, TurningOffClosesAndTurningOnAgainReconciles) {
   int const descriptors = intfsmTest::openDescriptorCount();
-  ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-  make();
-  manager->hasNotificationActiveIs(true);
+  makeOn();
   touch("blue");
   pass();
   ASSERT_EQ(manager->pendingMounts(), 1u);
