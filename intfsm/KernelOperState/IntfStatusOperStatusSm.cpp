@@ -103,11 +103,7 @@ void IntfStatusOperStatusSm::VornIntfStatus::onDeviceName() {
 
 void IntfStatusOperStatusSm::VornIntfStatus::handleOperStatusOrDeviceName() {
   KOS_TRACE(8, "handleOperStatusOrDeviceName" << "( " << intfId_ << " )");
-  if (owner_->initialized()) {
-    owner_->doSyncIntfStatus(intfId_);
-  } else {
-    KOS_TRACE(5, "Skipping because not initialized yet");
-  }
+  owner_->doSyncIfInitialized(intfId_);
 }
 
 IntfStatusOperStatusSm::VornIntfStatusLocal::VornIntfStatusLocal(
@@ -124,11 +120,7 @@ void IntfStatusOperStatusSm::VornIntfStatusLocal::onNetNsName() {
 
 void IntfStatusOperStatusSm::VornIntfStatusLocal::handleNetNsName() {
   KOS_TRACE(8, "handleNetNsName" << "( " << intfId_ << " )");
-  if (owner_->initialized()) {
-    owner_->doSyncIntfStatus(intfId_);
-  } else {
-    KOS_TRACE(5, "Skipping because not initialized yet");
-  }
+  owner_->doSyncIfInitialized(intfId_);
 }
 
 // ---- the state machine ---------------------------------------------------------------------------
@@ -174,24 +166,41 @@ void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
   if (netNsCollectionReactor_) netNsCollectionReactor_->hasNotificationActiveIs(active);
 }
 
+// The reactor of `status`'s interface in `reactors`: created for a new interface, rebound when the
+// directory holds another entity for it. Creating and rebinding both run the reactor's handler.
+template <class Reactor, class Entity, class N>
+Vorn::Ptr<Reactor> IntfStatusOperStatusSm::reactorIs(Vorn::Collection<Ovel::IntfId, Vorn::Ptr<Reactor>> & reactors,
+                                                     Vorn::Ptr<Entity const> const & status,
+                                                     void (Reactor::*handler)(),
+                                                     void (N::*callback)(Ovel::IntfId const &)) {
+  Ovel::IntfId const id = status->intfId();
+  Vorn::Ptr<Reactor> reactor = reactors.get(id);
+  if (reactor) {
+    if (reactor->notifier() == status) return reactor;
+    reactor->notifierIs(status);
+    (reactor.ptr()->*handler)();
+    return reactor;
+  }
+  reactor = new Reactor(status, this);
+  reactor->hasNotificationActiveIs(notificationActive_);
+  setEntry(reactors, id, reactor, callback);
+  return reactor;
+}
+
+void IntfStatusOperStatusSm::doSyncIfInitialized(Ovel::IntfId const & intfId) {
+  if (initialized_) {
+    doSyncIntfStatus(intfId);
+  } else {
+    KOS_TRACE(5, "Skipping because not initialized yet");
+  }
+}
+
 Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatus> IntfStatusOperStatusSm::intfStatusIs(
     Vorn::Ptr<Interface::IntfStatus const> const & status) {
   if (!status) {
     throw Vorn::RangeException(Vorn::nullParameterText("intfStatus", "KernelOperState::IntfStatusOperStatusSm"));
   }
-  Ovel::IntfId id = status->intfId();
-  Vorn::Ptr<VornIntfStatus> reactor = intfStatus_.get(id);
-  if (reactor) {
-    if (reactor->notifier() == status) return reactor;
-    reactor->notifierIs(status);  // rebinding runs the handler like a new reactor would
-    reactor->handleOperStatusOrDeviceName();
-    return reactor;
-  }
-  reactor = new VornIntfStatus(status, this);
-  reactor->hasNotificationActiveIs(notificationActive_);
-  intfStatus_.set(id, reactor);
-  notify(&NotifieeConst::onIntfStatus, id);
-  return reactor;
+  return reactorIs(intfStatus_, status, &VornIntfStatus::handleOperStatusOrDeviceName, &NotifieeConst::onIntfStatus);
 }
 
 void IntfStatusOperStatusSm::intfStatusDel(Ovel::IntfId const & id) {
@@ -204,19 +213,8 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::i
     throw Vorn::RangeException(
         Vorn::nullParameterText("intfStatusLocal", "KernelOperState::IntfStatusOperStatusSm"));
   }
-  Ovel::IntfId id = status->intfId();
-  Vorn::Ptr<VornIntfStatusLocal> reactor = intfStatusLocal_.get(id);
-  if (reactor) {
-    if (reactor->notifier() == status) return reactor;
-    reactor->notifierIs(status);
-    reactor->handleNetNsName();
-    return reactor;
-  }
-  reactor = new VornIntfStatusLocal(status, this);
-  reactor->hasNotificationActiveIs(notificationActive_);
-  intfStatusLocal_.set(id, reactor);
-  notify(&NotifieeConst::onIntfStatusLocal, id);
-  return reactor;
+  return reactorIs(intfStatusLocal_, status, &VornIntfStatusLocal::handleNetNsName,
+                   &NotifieeConst::onIntfStatusLocal);
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalDel(Ovel::IntfId const & id) {
@@ -289,7 +287,7 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     int sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, name.charPtr());
     KOS_TRACE(8, "created netlink socket. Sd: " << sd);
     if (sd < 0) {
-      if (name == Ovel::NamespaceName(Ovel::DEFAULT_NS)) fperror("socket");
+      if (name.isDefault()) fperror("socket");
       perror("socket");
       return;
     }

@@ -98,6 +98,13 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   class VornIntfStatusLocalDir;
   class VornNetNsCollection;
 
+  template <class Reactor, class Entity, class N>
+  Vorn::Ptr<Reactor> reactorIs(Vorn::Collection<Ovel::IntfId, Vorn::Ptr<Reactor>> & reactors,
+                               Vorn::Ptr<Entity const> const & status, void (Reactor::*handler)(),
+                               void (N::*callback)(Ovel::IntfId const &));
+  // The per-interface handlers' common end: sync once the start-up sync has run.
+  void doSyncIfInitialized(Ovel::IntfId const & intfId);
+
   Vorn::Ptr<IntfStatusDir const> intfStatusDir_;
   Vorn::Ptr<IntfStatusLocalDir const> intfStatusLocalDir_;
   Vorn::Ptr<KernelOperStateManager> kosm_;

@@ -59,7 +59,7 @@ void KernelOperStateManager::nsNetlinkSockFdDelAll() {
 
 void KernelOperStateManager::doSetOperState(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus) {
   KOS_TRACE(8, "doSetOperState" << "( " << deviceName << ", " << operStatus << " )");
-  doSetOperStateInNs(deviceName, operStatus, Ovel::NamespaceName(Ovel::DEFAULT_NS));
+  doSetOperStateInNs(deviceName, operStatus, Ovel::NamespaceName::defaultNamespace());
 }
 
 void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus,
@@ -78,7 +78,7 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   KOS_TRACE(8, "doSetOperStateInNs" << " sd: " << sd);
   if (sd < 0) {
     VORN_ASSERT(localSocket == true);
-    if (nsName == Ovel::NamespaceName(Ovel::DEFAULT_NS)) fperror("socket");
+    if (nsName.isDefault()) fperror("socket");
     perror("socket");
     return;
   }
