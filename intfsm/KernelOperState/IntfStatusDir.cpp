@@ -1,17 +1,17 @@
 #include "intfsm/KernelOperState/IntfStatusDir.h"
 
 #include "intfsm/foundation/vorn/Exception.h"
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 
 namespace KernelOperState {
 
 namespace {
-Vorn::TypeRegistration statusDirType(
+Intfsm::TypeRegistration statusDirType(
     "KernelOperState::IntfStatusDir", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> {
       return IntfStatusDir::intfStatusDirNew(n);
     },
     {"intfStatus"});
-Vorn::TypeRegistration localDirType(
+Intfsm::TypeRegistration localDirType(
     "KernelOperState::IntfStatusLocalDir", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> {
       return IntfStatusLocalDir::intfStatusLocalDirNew(n);
     },

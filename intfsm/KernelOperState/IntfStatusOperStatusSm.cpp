@@ -6,18 +6,18 @@
 #include <cstdio>
 #include <iostream>
 
-#include "intfsm/KernelOperState/Trace.h"
-#include "intfsm/foundation/interface/Fperror.h"
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/KernelOperState/internal/Trace.h"
+#include "intfsm/foundation/vorn/Fperror.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Exception.h"
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 
 namespace KernelOperState {
 
 namespace {
-Vorn::TypeRegistration registration("KernelOperState::IntfStatusOperStatusSm", nullptr,
+Intfsm::TypeRegistration registration("KernelOperState::IntfStatusOperStatusSm", nullptr,
                                     {"intfStatusDir", "intfStatusLocalDir", "kosm", "netNsCollection", "intfStatus",
                                      "intfStatusLocal", "initialized", "handleNsByName", "doSyncIntfStatus"});
 }  // namespace
@@ -282,7 +282,7 @@ void IntfStatusOperStatusSm::doSyncIntfStatus(Ovel::IntfId const & intfId) {
 
 void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName" << "(name=" << name << ")");
-  Ovel::Platform & platform = Ovel::platform();
+  Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
     int sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, name.charPtr());
     KOS_TRACE(8, "created netlink socket. Sd: " << sd);

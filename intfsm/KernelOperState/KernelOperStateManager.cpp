@@ -7,19 +7,19 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "intfsm/KernelOperState/Trace.h"
-#include "intfsm/foundation/interface/Fperror.h"
+#include "intfsm/KernelOperState/internal/Trace.h"
+#include "intfsm/foundation/vorn/Fperror.h"
 #include "intfsm/foundation/interface/NetlinkOperState.h"
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Assert.h"
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 
 namespace KernelOperState {
 
 namespace {
 
-Vorn::TypeRegistration registration("KernelOperState::KernelOperStateManager", nullptr,
+Intfsm::TypeRegistration registration("KernelOperState::KernelOperStateManager", nullptr,
                                     {"nsNetlinkSockFd", "doSetOperState", "doSetOperStateInNs", "netlinkSocket",
                                      "operStatus"});
 
@@ -65,7 +65,7 @@ void KernelOperStateManager::doSetOperState(Vorn::String const & deviceName, Int
 void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus,
                                                 Ovel::NamespaceName const & nsName) {
   KOS_TRACE(8, "doSetOperStateInNs" << "( " << deviceName << ", " << operStatus << ", " << nsName << " )");
-  Ovel::Platform & platform = Ovel::platform();
+  Platform::Calls & platform = Platform::calls();
   int sd;
   bool localSocket = false;
   if (int32_t const * cached = nsNetlinkSockFd_.find(nsName)) {

@@ -1,11 +1,11 @@
 #include "intfsm/KernelOperState/Root.h"
 
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 
 namespace KernelOperState {
 
 namespace {
-Vorn::TypeRegistration registration(
+Intfsm::TypeRegistration registration(
     "KernelOperState::Root", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return rootFactory(n); },
     {"kosm", "intfStatusDir", "intfStatusLocalDir", "netNsCollection", "netNsManager", "intfStatusOperStatusSm"});
 

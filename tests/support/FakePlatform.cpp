@@ -59,13 +59,20 @@ char const * kindName(FakePlatform::Kind kind) {
   return "?";
 }
 
-FakePlatform::FakePlatform() : previous_(Ovel::platform()) {
+FakePlatform::FakePlatform()
+    : previous_(Platform::calls()),
+      previousSocketAt_(Ovel::socketAtHook()),
+      previousSetNetlinkOperState_(Interface::netlinkOperStateHook()) {
   fileIs("/proc/thread-self/ns/net");
   installFakes();
   installRecorders();
 }
 
-FakePlatform::~FakePlatform() { Ovel::platform() = previous_; }
+FakePlatform::~FakePlatform() {
+  Platform::calls() = previous_;
+  Ovel::socketAtHook() = previousSocketAt_;
+  Interface::netlinkOperStateHook() = previousSetNetlinkOperState_;
+}
 
 std::vector<FakePlatform::Call> FakePlatform::calls(Kind kind) const {
   std::vector<Call> result;
@@ -183,7 +190,7 @@ ssize_t FakePlatform::deliver(int fd, msghdr * message, int flags) {
 }
 
 void FakePlatform::installFakes() {
-  Ovel::Platform & b = behaviour_;
+  Behaviour & b = behaviour_;
   b.socketAt = [this](int, int, int, char const *) { return newDescriptor(); };
   b.socket = [this](int, int, int) { return newDescriptor(); };
   b.setNetlinkOperState = [this](int, char const *, int, int) {
@@ -295,13 +302,13 @@ void FakePlatform::installFakes() {
 }
 
 void FakePlatform::installRecorders() {
-  Ovel::Platform & live = Ovel::platform();
-  live.socketAt = [this](int domain, int type, int protocol, char const * nsName) {
+  Platform::Calls & live = Platform::calls();
+  Ovel::socketAtHook() = [this](int domain, int type, int protocol, char const * nsName) {
     Call c = callOf(Kind::socketAt);
     c.a = domain, c.b = type, c.c = protocol, c.text = nsName == nullptr ? "(null)" : nsName;
     return run(c, -1, [&] { return behaviour_.socketAt(domain, type, protocol, nsName); });
   };
-  live.setNetlinkOperState = [this](int sd, char const * deviceName, int tag, int operState) {
+  Interface::netlinkOperStateHook() = [this](int sd, char const * deviceName, int tag, int operState) {
     Call c = callOf(Kind::setNetlinkOperState);
     c.fd = sd, c.text = deviceName == nullptr ? "(null)" : deviceName, c.a = tag, c.b = operState;
     return run(c, false, [&] { return behaviour_.setNetlinkOperState(sd, deviceName, tag, operState); });

@@ -1,5 +1,6 @@
 // A recording stand-in for the kernel in unit tests. While a FakePlatform lives, every entry of
-// Ovel::platform() records its call and then runs a fake; the previous table comes back when it dies.
+// Platform::calls(), Ovel::socketAtHook() and Interface::netlinkOperStateHook() records its call and
+// then runs a fake; the previous table comes back when it dies.
 //
 //   IntfsmTest::FakePlatform fake;
 //   fake.failNext(FakePlatform::Kind::bind, EADDRINUSE);
@@ -37,7 +38,9 @@
 #include <tuple>
 #include <vector>
 
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/foundation/interface/NetlinkOperState.h"
+#include "intfsm/foundation/ovel/SocketAt.h"
+#include "intfsm/foundation/platform/Platform.h"
 
 namespace IntfsmTest {
 
@@ -125,11 +128,17 @@ class FakePlatform {
   void queueDatagram(int fd, std::string bytes, sockaddr_storage const * from = nullptr);
   size_t queuedDatagrams(int fd) const;
 
+  // The system calls and the two composite operations with hooks of their own.
+  struct Behaviour : Platform::Calls {
+    Ovel::SocketAtHook socketAt;
+    Interface::NetlinkOperStateHook setNetlinkOperState;
+  };
+
   // The fakes that the recorders call. Replace an entry to give a call other behaviour; the
   // replacement is still recorded and failures queued with failNext still win over it.
-  Ovel::Platform & behaviour() { return behaviour_; }
+  Behaviour & behaviour() { return behaviour_; }
   // The table that was live before this one, where calls on real descriptors go.
-  Ovel::Platform const & previous() const { return previous_; }
+  Platform::Calls const & previous() const { return previous_; }
 
  private:
   struct Failure {
@@ -150,8 +159,10 @@ class FakePlatform {
   void installFakes();
   void installRecorders();
 
-  Ovel::Platform previous_;
-  Ovel::Platform behaviour_;
+  Platform::Calls previous_;
+  Ovel::SocketAtHook previousSocketAt_;
+  Interface::NetlinkOperStateHook previousSetNetlinkOperState_;
+  Behaviour behaviour_;
   std::vector<Call> calls_;
   std::map<Kind, Failure> failures_;
   bool operStateAccepted_ = true;

@@ -1,5 +1,7 @@
 #include "tests/support/NetNs.h"
 
+#include "intfsm/foundation/platform/Platform.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
@@ -227,7 +229,7 @@ void NetNsFixture::linkDel(std::string const & ns, std::string const & device) {
 
 std::optional<LinkState> NetNsFixture::link(std::string const & ns, std::string const & device) const {
   // The real calls, whatever a test has put in the live table.
-  int const sd = Ovel::socketAtThrough(Ovel::realPlatform(), AF_NETLINK, SOCK_RAW, NETLINK_ROUTE,
+  int const sd = Ovel::socketAtThrough(Platform::realCalls(), AF_NETLINK, SOCK_RAW, NETLINK_ROUTE,
                                        ns.empty() ? nullptr : ns.c_str());
   if (sd < 0) throw std::runtime_error("rtnetlink socket in " + ns + ": " + std::strerror(errno));
 

@@ -12,7 +12,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/foundation/platform/Platform.h"
 
 namespace Interface {
 
@@ -28,7 +28,7 @@ struct Buffer {
   alignas(nlmsghdr) char bytes[8192];
 };
 
-ssize_t receive(Ovel::Platform const & calls, int sd, Buffer & buffer, sockaddr_nl & from) {
+ssize_t receive(Platform::Calls const & calls, int sd, Buffer & buffer, sockaddr_nl & from) {
   iovec iov{buffer.bytes, sizeof buffer.bytes};
   msghdr message{};
   message.msg_name = &from;
@@ -38,7 +38,7 @@ ssize_t receive(Ovel::Platform const & calls, int sd, Buffer & buffer, sockaddr_
   return calls.recvmsg(sd, &message, MSG_DONTWAIT);
 }
 
-void discardStale(Ovel::Platform const & calls, int sd, Buffer & buffer) {
+void discardStale(Platform::Calls const & calls, int sd, Buffer & buffer) {
   for (int i = 0; i < maxStaleDatagrams; ++i) {
     sockaddr_nl from{};
     if (receive(calls, sd, buffer, from) < 0 && errno != EINTR && errno != ENOBUFS) return;
@@ -63,7 +63,7 @@ int verdictIn(Buffer const & buffer, int length, uint32_t seq) {
   return -1;
 }
 
-bool awaitAck(Ovel::Platform const & calls, int sd, uint32_t seq, Buffer & buffer) {
+bool awaitAck(Platform::Calls const & calls, int sd, uint32_t seq, Buffer & buffer) {
   auto const deadline = std::chrono::steady_clock::now() + ackWait;
   bool overrun = false;
   for (;;) {
@@ -96,8 +96,13 @@ bool awaitAck(Ovel::Platform const & calls, int sd, uint32_t seq, Buffer & buffe
 
 }  // namespace
 
+NetlinkOperStateHook & netlinkOperStateHook() {
+  static NetlinkOperStateHook hook = &sendNetlinkOperState;
+  return hook;
+}
+
 bool doSetNetlinkOperState(int sd, char const * deviceName, int tag, int operState) {
-  return Ovel::platform().setNetlinkOperState(sd, deviceName, tag, operState);
+  return netlinkOperStateHook()(sd, deviceName, tag, operState);
 }
 
 bool sendNetlinkOperState(int sd, char const * deviceName, int tag, int operState) {
@@ -106,7 +111,7 @@ bool sendNetlinkOperState(int sd, char const * deviceName, int tag, int operStat
     errno = EINVAL;
     return false;
   }
-  Ovel::Platform const & calls = Ovel::platform();
+  Platform::Calls const & calls = Platform::calls();
   uint32_t const seq = static_cast<uint32_t>(tag);
 
   alignas(nlmsghdr) char request[128] = {};

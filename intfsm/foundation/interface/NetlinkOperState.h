@@ -22,12 +22,19 @@
 // on a non-blocking socket; a missing acknowledgement is waited for at most one second.
 #pragma once
 
+#include <functional>
+
 namespace Interface {
 
-// Goes through Ovel::platform().setNetlinkOperState.
+// Goes through netlinkOperStateHook().
 bool doSetNetlinkOperState(int sd, char const * deviceName, int tag, int operState);
 
-// The body of doSetNetlinkOperState; it reaches the kernel through Ovel::platform().
+// The body of doSetNetlinkOperState; it reaches the kernel through Platform::calls().
 bool sendNetlinkOperState(int sd, char const * deviceName, int tag, int operState);
+
+// What doSetNetlinkOperState calls: sendNetlinkOperState unless a test has replaced it (to record
+// requests or answer for the kernel). Whoever replaces it restores it.
+using NetlinkOperStateHook = std::function<bool(int sd, char const * deviceName, int tag, int operState)>;
+NetlinkOperStateHook & netlinkOperStateHook();
 
 }  // namespace Interface

@@ -25,7 +25,7 @@
 #include <iosfwd>
 #include <vector>
 
-#include "intfsm/foundation/kernel/PodArray.h"
+#include "intfsm/foundation/kernel/internal/PodArray.h"
 #include "intfsm/foundation/vorn/Collection.h"
 #include "intfsm/foundation/vorn/Entity.h"
 #include "intfsm/foundation/vorn/String.h"

@@ -12,8 +12,8 @@
 #include <cmath>
 #include <sstream>
 
-#include "intfsm/foundation/kernel/Trace.h"
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/foundation/kernel/internal/Trace.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/System.h"
 
@@ -101,7 +101,7 @@ void Status::enabledIs(bool enabled) {
       break;
     }
     pollfd p{sd_, POLLIN, 0};
-    int const ready = Ovel::platform().poll(&p, 1, static_cast<int>(std::ceil(left * 1000)));
+    int const ready = Platform::calls().poll(&p, 1, static_cast<int>(std::ceil(left * 1000)));
     if (ready < 0) {
       if (errno == EINTR) continue;
       KNI_TRACE(0, "KernelNetInfo::Status poll failed in namespace " << netNs_ << ", errno: " << errno
@@ -121,10 +121,10 @@ void Status::open() {
 
   sockaddr_nl local{};
   local.nl_family = AF_NETLINK;
-  if (Ovel::platform().bind(sd, reinterpret_cast<sockaddr const *>(&local), sizeof local) < 0) fail("bind", errno);
+  if (Platform::calls().bind(sd, reinterpret_cast<sockaddr const *>(&local), sizeof local) < 0) fail("bind", errno);
   // Subscribe before the snapshot: nothing that changes between the two is missed.
   int const group = RTNLGRP_LINK;
-  if (Ovel::platform().setsockopt(sd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0) {
+  if (Platform::calls().setsockopt(sd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0) {
     fail("setsockopt NETLINK_ADD_MEMBERSHIP", errno);
   }
 
@@ -145,8 +145,8 @@ void Status::applyRcvBuf(int sd) {
   int const bytes = rcvBufBytes_ > INT_MAX / 2 ? INT_MAX / 2 : static_cast<int>(rcvBufBytes_);
   // SO_RCVBUFFORCE goes past net.core.rmem_max, given CAP_NET_ADMIN; without it, SO_RCVBUF gets
   // what the system allows.
-  if (Ovel::platform().setsockopt(sd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
-  if (errno == EPERM && Ovel::platform().setsockopt(sd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) == 0) return;
+  if (Platform::calls().setsockopt(sd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return;
+  if (errno == EPERM && Platform::calls().setsockopt(sd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) == 0) return;
   fail("setsockopt SO_RCVBUF", errno);
 }
 
@@ -170,7 +170,7 @@ void Status::close() {
   }
   if (clockReactor_) clockReactor_->timeMinIs(Vorn::Clock::never);
   if (sd_ >= 0) {
-    Ovel::platform().close(sd_);
+    Platform::calls().close(sd_);
     sd_ = -1;
   }
   dumping_ = false;
@@ -184,8 +184,8 @@ void Status::rcvBufBytesIs(uint32_t bytes) {
   KNI_TRACE(8, "rcvBufBytesIs( " << bytes << " ) netNs: " << netNs_);
   if (sd_ >= 0 && bytes != 0) {
     int const value = bytes > INT_MAX / 2 ? INT_MAX / 2 : static_cast<int>(bytes);
-    if (Ovel::platform().setsockopt(sd_, SOL_SOCKET, SO_RCVBUFFORCE, &value, sizeof value) < 0 &&
-        (errno != EPERM || Ovel::platform().setsockopt(sd_, SOL_SOCKET, SO_RCVBUF, &value, sizeof value) < 0)) {
+    if (Platform::calls().setsockopt(sd_, SOL_SOCKET, SO_RCVBUFFORCE, &value, sizeof value) < 0 &&
+        (errno != EPERM || Platform::calls().setsockopt(sd_, SOL_SOCKET, SO_RCVBUF, &value, sizeof value) < 0)) {
       int const error = errno;
       std::ostringstream text;
       text << "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace " << netNs_ << ", errno: " << error;
@@ -216,7 +216,7 @@ bool Status::startDump() {
   mnl_attr_put_u32(nlh, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
 
   lastDumpStart_ = Vorn::System::currentTime();
-  if (Ovel::platform().sendto(sd_, nlh, nlh->nlmsg_len, 0, nullptr, 0) < 0) return false;
+  if (Platform::calls().sendto(sd_, nlh, nlh->nlmsg_len, 0, nullptr, 0) < 0) return false;
   dumping_ = true;
   dumpSeq_ = seq_;
   dumpInterrupted_ = false;
@@ -292,7 +292,7 @@ void Status::handleReadable() {
     message.msg_namelen = sizeof from;
     message.msg_iov = &iov;
     message.msg_iovlen = 1;
-    ssize_t const length = Ovel::platform().recvmsg(sd, &message, 0);
+    ssize_t const length = Platform::calls().recvmsg(sd, &message, 0);
     if (length < 0) {
       int const error = errno;
       if (error == EINTR) continue;

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <unordered_set>
 
-#include "intfsm/foundation/kernel/Trace.h"
+#include "intfsm/foundation/kernel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/System.h"
 

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <ostream>
 
-#include "intfsm/foundation/ovel/PrintableText.h"
+#include "intfsm/foundation/ovel/internal/PrintableText.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Ovel {

@@ -12,10 +12,10 @@
 #include <cstring>
 #include <string>
 
-#include "intfsm/foundation/ovel/Platform.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
-#include "intfsm/foundation/ovel/Trace.h"
+#include "intfsm/foundation/ovel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Ovel {
@@ -116,22 +116,22 @@ int filterAttach(int sd, SockFilterProgram const & program) {
   int result;
   if (program.empty()) {
     int unused = 0;
-    result = platform().setsockopt(sd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
+    result = Platform::calls().setsockopt(sd, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
   } else {
     sock_fprog const fprog = program.fprog();
-    result = platform().setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
+    result = Platform::calls().setsockopt(sd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
   }
   return result < 0 ? errno : 0;
 }
 
 int intOption(int sd, int level, int option, int value) {
-  return platform().setsockopt(sd, level, option, &value, sizeof value) < 0 ? errno : 0;
+  return Platform::calls().setsockopt(sd, level, option, &value, sizeof value) < 0 ? errno : 0;
 }
 
 }  // namespace
 
 void EthDevPam::doOpenSocket() {
-  Platform & os = platform();
+  Platform::Calls & os = Platform::calls();
   uint32_t const ifIndexBefore = ifIndex_;
   int fd = -1;
   // Closes what was opened, puts ifIndex back and raises; `error` is taken before anything runs.
@@ -215,7 +215,7 @@ void EthDevPam::doCloseSocket(bool notifying) {
   int const fd = sd_;
   ownSocket_ = false;
   OVEL_TRACE(5, "EthDevPam " << name() << ": closing own socket " << fd);
-  if (platform().close(fd) < 0) {
+  if (Platform::calls().close(fd) < 0) {
     OVEL_TRACE(0, "EthDevPam " << name() << ": close of socket " << fd << " failed, errno: " << errno);
   }
   if (notifying) {
@@ -296,7 +296,7 @@ void EthDevPam::doReadSingle() {
     header.msg_iovlen = 1;
     header.msg_control = control.bytes;
     header.msg_controllen = sizeof control.bytes;
-    ssize_t const length = platform().recvmsg(fd, &header, MSG_DONTWAIT);
+    ssize_t const length = Platform::calls().recvmsg(fd, &header, MSG_DONTWAIT);
     if (length < 0) {
       readFailed(*this, "recvmsg", fd, errno);
       return;
@@ -328,7 +328,7 @@ void EthDevPam::doReadBulk() {
     slots.pkts[count] = std::move(pkt);
   }
   if (count) {
-    int const received = platform().recvmmsg(fd, slots.headers.data(), count, MSG_DONTWAIT, nullptr);
+    int const received = Platform::calls().recvmmsg(fd, slots.headers.data(), count, MSG_DONTWAIT, nullptr);
     if (received < 0) readFailed(*this, "recvmmsg", fd, errno);
     for (int i = 0; i < received; ++i) {
       if (!doDeliver(*slots.pkts[static_cast<size_t>(i)], slots.headers[static_cast<size_t>(i)].msg_hdr,
@@ -389,7 +389,7 @@ int EthDevPam::doSendPkt(Pkt const & pkt) {
     length += vlanTagBytes;
   }
   ssize_t const sent =
-      platform().sendto(sd_, frame, length, 0, reinterpret_cast<sockaddr const *>(&to), sizeof to);
+      Platform::calls().sendto(sd_, frame, length, 0, reinterpret_cast<sockaddr const *>(&to), sizeof to);
   if (sent < 0) {
     int const error = errno;
     if ((error == EAGAIN || error == ENOBUFS) && fileDesc_) fileDesc_->writableWantedIs(true);

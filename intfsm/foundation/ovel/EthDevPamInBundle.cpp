@@ -1,6 +1,6 @@
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 
-#include "intfsm/foundation/ovel/Trace.h"
+#include "intfsm/foundation/ovel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Ovel {

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "intfsm/foundation/ovel/PrintableText.h"
+#include "intfsm/foundation/ovel/internal/PrintableText.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Ovel {

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "intfsm/foundation/platform/Platform.h"
+
 namespace Ovel {
 
 namespace {
@@ -23,7 +25,7 @@ bool validNsName(char const * nsName) {
 }
 
 // Closes without disturbing the errno that the caller is about to report.
-void closeKeepingErrno(Platform const & calls, int fd) {
+void closeKeepingErrno(Platform::Calls const & calls, int fd) {
   int const saved = errno;
   calls.close(fd);
   errno = saved;
@@ -35,11 +37,18 @@ bool isDefaultNsName(char const * nsName) {
   return nsName == nullptr || nsName[0] == '\0' || std::strcmp(nsName, defaultNsText) == 0;
 }
 
-int socketAt(int domain, int type, int protocol, char const * nsName) {
-  return platform().socketAt(domain, type, protocol, nsName);
+SocketAtHook & socketAtHook() {
+  static SocketAtHook hook = [](int domain, int type, int protocol, char const * nsName) {
+    return socketAtThrough(Platform::calls(), domain, type, protocol, nsName);
+  };
+  return hook;
 }
 
-int socketAtThrough(Platform const & calls, int domain, int type, int protocol, char const * nsName) {
+int socketAt(int domain, int type, int protocol, char const * nsName) {
+  return socketAtHook()(domain, type, protocol, nsName);
+}
+
+int socketAtThrough(Platform::Calls const & calls, int domain, int type, int protocol, char const * nsName) {
   if (isDefaultNsName(nsName)) return calls.socket(domain, type | SOCK_CLOEXEC, protocol);
   if (!validNsName(nsName)) {
     errno = EINVAL;

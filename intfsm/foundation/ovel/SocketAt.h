@@ -15,7 +15,11 @@
 // otherwise the errno of the failed step). No descriptor is left open on any failure.
 #pragma once
 
-#include "intfsm/foundation/ovel/Platform.h"
+#include <functional>
+
+namespace Platform {
+struct Calls;
+}  // namespace Platform
 
 namespace Ovel {
 
@@ -28,10 +32,15 @@ inline constexpr unsigned maxNsNameBytes = 150;
 // True for the names that mean the default namespace: null, "" and defaultNsText.
 bool isDefaultNsName(char const * nsName);
 
-// Goes through platform().socketAt.
+// Goes through socketAtHook().
 int socketAt(int domain, int type, int protocol, char const * nsName);
 
 // The body of socketAt, reaching the kernel through `calls` (open, setns, socket, close).
-int socketAtThrough(Platform const & calls, int domain, int type, int protocol, char const * nsName);
+int socketAtThrough(Platform::Calls const & calls, int domain, int type, int protocol, char const * nsName);
+
+// What socketAt calls: socketAtThrough(Platform::calls(), ...) unless a test has replaced it (to hand
+// out fake descriptors without entering any namespace). Whoever replaces it restores it.
+using SocketAtHook = std::function<int(int domain, int type, int protocol, char const * nsName)>;
+SocketAtHook & socketAtHook();
 
 }  // namespace Ovel

@@ -4,45 +4,9 @@
 
 namespace Vorn {
 
-namespace {
-char const * const typeNames[] = {
-    "Interface::NetNsIntfStatusIndexDir",
-    "Interface::IntfStatusIndexDir",
-    "Interface::AllIntfDeviceNameReactor",
-    "Interface::KniIntfStatusManager",
-    "Interface::NetNsKernelIntfStatusDir",
-    "Interface::KniAllIntfDeviceNameReactor",
-    "Interface::NetNsIntfIdMap",
-    "Interface::NetNsIntfStatusManagerRoot",
-    "Interface::EthDevPamBundleFdSm",
-    "Interface::EthDevPamManagerBase",
-    "Interface::EthDevPamCollection",
-    "Interface::PamDesiredIntfDir",
-    "Interface::EthDevPamInBundleHolder",
-    "Interface::EthDevPamBundleActivitySm",
-    "Interface::EthDevPamHolder",
-    "Interface::EthDevPamBundle",
-    "Interface::EthDevPamManager",
-    "Interface::EthBridgeIntfFilter",
-    "Interface::BaseSimpleEthDevPamManager",
-    "Interface::SimpleEthDevPamManager",
-    "Interface::SimpleTxRxPktManager",
-    "KernelOperState::KernelOperStateManager",
-    "KernelOperState::IntfStatusDir",
-    "KernelOperState::IntfStatusLocalDir",
-    "KernelOperState::IntfStatusOperStatusSm",
-    "KernelOperState::Root",
-};
-}  // namespace
-
-TypeRegistry::TypeRegistry() {
-  types_.reserve(std::size(typeNames));
-  for (char const * name : typeNames) types_.push_back(TypeRecord(name));
-}
-
-TypeRegistry & typeRegistry() {
-  static TypeRegistry registry;
-  return registry;
+TypeRegistry::TypeRegistry(std::initializer_list<char const *> names) {
+  types_.reserve(names.size());
+  for (char const * name : names) types_.push_back(TypeRecord(name));
 }
 
 TypeRecord const * TypeRegistry::type(String const & name) const {
@@ -65,8 +29,8 @@ Ptr<Entity> TypeRegistry::newEntity(String const & typeName, Name const & name) 
   return record && record->factory_ ? record->factory_(name) : Ptr<Entity>();
 }
 
-Ptr<Entity> newEntityForDir(String const & typeName, Name const & name, Ptr<Entity> const & dir) {
-  Ptr<Entity> entity = typeRegistry().newEntity(typeName, name);
+Ptr<Entity> TypeRegistry::newEntityForDir(String const & typeName, Name const & name, Ptr<Entity> const & dir) const {
+  Ptr<Entity> entity = newEntity(typeName, name);
   if (entity) entity->parentIs(dir);
   return entity;
 }

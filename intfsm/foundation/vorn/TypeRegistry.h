@@ -1,10 +1,12 @@
-// The registry of the library's entity types: each type's fully qualified name, in a fixed order,
-// the names of its attributes, and the factory through which an agent creates it by name.
+// A registry of entity types: each type's fully qualified name, in an order fixed when the registry
+// is made, the names of its attributes, and the factory through which an agent creates it by name.
 //
-//   auto root = Vorn::typeRegistry().type("KernelOperState::Root")->factory()("kos");
+//   Vorn::TypeRegistry registry({"Demo::Root", "Demo::Dir"});
+//   registry.typeIs("Demo::Root", &rootFactory, {"dir", "initialized"});
+//   Vorn::Ptr<Vorn::Entity> root = registry.newEntity("Demo::Root", "r");
 //
-// The names are known from the start; a module attaches its factory and attribute names when the
-// library is loaded (TypeRegistration objects at namespace scope).
+// The framework knows no type of its own: the library keeps its list of names, and its registry, at
+// library level (intfsm/LibraryTypes.h).
 #pragma once
 
 #include <cstdint>
@@ -33,32 +35,23 @@ class TypeRecord {
 
 class TypeRegistry {
  public:
-  // Every registered type, in registry order.
+  // The registry of exactly these type names, in this order.
+  TypeRegistry(std::initializer_list<char const *> names);
+
+  // Every type, in registry order.
   std::vector<TypeRecord> const & types() const { return types_; }
   // The record of a fully qualified name, or null.
   TypeRecord const * type(String const & name) const;
   // Creates an entity of a registered type through its factory; null when it has none.
   Ptr<Entity> newEntity(String const & typeName, Name const & name) const;
+  // The same, with `dir` as the new entity's parent.
+  Ptr<Entity> newEntityForDir(String const & typeName, Name const & name, Ptr<Entity> const & dir) const;
 
   // Attaches a factory and the attribute names to a known type; an unknown name is a program error.
   void typeIs(String const & name, TypeRecord::Factory factory, std::initializer_list<char const *> attributes);
 
  private:
-  friend TypeRegistry & typeRegistry();
-  TypeRegistry();
   std::vector<TypeRecord> types_;
-};
-
-TypeRegistry & typeRegistry();
-
-// Creates an entity of `typeName` named `name` with `dir` as its parent.
-Ptr<Entity> newEntityForDir(String const & typeName, Name const & name, Ptr<Entity> const & dir);
-
-// Registers a type when the library is loaded.
-struct TypeRegistration {
-  TypeRegistration(char const * name, TypeRecord::Factory factory, std::initializer_list<char const *> attributes) {
-    typeRegistry().typeIs(name, factory, attributes);
-  }
 };
 
 }  // namespace Vorn

@@ -6,7 +6,7 @@
 
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/vorn/Exception.h"
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 #include "tests/support/FakePlatform.h"
 #include "tests/support/TraceCapture.h"
 
@@ -299,17 +299,17 @@ TEST_F(OperStateSmTest, RootNamedChildren) {
   EXPECT_EQ(root->kosmIs(), kosm);  // one manager
   EXPECT_FALSE(root->hasBackupSupport());
 
-  auto const * record = Vorn::typeRegistry().type("KernelOperState::Root");
+  auto const * record = Intfsm::typeRegistry().type("KernelOperState::Root");
   ASSERT_NE(record, nullptr);
   ASSERT_NE(record->factory(), nullptr);
   auto made = record->factory()("viaRegistry");
   EXPECT_EQ(made->name(), "viaRegistry");
   EXPECT_STREQ(made->vornTypeName(), "KernelOperState::Root");
   EXPECT_EQ(record->attributes().front(), "kosm");
-  EXPECT_EQ(Vorn::typeRegistry().type("KernelOperState::KernelOperStateManager")->attributes(),
+  EXPECT_EQ(Intfsm::typeRegistry().type("KernelOperState::KernelOperStateManager")->attributes(),
             (std::vector<Vorn::String>{"nsNetlinkSockFd", "doSetOperState", "doSetOperStateInNs", "netlinkSocket",
                                        "operStatus"}));
-  auto viaDir = Vorn::newEntityForDir("KernelOperState::IntfStatusLocalDir", "locals", root);
+  auto viaDir = Intfsm::typeRegistry().newEntityForDir("KernelOperState::IntfStatusLocalDir", "locals", root);
   EXPECT_STREQ(viaDir->vornTypeName(), "KernelOperState::IntfStatusLocalDir");
   EXPECT_EQ(viaDir->parent(), root);
 }

@@ -66,8 +66,8 @@ class NetlinkOperStateBody : public ::testing::Test {
   using Reply = std::function<void(int sd, uint32_t seq)>;
 
   NetlinkOperStateBody() {
-    fake.behaviour().setNetlinkOperState = Ovel::realPlatform().setNetlinkOperState;
-    sd = Ovel::platform().socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
+    fake.behaviour().setNetlinkOperState = &Interface::sendNetlinkOperState;
+    sd = Platform::calls().socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
     fake.behaviour().sendto = [this, inner = fake.behaviour().sendto](int fd, void const * data, size_t length, int flags,
                                                                        sockaddr const * to, socklen_t toLength) {
       auto const * nlh = static_cast<nlmsghdr const *>(data);

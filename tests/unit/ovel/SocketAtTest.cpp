@@ -21,7 +21,7 @@ using Kind = FakePlatform::Kind;
 class SocketAtBody : public ::testing::Test {
  protected:
   SocketAtBody() {
-    fake.behaviour().socketAt = Ovel::realPlatform().socketAt;
+    fake.behaviour().socketAt = [](int d, int t, int p, char const * ns) { return Ovel::socketAtThrough(Platform::calls(), d, t, p, ns); };
     fake.namespaceIs("blue");
   }
   // The kinds of the recorded calls after the outer socketAt, space-separated.

@@ -5,7 +5,7 @@
 
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Exception.h"
-#include "intfsm/foundation/vorn/TypeRegistry.h"
+#include "intfsm/LibraryTypes.h"
 #include "tests/support/TestEntities.h"
 
 using TestSupport::Widget;
@@ -125,19 +125,19 @@ TEST(Entity, ParentIsNotOwnedAndClearsWhenTheParentDies) {
 }
 
 TEST(TypeRegistry, HoldsTheLibrarysTypesInOrder) {
-  auto const & types = Vorn::typeRegistry().types();
+  auto const & types = Intfsm::typeRegistry().types();
   ASSERT_EQ(types.size(), 26u);
   EXPECT_EQ(types.front().name(), "Interface::NetNsIntfStatusIndexDir");
   EXPECT_EQ(types[8].name(), "Interface::EthDevPamBundleFdSm");
   EXPECT_EQ(types[20].name(), "Interface::SimpleTxRxPktManager");
   EXPECT_EQ(types.back().name(), "KernelOperState::Root");
-  EXPECT_NE(Vorn::typeRegistry().type("KernelOperState::IntfStatusDir"), nullptr);
-  EXPECT_EQ(Vorn::typeRegistry().type("KernelOperState::Nope"), nullptr);
-  EXPECT_FALSE(Vorn::typeRegistry().newEntity("KernelOperState::Nope", "x"));
+  EXPECT_NE(Intfsm::typeRegistry().type("KernelOperState::IntfStatusDir"), nullptr);
+  EXPECT_EQ(Intfsm::typeRegistry().type("KernelOperState::Nope"), nullptr);
+  EXPECT_FALSE(Intfsm::typeRegistry().newEntity("KernelOperState::Nope", "x"));
 }
 
 TEST(TypeRegistryDeathTest, RegisteringAnUnknownTypeIsAProgramError) {
-  EXPECT_DEATH(Vorn::typeRegistry().typeIs("Nowhere::Thing", nullptr, {}), "assertion \"record != nullptr\" failed");
+  EXPECT_DEATH(Intfsm::typeRegistry().typeIs("Nowhere::Thing", nullptr, {}), "assertion \"record != nullptr\" failed");
 }
 
 TEST(Exception, MutatorTexts) {

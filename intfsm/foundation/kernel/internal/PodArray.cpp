@@ -1,4 +1,4 @@
-#include "intfsm/foundation/kernel/PodArray.h"
+#include "intfsm/foundation/kernel/internal/PodArray.h"
 
 #include <sstream>
 

@@ -1,4 +1,4 @@
-#include "intfsm/foundation/ovel/PrintableText.h"
+#include "intfsm/foundation/ovel/internal/PrintableText.h"
 
 namespace Ovel {
 

@@ -1,4 +1,4 @@
-#include "intfsm/foundation/kernel/Trace.h"
+#include "intfsm/foundation/kernel/internal/Trace.h"
 
 namespace KernelNetInfo {
 

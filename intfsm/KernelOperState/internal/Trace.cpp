@@ -1,4 +1,4 @@
-#include "intfsm/KernelOperState/Trace.h"
+#include "intfsm/KernelOperState/internal/Trace.h"
 
 namespace KernelOperState {
 

@@ -1,4 +1,4 @@
-#include "intfsm/foundation/ovel/Trace.h"
+#include "intfsm/foundation/ovel/internal/Trace.h"
 
 namespace Ovel {
 

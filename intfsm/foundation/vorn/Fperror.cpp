@@ -1,4 +1,4 @@
-#include "intfsm/foundation/interface/Fperror.h"
+#include "intfsm/foundation/vorn/Fperror.h"
 
 #include <cstdio>
 #include <cstdlib>
