@@ -204,11 +204,18 @@ void ActivityManager::watchDel(uint64_t id, int descriptor) {
   if (epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr) != 0) ++staleWatches_;
 }
 
+namespace {
+ActivityManager * loopInstead = nullptr;
+}  // namespace
+
 ActivityManager & activityManager() {
+  if (loopInstead) return *loopInstead;
   // Never destroyed: activities must outlive every notifiee bound to one, whatever the order in
   // which static objects are torn down at exit.
   static ActivityManager * const manager = new ActivityManager();
   return *manager;
 }
+
+void activityManagerIs(ActivityManager * loop) { loopInstead = loop; }
 
 }  // namespace Vorn

@@ -110,4 +110,9 @@ using ActivityManagerConfig = ActivityManager;
 // The process's one loop, created on first use.
 ActivityManager & activityManager();
 
+// Tests: makes `loop` what activityManager() returns, so that state machines written against the
+// process's loop run on a private one; null gives the process's own back. Objects bound to the
+// private loop must be gone before it is.
+void activityManagerIs(ActivityManager * loop);
+
 }  // namespace Vorn
