@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "intfsm/foundation/ovel/Trace.h"
+#include "intfsm/foundation/ovel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Ovel {
