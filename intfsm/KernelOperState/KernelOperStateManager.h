@@ -9,7 +9,9 @@
 //   kosm->doSetOperStateInNs("veth0", Interface::IntfOperStatus::intfOperUp, Ovel::NamespaceName("blue"));
 //
 // Failures that leave no sane way on are fatal, as the owning agent expects: no socket in the default
-// namespace, a bind that fails, or a request the kernel refuses end the process with exit status 1.
+// namespace, a bind that fails, or a request that cannot be sent (the socket is broken) end the process
+// with exit status 1. A request the kernel refuses (a device not, or not yet, in that namespace) is
+// traced and survived: the next change of the interface's status sends it again.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The oper-state root wired as an agent wires it, against the real kernel: interface statuses become
 // the operational state of veth devices in two namespaces, and namespaces that come and go get and
 // lose their cached netlink socket.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <linux/if.h>
@@ -9,9 +10,11 @@
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/NetNs.h"
+#include "tests/support/TraceCapture.h"
 
 using Ovel::IntfId;
 using Ovel::NamespaceName;
+using ::testing::ElementsAre;
 
 namespace {
 
@@ -51,14 +54,22 @@ class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
 
   Vorn::Ptr<Interface::IntfStatus> addInterface(char const * id, char const * device, std::string const & ns,
                                                 Interface::IntfOperStatus s) {
+    auto status = statusOf(id, device, s);
+    localIs(id, ns);
+    root->intfStatusDir()->intfStatusIs(status);
+    return status;
+  }
+
+  Vorn::Ptr<Interface::IntfStatus> statusOf(char const * id, char const * device, Interface::IntfOperStatus s) {
     auto status = Interface::intfStatusFactory(IntfId(id));
     status->deviceNameIs(device);
     status->operStatusIs(s);
+    return status;
+  }
+  void localIs(char const * id, std::string const & ns) {
     auto local = Interface::intfStatusLocalFactory(IntfId(id));
     local->netNsNameIs(NamespaceName(ns));
     root->intfStatusLocalDir()->intfStatusLocalIs(local);
-    root->intfStatusDir()->intfStatusIs(status);
-    return status;
   }
 
   Vorn::Ptr<KernelOperState::Root> root;
@@ -117,6 +128,50 @@ TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
   for (auto const & e : root->kosm()->nsNetlinkSockFdIter()) close(e.value);
   root = nullptr;
   EXPECT_EQ(IntfsmTest::openDescriptorCount(), fdsBefore);
+}
+
+// What the kernel refuses or does not apply is survived (this process goes on), and a later change of
+// the status reaches the kernel.
+TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultNamespaceFirst) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached("default"); }));
+  ASSERT_FALSE(netns().link("", "va0"));
+  TraceCapture trace{{"Interface", 1}};
+  auto e1 = statusOf("Ethernet1", "va0", Interface::intfOperDown);
+  root->intfStatusDir()->intfStatusIs(e1);
+  EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 5 for device va0 refused: No such device"));
+  localIs("Ethernet1", ns1);
+  EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_DORMANT));
+  e1->operStatusIs(Interface::intfOperUp);
+  EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
+  EXPECT_EQ(trace.size(), 1u);
+}
+
+TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
+  TraceCapture trace{{"Interface", 1}};
+  auto e2 = addInterface("Ethernet2", "vz0", ns2, Interface::intfOperUp);
+  EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 6 for device vz0 refused: No such device"));
+  netns().vethPairNew(ns2, "vz0", "vz1");
+  netns().linkUp(ns2, "vz0");
+  netns().linkUp(ns2, "vz1");
+  ASSERT_TRUE(netns().waitForOperState(ns2, "vz0", IF_OPER_UP));
+  e2->operStatusIs(Interface::intfOperDown);
+  EXPECT_TRUE(netns().waitForOperState(ns2, "vz0", IF_OPER_DORMANT));
+}
+
+// DORMANT is applied only to a device that is administratively up: accepted and ignored before.
+TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
+  netns().linkDown(ns2, "vc0");
+  TraceCapture trace{{"Interface", 1}};
+  auto e3 = addInterface("Ethernet3", "vc0", ns2, Interface::intfOperDown);
+  EXPECT_EQ(netns().link(ns2, "vc0")->operState, IF_OPER_DOWN);
+  netns().linkUp(ns2, "vc0");
+  ASSERT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_UP));
+  e3->operStatusIs(Interface::intfOperLowerLayerDown);
+  EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_DORMANT));
+  EXPECT_FALSE(netns().link(ns2, "vc0")->flags & IFF_RUNNING);
+  EXPECT_EQ(trace.size(), 0u);
 }
 
 }  // namespace

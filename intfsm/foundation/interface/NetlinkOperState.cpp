@@ -4,25 +4,20 @@
 #include <linux/if.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
+#include "intfsm/foundation/interface/internal/Trace.h"
 #include "intfsm/foundation/platform/Platform.h"
 
 namespace Interface {
 
 namespace {
 
-// The kernel answers RTM_SETLINK before sendto returns; the wait only covers what that misses.
-constexpr std::chrono::milliseconds ackWait{1000};
-
 // Stale replies are few; the bound only keeps a misbehaving peer from holding us forever.
-constexpr int maxStaleDatagrams = 1024;
+constexpr int maxDatagrams = 1024;
 
 struct Buffer {
   alignas(nlmsghdr) char bytes[8192];
@@ -39,58 +34,63 @@ ssize_t receive(Platform::Calls const & calls, int sd, Buffer & buffer, sockaddr
 }
 
 void discardStale(Platform::Calls const & calls, int sd, Buffer & buffer) {
-  for (int i = 0; i < maxStaleDatagrams; ++i) {
+  for (int i = 0; i < maxDatagrams; ++i) {
     sockaddr_nl from{};
     if (receive(calls, sd, buffer, from) < 0 && errno != EINTR && errno != ENOBUFS) return;
   }
 }
 
-// The verdict carried by the acknowledgement of `seq` in one datagram: 1 accepted, 0 refused
-// (errno set), -1 not in this datagram.
-int verdictIn(Buffer const & buffer, int length, uint32_t seq) {
+enum class Verdict { none, accepted, refused, unreadable };
+
+// The acknowledgement of `seq` in one datagram; `error` is the kernel's errno when refused.
+Verdict verdictIn(Buffer const & buffer, int length, uint32_t seq, int & error) {
   for (auto const * nlh = reinterpret_cast<nlmsghdr const *>(buffer.bytes); mnl_nlmsg_ok(nlh, length);
        nlh = mnl_nlmsg_next(nlh, &length)) {
     if (nlh->nlmsg_seq != seq || nlh->nlmsg_type != NLMSG_ERROR) continue;
     if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) {
-      errno = EPROTO;
-      return 0;
+      error = EPROTO;
+      return Verdict::unreadable;
     }
-    auto const * answer = static_cast<nlmsgerr const *>(mnl_nlmsg_get_payload(nlh));
-    if (answer->error == 0) return 1;
-    errno = -answer->error;
-    return 0;
+    error = -static_cast<nlmsgerr const *>(mnl_nlmsg_get_payload(nlh))->error;
+    return error == 0 ? Verdict::accepted : Verdict::refused;
   }
-  return -1;
+  return Verdict::none;
 }
 
-bool awaitAck(Platform::Calls const & calls, int sd, uint32_t seq, Buffer & buffer) {
-  auto const deadline = std::chrono::steady_clock::now() + ackWait;
-  bool overrun = false;
-  for (;;) {
+// Reads what the kernel has queued for the request, without waiting, and traces what is not an
+// acceptance. Whatever comes later is discarded by the next request.
+void readAnswer(Platform::Calls const & calls, int sd, uint32_t seq, Buffer & buffer, char const * deviceName,
+                int operState) {
+  for (int i = 0; i < maxDatagrams; ++i) {
     sockaddr_nl from{};
     ssize_t const length = receive(calls, sd, buffer, from);
-    if (length >= 0) {
-      if (from.nl_pid != 0) continue;  // only the kernel answers a request
-      int const verdict = verdictIn(buffer, static_cast<int>(length), seq);
-      if (verdict >= 0) return verdict == 1;
-      continue;
+    int error = errno;
+    if (length < 0) {
+      // ENOBUFS: something was dropped, perhaps the answer; look at what is left.
+      if (error == EINTR || error == ENOBUFS) continue;
+      if (error == EAGAIN || error == EWOULDBLOCK) {
+        INTF_TRACE(1, "IFLA_OPERSTATE " << operState << " for device " << deviceName << ": no answer yet");
+      } else {
+        INTF_TRACE(0, "IFLA_OPERSTATE " << operState << " for device " << deviceName
+                                        << ": answer not read: " << std::strerror(error));
+      }
+      return;
     }
-    if (errno == EINTR) continue;
-    if (errno == ENOBUFS) {
-      overrun = true;  // something was dropped, perhaps our answer: look at what is left
-      continue;
+    if (from.nl_pid != 0) continue;  // only the kernel answers a request
+    switch (verdictIn(buffer, static_cast<int>(length), seq, error)) {
+      case Verdict::none:
+        continue;
+      case Verdict::accepted:
+        return;
+      case Verdict::refused:
+        INTF_TRACE(0, "IFLA_OPERSTATE " << operState << " for device " << deviceName
+                                        << " refused: " << std::strerror(error));
+        return;
+      case Verdict::unreadable:
+        INTF_TRACE(0, "IFLA_OPERSTATE " << operState << " for device " << deviceName
+                                        << ": answer not read: " << std::strerror(error));
+        return;
     }
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
-
-    auto const left = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()),
-                               std::chrono::milliseconds(0));
-    pollfd readable{sd, POLLIN, 0};
-    int const ready = calls.poll(&readable, 1, static_cast<int>(left.count()));
-    if (ready == 0) {
-      errno = overrun ? ENOBUFS : ETIMEDOUT;
-      return false;
-    }
-    if (ready < 0 && errno != EINTR) return false;
   }
 }
 
@@ -106,10 +106,14 @@ bool doSetNetlinkOperState(int sd, char const * deviceName, int tag, int operSta
 }
 
 bool sendNetlinkOperState(int sd, char const * deviceName, int tag, int operState) {
-  if (deviceName == nullptr || deviceName[0] == '\0' || std::strlen(deviceName) >= IFNAMSIZ ||
-      operState < IF_OPER_UNKNOWN || operState > IF_OPER_UP) {
+  if (deviceName == nullptr || deviceName[0] == '\0' || operState < IF_OPER_UNKNOWN || operState > IF_OPER_UP) {
     errno = EINVAL;
     return false;
+  }
+  if (std::strlen(deviceName) >= IFNAMSIZ) {
+    INTF_TRACE(0, "IFLA_OPERSTATE " << operState << " for device " << deviceName
+                                    << " not sent: device name longer than " << IFNAMSIZ - 1 << " bytes");
+    return true;
   }
   Platform::Calls const & calls = Platform::calls();
   uint32_t const seq = static_cast<uint32_t>(tag);
@@ -136,7 +140,8 @@ bool sendNetlinkOperState(int sd, char const * deviceName, int tag, int operStat
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) return false;
 
-  return awaitAck(calls, sd, seq, buffer);
+  readAnswer(calls, sd, seq, buffer, deviceName, operState);
+  return true;
 }
 
 }  // namespace Interface

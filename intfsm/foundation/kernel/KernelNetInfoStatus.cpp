@@ -175,8 +175,10 @@ void Status::close() {
   }
   dumping_ = false;
   redumpPending_ = false;
+  readSinceLoss_ = true;
   dumpList_.clear();
   dumpListByName_.clear();
+  heldEvents_.clear();
 }
 
 void Status::rcvBufBytesIs(uint32_t bytes) {
@@ -242,15 +244,28 @@ void Status::dumpEnd() {
     KNI_TRACE(0, "KernelNetInfo::Status dump " << dumpSeq_ << " of namespace " << netNs_
                                                << " interrupted by a change; dumping again");
     for (Interface const & i : listed) root_->interfaceIs(i);
+    applyHeldEvents();
     redumpPending_ = true;
   } else {
     ++dumps_;
     KNI_TRACE(5, "dump " << dumpSeq_ << " of namespace " << netNs_ << " done: " << listed.size() << " devices");
     reconcile(*root_, listed);
+    applyHeldEvents();
     if (lostDuringDump_) redumpPending_ = true;
     if (!redumpPending_) syncedIs(true);
   }
   scheduleRedump();
+}
+
+void Status::applyHeldEvents() {
+  // Taken first: applying notifies watchers, which may disable the status (it then stops here).
+  std::vector<LinkEvent> held;
+  held.swap(heldEvents_);
+  int const sd = sd_;
+  for (LinkEvent const & event : held) {
+    if (sd_ != sd) return;
+    applyEvent(event);
+  }
 }
 
 void Status::eventsLost(char const * why) {
@@ -259,11 +274,14 @@ void Status::eventsLost(char const * why) {
   syncedIs(false);
   if (dumping_) lostDuringDump_ = true;
   redumpPending_ = true;
-  scheduleRedump();
+  // The kernel reports a loss ahead of the messages it queued before the loss. Those are older than
+  // any dump asked for now, and the event that followed them may be the one lost: they are read
+  // and applied first, and the re-dump starts once the socket has been read empty.
+  readSinceLoss_ = false;
 }
 
 void Status::scheduleRedump() {
-  if (!redumpPending_ || dumping_ || sd_ < 0) return;
+  if (!redumpPending_ || dumping_ || !readSinceLoss_ || sd_ < 0) return;
   double const now = Vorn::System::currentTime();
   double const due = lastDumpStart_ + redumpInterval_;
   if (now < due) {
@@ -296,7 +314,11 @@ void Status::handleReadable() {
     if (length < 0) {
       int const error = errno;
       if (error == EINTR) continue;
-      if (error == EAGAIN || error == EWOULDBLOCK) break;
+      if (error == EAGAIN || error == EWOULDBLOCK) {
+        readSinceLoss_ = true;
+        scheduleRedump();
+        break;
+      }
       if (error == ENOBUFS) {
         eventsLost("ENOBUFS");
         continue;
@@ -345,6 +367,7 @@ void Status::handleMessage(nlmsghdr const * nlh) {
       dumping_ = false;
       dumpList_.clear();
       dumpListByName_.clear();
+      applyHeldEvents();
       redumpPending_ = true;
       scheduleRedump();
       return;
@@ -394,40 +417,47 @@ void Status::handleLink(nlmsghdr const * nlh, bool fromDump) {
       },
       &attributes);
 
-  bool const gone = nlh->nlmsg_type == RTM_DELLINK || attributes.movedAway;
+  LinkEvent event{ifIndex, nlh->nlmsg_type == RTM_DELLINK || attributes.movedAway, attributes.movedAway, {}};
   if (fromDump) {
     if ((nlh->nlmsg_flags & NLM_F_DUMP_INTR) != 0) dumpInterrupted_ = true;
-    if (gone || attributes.nameLength == 0) return;
+    if (event.gone || attributes.nameLength == 0) return;
   } else {
     ++events_;
-    if (gone) {
-      KNI_TRACE(5, "removed " << root_->interfaceByIfIndex(ifIndex) << " in namespace " << netNs_
-                              << (attributes.movedAway ? " (moved to another namespace)" : ""));
-      if (dumping_) dumpListDel(ifIndex);
-      root_->interfaceDel(ifIndex);
-      return;
-    }
-    if (attributes.nameLength == 0) {
+    if (!event.gone && attributes.nameLength == 0) {
       KNI_TRACE(0, "KernelNetInfo::Status RTM_NEWLINK without a name for ifIndex " << ifIndex << " in namespace "
                                                                                    << netNs_);
       return;
     }
   }
-
-  Interface i;
-  try {
-    i = Interface(ifIndex, ifi->ifi_flags, Vorn::String(attributes.name, attributes.nameLength));
-  } catch (Vorn::RangeException const & e) {
-    KNI_TRACE(0, "KernelNetInfo::Status ignoring ifIndex " << ifIndex << " in namespace " << netNs_ << ": " << e.what());
-    return;
+  if (!event.gone) {
+    try {
+      event.interface = Interface(ifIndex, ifi->ifi_flags, Vorn::String(attributes.name, attributes.nameLength));
+    } catch (Vorn::RangeException const & e) {
+      KNI_TRACE(0, "KernelNetInfo::Status ignoring ifIndex " << ifIndex << " in namespace " << netNs_ << ": "
+                                                             << e.what());
+      return;
+    }
   }
   if (fromDump) {
-    dumpListIs(i);
+    dumpListIs(event.interface);
+  } else if (dumping_) {
+    // A dump record read later may be older than this event: it waits until the dump is reconciled.
+    heldEvents_.push_back(event);
+  } else {
+    applyEvent(event);
+  }
+}
+
+void Status::applyEvent(LinkEvent const & event) {
+  if (event.gone) {
+    KNI_TRACE(5, "removed " << root_->interfaceByIfIndex(event.ifIndex) << " in namespace " << netNs_
+                            << (event.movedAway ? " (moved to another namespace)" : ""));
+    root_->interfaceDel(event.ifIndex);
     return;
   }
-  KNI_TRACE(5, "link " << i << " in namespace " << netNs_ << " was " << root_->interfaceByIfIndex(ifIndex));
-  if (dumping_) dumpListIs(i);
-  root_->interfaceIs(i);
+  KNI_TRACE(5, "link " << event.interface << " in namespace " << netNs_ << " was "
+                       << root_->interfaceByIfIndex(event.ifIndex));
+  root_->interfaceIs(event.interface);
 }
 
 void Status::dumpListIs(Interface const & i) {
@@ -441,13 +471,6 @@ void Status::dumpListIs(Interface const & i) {
   }
   dumpList_[i.ifIndex()] = i;
   dumpListByName_[std::move(name)] = i.ifIndex();
-}
-
-void Status::dumpListDel(uint32_t ifIndex) {
-  auto old = dumpList_.find(ifIndex);
-  if (old == dumpList_.end()) return;
-  dumpListByName_.erase(std::string(old->second.deviceNameBytes().view()));
-  dumpList_.erase(old);
 }
 
 void Status::syncedIs(bool synced) {

@@ -12,25 +12,33 @@
 //   buffer (rcvBufBytes, SO_RCVBUFFORCE, or SO_RCVBUF when not permitted), binds it, joins
 //   RTNLGRP_LINK, and only then asks for a dump (RTM_GETLINK, NLM_F_DUMP). enabledIs(true) reads that
 //   first dump before it returns (for at most initialDumpSeconds; the rest then arrives on the loop).
-// - Messages are applied in the order the socket delivers them, so a later message about a device
-//   always wins over an earlier one. Dumped devices are collected, events are applied at once (and
-//   to the collection), and when the dump ends the Root is reconciled with the collection: devices
-//   that vanished go, changed ones are updated, new ones are added. A dump whose messages carry
-//   NLM_F_DUMP_INTR (the device list changed under it) only adds and updates, and is repeated.
+// - A dump is not a snapshot: rtnetlink builds each chunk of it and queues the chunk afterwards, so an
+//   event can arrive before a chunk that was built before the event. Dump records are therefore
+//   collected, and events read while a dump is in flight are held. When the dump ends the Root is
+//   reconciled with the collection (devices that vanished go first, then changed ones are updated and
+//   new ones added), and only then are the held events applied, in arrival order. Every change after
+//   a held event is either a later held event or a loss seen during the dump (which re-dumps), so no
+//   dump record is left standing over a newer state; watchers may see a device pass through the dumped
+//   state on the way. A dump whose messages carry NLM_F_DUMP_INTR (the device list changed under it)
+//   only adds and updates, is followed by the held events likewise, and is repeated. A refused dump
+//   request releases the held events at once. Outside dumps, events are applied as they are read.
 // - Events: RTM_NEWLINK adds, updates or renames; RTM_DELLINK deletes. A device that leaves for
 //   another namespace (RTM_DELLINK, or RTM_NEWLINK carrying IFLA_NEW_NETNSID) is a deletion here.
 //   Messages of other families (AF_BRIDGE port messages share the group) are ignored.
 // - Lost events: when recvmsg fails with ENOBUFS (the receive buffer overran) or a message was
-//   truncated, the Root may have drifted; `synced` turns false and a re-dump is asked for. Re-dumps
-//   are rate-limited on the loop's clock: one starts no sooner than redumpInterval seconds (0.1 by
-//   default) after the previous dump started; losses in between are covered by that one dump, and a
-//   loss during a dump asks for one more after it. The monitor never gives up or exits.
+//   truncated, the Root may have drifted; `synced` turns false and a re-dump is asked for. It starts
+//   only once the socket has been read empty: the kernel reports a loss ahead of the messages it had
+//   queued before it, and those, older than the re-dump and perhaps followed by the lost event, are
+//   applied at once rather than held. A loss seen while a dump is in flight asks for one more dump
+//   after it. Re-dumps are rate-limited on the loop's clock: one starts no sooner than redumpInterval
+//   seconds (0.1 by default) after the previous dump started; losses in between are covered by that
+//   one dump. The monitor never gives up or exits.
 // - Each readable event reads until EAGAIN.
 //
-// Disabling drops the FileDescriptor, then closes the socket; the Root keeps what it last knew, and
-// enabling again reconciles it with a fresh dump. Failures to set the socket up raise
-// Vorn::ErrnoException ("KernelNetInfo::Status <step> failed in namespace <ns>, errno: <n>") with
-// nothing left open. Traces go to the handle "KernelNetInfo".
+// Disabling drops the FileDescriptor, then closes the socket; the Root keeps what it last applied
+// (events held for an unfinished dump go with it), and enabling again reconciles it with a fresh
+// dump. Failures to set the socket up raise Vorn::ErrnoException ("KernelNetInfo::Status <step> failed
+// in namespace <ns>, errno: <n>") with nothing left open. Traces go to the handle "KernelNetInfo".
 #pragma once
 
 #include <cstdint>
@@ -95,7 +103,7 @@ class Status : public Vorn::Entity {
   bool redumpPending() const { return redumpPending_; }
 
   // Counters, kept across enable and disable.
-  uint64_t events() const { return events_; }                  // link events applied
+  uint64_t events() const { return events_; }                  // link events read
   uint64_t dumps() const { return dumps_; }                    // dumps completed
   uint64_t redumps() const { return redumps_; }                // re-dumps started after a loss or an interruption
   uint64_t overruns() const { return overruns_; }              // losses seen: ENOBUFS or a truncated message
@@ -122,9 +130,17 @@ class Status : public Vorn::Entity {
   void scheduleRedump();
   void handleRedumpTime();
   void handleMessage(nlmsghdr const * nlh);
+  // One RTM_NEWLINK or RTM_DELLINK event: `interface` is the device's new record unless it is gone.
+  struct LinkEvent {
+    uint32_t ifIndex;
+    bool gone;
+    bool movedAway;
+    Interface interface;
+  };
   void handleLink(nlmsghdr const * nlh, bool fromDump);
+  void applyEvent(LinkEvent const & event);
+  void applyHeldEvents();
   void dumpListIs(Interface const & i);
-  void dumpListDel(uint32_t ifIndex);
   void syncedIs(bool synced);
 
   Ovel::NamespaceName netNs_;
@@ -146,10 +162,12 @@ class Status : public Vorn::Entity {
   bool dumpInterrupted_ = false;
   bool lostDuringDump_ = false;
   bool redumpPending_ = false;
+  bool readSinceLoss_ = true;  // the socket has been read empty since the last loss
   double lastDumpStart_ = 0;
-  // What the dump in progress has said so far, patched by the events that came with it.
+  // What the dump in progress has said so far, and the events read meanwhile, in arrival order.
   std::map<uint32_t, Interface> dumpList_;
   std::unordered_map<std::string, uint32_t> dumpListByName_;
+  std::vector<LinkEvent> heldEvents_;
 
   uint64_t events_ = 0;
   uint64_t dumps_ = 0;

@@ -157,7 +157,7 @@ TEST_F(KernelOperStateManagerDeathTest, FatalPaths) {
       testing::ExitedWithCode(1), "^bind: ");
   EXPECT_EXIT(
       {
-        fake.operStateResultIs(false, ENODEV);
+        fake.operStateResultIs(false, EBADF);  // the socket is broken
         kosm->doSetOperStateInNs("et1", Interface::intfOperUp, NamespaceName("blue"));
       },
       testing::ExitedWithCode(1), "");

@@ -1,7 +1,9 @@
-// The oper-state request as it goes on the wire, and how its acknowledgement is found, against a
-// scripted kernel on a fake socket: stale and foreign replies, interrupted calls, lost answers.
+// The oper-state request as it goes on the wire, and what becomes of the kernel's answer, against a
+// scripted kernel on a fake socket: refusals are traced and survived, nothing is waited for, stale
+// and foreign replies are skipped, only a failed send is a failure.
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
@@ -11,17 +13,20 @@
 #include <cstring>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/support/FakePlatform.h"
+#include "tests/support/TraceCapture.h"
 
 namespace {
 
 using IntfsmTest::FakePlatform;
 using Kind = FakePlatform::Kind;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
 
-// An NLMSG_ERROR datagram answering sequence `seq` with `error` (0 = accepted).
+// An NLMSG_ERROR datagram answering sequence `seq` with `error` (0 = accepted), cut to `length`.
 std::string ackFor(uint32_t seq, int error, uint32_t length = 0) {
   alignas(nlmsghdr) char buffer[256] = {};
   nlmsghdr * nlh = mnl_nlmsg_put_header(buffer);
@@ -60,7 +65,7 @@ std::string requestText(std::string const & bytes) {
 }
 
 // The real request body over a fake netlink socket, with a kernel that answers each request with
-// the replies in `replies` (the sequence number of the request is passed to each maker).
+// the replies in `replies` (each gets the request's sequence number) while sendto runs.
 class NetlinkOperStateBody : public ::testing::Test {
  protected:
   using Reply = std::function<void(int sd, uint32_t seq)>;
@@ -70,16 +75,15 @@ class NetlinkOperStateBody : public ::testing::Test {
     sd = Platform::calls().socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
     fake.behaviour().sendto = [this, inner = fake.behaviour().sendto](int fd, void const * data, size_t length, int flags,
                                                                        sockaddr const * to, socklen_t toLength) {
-      auto const * nlh = static_cast<nlmsghdr const *>(data);
       destination = *reinterpret_cast<sockaddr_nl const *>(to);
-      for (Reply const & reply : replies) reply(fd, nlh->nlmsg_seq);
+      for (Reply const & reply : replies) reply(fd, static_cast<nlmsghdr const *>(data)->nlmsg_seq);
       return inner(fd, data, length, flags, to, toLength);
     };
     fake.clearCalls();
   }
 
-  Reply ack(int error = 0) {
-    return [this, error](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq, error)); };
+  Reply ack(int error = 0, int seqOffset = 0) {
+    return [=, this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq + seqOffset, error)); };
   }
   Reply fromPort4711(int error) {
     return [this, error](int fd, uint32_t seq) {
@@ -92,11 +96,20 @@ class NetlinkOperStateBody : public ::testing::Test {
     return [this, error, times](int, uint32_t) { fake.failNext(Kind::recvmsg, error, times); };
   }
 
-  bool send(char const * device, int tag, int operState) {
+  bool send(char const * device, int operState = IF_OPER_UP, int tag = 111) {
     return Interface::doSetNetlinkOperState(sd, device, tag, operState);
+  }
+  // The lines of the handle "Interface" as "<level> <text>".
+  std::vector<std::string> traced() const {
+    std::vector<std::string> out;
+    for (auto const & line : trace.lines()) {
+      if (line.module == "Interface") out.push_back(std::to_string(line.level) + " " + line.text);
+    }
+    return out;
   }
 
   FakePlatform fake;
+  TraceCapture trace{"Interface"};
   int sd = -1;
   std::vector<Reply> replies;
   sockaddr_nl destination{};
@@ -104,102 +117,101 @@ class NetlinkOperStateBody : public ::testing::Test {
 
 TEST_F(NetlinkOperStateBody, RequestNamesTheDeviceAndCarriesTheStateWithTheTagAsSequenceNumber) {
   replies = {ack()};
-  EXPECT_TRUE(send("et12", 111, IF_OPER_DORMANT));
-  ASSERT_EQ(fake.count(Kind::sendto), 1u);
-  EXPECT_EQ(requestText(fake.calls(Kind::sendto).at(0).data),
-            std::to_string(RTM_SETLINK) + " " + std::to_string(NLM_F_REQUEST | NLM_F_ACK) + " seq 111 ifi 0 0 " +
-                std::to_string(IFLA_IFNAME) + "=" + std::string("et12", 5) + " " + std::to_string(IFLA_OPERSTATE) +
-                "=" + std::to_string(IF_OPER_DORMANT) + "/1");
+  EXPECT_TRUE(send("et12", IF_OPER_DORMANT));
+  EXPECT_TRUE(send("et1", IF_OPER_UP, -1));  // any int is a sequence number
+  auto const sent = fake.calls(Kind::sendto);
+  ASSERT_EQ(sent.size(), 2u);
+  std::string const head = std::to_string(RTM_SETLINK) + " " + std::to_string(NLM_F_REQUEST | NLM_F_ACK);
+  std::string const name = " " + std::to_string(IFLA_IFNAME) + "=";
+  std::string const state = " " + std::to_string(IFLA_OPERSTATE) + "=";
+  EXPECT_EQ(requestText(sent[0].data), head + " seq 111 ifi 0 0" + name + std::string("et12", 5) + state +
+                                           std::to_string(IF_OPER_DORMANT) + "/1");
+  EXPECT_EQ(requestText(sent[1].data), head + " seq 4294967295 ifi 0 0" + name + std::string("et1", 4) + state +
+                                           std::to_string(IF_OPER_UP) + "/1");
   EXPECT_EQ(destination.nl_family, AF_NETLINK);
   EXPECT_EQ(destination.nl_pid, 0u);
-
-  EXPECT_TRUE(send("et1", -1, IF_OPER_UP));  // any int is a sequence number
-  EXPECT_NE(requestText(fake.calls(Kind::sendto).at(1).data).find(" seq 4294967295 "), std::string::npos);
+  EXPECT_THAT(traced(), IsEmpty());
 }
 
-TEST_F(NetlinkOperStateBody, TheAnswerIsFoundPastStaleForeignAndLostReplies) {
-  // A refusal left over from an earlier request with the same tag, discarded before sending.
-  fake.queueDatagram(sd, ackFor(111, -ENODEV));
-  replies = {failRecv(ENOBUFS),  // an overrun before the answer
-             [this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq + 1, -EPERM)); },
-             fromPort4711(-EPERM),
-             // Two messages in one datagram: a foreign one first, then ours.
-             [this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq - 1, -EBUSY) + ackFor(seq, 0)); }};
-  EXPECT_TRUE(send("et1", 111, IF_OPER_UP));
-  EXPECT_EQ(fake.queuedDatagrams(sd), 0u);
-}
-
-TEST_F(NetlinkOperStateBody, FailuresAreReturnedAsErrno) {
+// Whatever the kernel answers, or does not answer yet, the request was sent: true, and the answer
+// read without waiting. What is not an acceptance is traced.
+TEST_F(NetlinkOperStateBody, AnswersAreReadAtOnceTracedAndNeverAFailure) {
   struct Case {
     char const * what;
+    std::vector<std::string> stale;  // on the socket before the request
     std::vector<Reply> replies;
-    int error;
+    std::vector<std::string> traces;
   };
+  std::string const prefix = "IFLA_OPERSTATE 6 for device et1";
   std::vector<Case> const cases = {
-      {"refused by the kernel", {ack(-ENODEV)}, ENODEV},
-      {"refused, after a refusal from another port", {fromPort4711(-EPERM), ack(-ENODEV)}, ENODEV},
-      {"overrun without an answer", {failRecv(ENOBUFS)}, ENOBUFS},
-      {"receive fails", {failRecv(EBADF)}, EBADF},
+      {"accepted", {}, {ack()}, {}},
+      {"accepted, past an overrun and replies that are not the answer",
+       {},
+       {failRecv(ENOBUFS), ack(-EPERM, 1), fromPort4711(-EPERM),
+        [this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq - 1, -EBUSY) + ackFor(seq, 0)); }},
+       {}},
+      {"accepted, receives interrupted", {}, {failRecv(EINTR, 2), ack()}, {}},
+      {"the late refusal of an earlier request is discarded", {ackFor(111, -ENODEV), ackFor(111, -ENODEV)}, {ack()}, {}},
+      {"refused", {}, {ack(-ENODEV)}, {"0 " + prefix + " refused: No such device"}},
+      {"no answer yet", {}, {}, {"1 " + prefix + ": no answer yet"}},
+      {"overrun, no answer", {}, {failRecv(ENOBUFS)}, {"1 " + prefix + ": no answer yet"}},
+      {"receive fails", {}, {failRecv(EBADF)}, {"0 " + prefix + ": answer not read: Bad file descriptor"}},
       {"truncated answer",
+       {},
        {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq, 0, NLMSG_HDRLEN + 4).substr(0, NLMSG_HDRLEN + 4)); }},
-       EPROTO},
+       {"0 " + prefix + ": answer not read: Protocol error"}},
   };
   for (Case const & c : cases) {
     SCOPED_TRACE(c.what);
+    trace.clear();
+    fake.clearCalls();
+    for (std::string const & datagram : c.stale) fake.queueDatagram(sd, datagram);
     replies = c.replies;
-    errno = 0;
-    EXPECT_FALSE(send("et1", 111, IF_OPER_UP));
-    EXPECT_EQ(errno, c.error);
+    EXPECT_TRUE(send("et1"));
+    EXPECT_THAT(traced(), ElementsAreArray(c.traces));
+    EXPECT_EQ(fake.count(Kind::sendto), 1u);
+    EXPECT_EQ(fake.count(Kind::poll), 0u);
+    for (auto const & call : fake.calls(Kind::recvmsg)) EXPECT_EQ(call.a, MSG_DONTWAIT);
+    EXPECT_EQ(fake.queuedDatagrams(sd), 0u);
   }
-  fake.failNext(Kind::sendto, ECONNREFUSED);
-  EXPECT_FALSE(send("et1", 111, IF_OPER_UP));
-  EXPECT_EQ(errno, ECONNREFUSED);
-
-  replies.clear();
-  fake.clearCalls();
-  EXPECT_FALSE(send("et1", 111, IF_OPER_UP));
-  EXPECT_EQ(errno, ETIMEDOUT);
-  EXPECT_EQ(fake.count(Kind::poll), 1u);
 }
 
-TEST_F(NetlinkOperStateBody, InterruptedCallsAreRetriedAndALateAnswerIsAwaited) {
-  replies = {ack()};
+TEST_F(NetlinkOperStateBody, OnlyAFailedSendIsAFailure) {
   fake.failNext(Kind::sendto, EINTR, 2);
-  EXPECT_TRUE(send("et1", 111, IF_OPER_UP));
+  EXPECT_TRUE(send("et1"));
   EXPECT_EQ(fake.count(Kind::sendto), 3u);
 
   fake.clearCalls();
-  replies = {failRecv(EINTR, 2), ack()};  // the receives after the request are interrupted twice
-  EXPECT_TRUE(send("et1", 111, IF_OPER_UP));
-  EXPECT_EQ(fake.count(Kind::recvmsg), 4u);  // the drain, two interrupted, the answer
-
-  replies.clear();
-  fake.behaviour().poll = [this](pollfd * fds, nfds_t, int timeoutMs) {
-    EXPECT_GT(timeoutMs, 0);
-    fake.queueDatagram(fds[0].fd, ackFor(111, 0));
-    fds[0].revents = POLLIN;
-    return 1;
-  };
-  EXPECT_TRUE(send("et1", 111, IF_OPER_UP));
+  fake.failNext(Kind::sendto, ECONNREFUSED);
+  errno = 0;
+  EXPECT_FALSE(send("et1"));
+  EXPECT_EQ(errno, ECONNREFUSED);
+  EXPECT_EQ(fake.count(Kind::recvmsg), 1u);  // the drain before sending; no answer looked for
 }
 
-TEST_F(NetlinkOperStateBody, BadArgumentsFailWithEinvalAndSendNothing) {
+// Arguments no request can carry are the caller's error: false, EINVAL, nothing sent. A name no
+// device can have is answered here as the kernel would refuse it: traced, true, nothing sent.
+TEST_F(NetlinkOperStateBody, BadArgumentsSendNothing) {
   replies = {ack()};
-  using Case = std::pair<char const *, int>;  // device, operState
-  for (auto const & [device, operState] :
-       {Case{"et123456789abcd0", IF_OPER_UP},  // 16 bytes: no room for the zero
-        Case{"", IF_OPER_UP}, Case{nullptr, IF_OPER_UP}, Case{"et1", -1}, Case{"et1", IF_OPER_UP + 1},
-        Case{"et1", 256 + IF_OPER_UP}}) {
+  struct Case {
+    char const * device;
+    int operState;
+  };
+  for (Case const c : {Case{"", IF_OPER_UP}, Case{nullptr, IF_OPER_UP}, Case{"et1", -1}, Case{"et1", IF_OPER_UP + 1},
+                       Case{"et1", 256 + IF_OPER_UP}}) {
     errno = 0;
-    EXPECT_FALSE(send(device, 111, operState)) << (device ? device : "(null)") << " " << operState;
+    EXPECT_FALSE(send(c.device, c.operState)) << (c.device ? c.device : "(null)") << " " << c.operState;
     EXPECT_EQ(errno, EINVAL);
   }
+  EXPECT_TRUE(send("et123456789abcd0", IF_OPER_DORMANT));  // 16 bytes: no room for the zero
+  EXPECT_THAT(traced(), ElementsAre("0 IFLA_OPERSTATE 5 for device et123456789abcd0 not sent: device name longer "
+                                    "than 15 bytes"));
   EXPECT_EQ(fake.count(Kind::sendto), 0u);
   EXPECT_EQ(fake.count(Kind::recvmsg), 0u);
 
-  // The longest name and the whole range of states are sent.
-  EXPECT_TRUE(send("et123456789abcd", 111, IF_OPER_UNKNOWN));
-  EXPECT_TRUE(send("et123456789abcd", 111, IF_OPER_UP));
+  // The longest name and both ends of the range are sent.
+  EXPECT_TRUE(send("et123456789abcd", IF_OPER_UNKNOWN));
+  EXPECT_TRUE(send("et123456789abcd", IF_OPER_UP));
   EXPECT_EQ(fake.count(Kind::sendto), 2u);
 }
 

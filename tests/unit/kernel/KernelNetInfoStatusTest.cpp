@@ -18,6 +18,7 @@
 #include "intfsm/foundation/vorn/System.h"
 #include "tests/support/FakePlatform.h"
 #include "tests/support/FakeRtnetlink.h"
+#include "tests/support/NotificationLog.h"
 #include "tests/support/ThrownText.h"
 #include "tests/support/TraceCapture.h"
 
@@ -172,6 +173,8 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   EXPECT_EQ(status->redumps(), 2u);
 }
 
+// An event can arrive before a dump record built before it: the dump is reconciled first, then the
+// events read during it are applied in arrival order.
 TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
   status->enabledIs(true);
   kernel.autoAnswerIs(false);
@@ -181,13 +184,47 @@ TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
   kernel.dumpBegin();   // reads lo, va0, vb0
   kernel.dumpSend(2);   // lo, va0
   kernel.delLink(3);    // va0 goes after the dump passed it
+  kernel.newLink(4, IFF_UP | IFF_RUNNING, "wan0");  // vb0 renamed and up before its older record
   kernel.newLink(7, IFF_UP, "ve0");  // a device the dump will not list
-  kernel.dumpSend(1);   // vb0
+  kernel.dumpSend(1);   // vb0, as it was
   kernel.dumpDone();
   pass();
-  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 vb0 0x0", "7 ve0 0x1"));
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 wan0 0x41", "7 ve0 0x1"));
   EXPECT_TRUE(status->synced());
   EXPECT_FALSE(status->dumpInProgress());
+}
+
+// The kernel reports a loss ahead of what it queued before the loss: those messages are older than
+// the re-dump and are not held for it (the lost event, putting va0 back, would never undo them).
+TEST_F(KernelNetInfoStatus, MessagesQueuedBeforeALossAreAppliedBeforeTheRedump) {
+  status->enabledIs(true);
+  kernel.newLink(3, IFF_UP | IFF_RUNNING, "va0");
+  kernel.linkIs(3, IFF_UP, "va0");  // its event lost
+  loseEvents(start + 1);
+  pass();
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));
+  EXPECT_TRUE(status->synced());
+  EXPECT_EQ(status->redumps(), 1u);
+}
+
+// Deleted and made again under the same name while the events were lost: the re-dump removes the old
+// ifindex before it adds the new one, so a watcher of the name sees both.
+TEST_F(KernelNetInfoStatus, DeviceRemadeUnderItsNameWhileEventsWereLostIsARemovalThenAnAddition) {
+  status->enabledIs(true);
+  struct Watcher : KernelNetInfo::Root::NotifieeConst {
+    IntfsmTest::NotificationLog log;
+    void onInterfaceByDeviceName(Vorn::String const & name) override {
+      log.add("onInterfaceByDeviceName", name, notifier()->interfaceByDeviceName(name));
+    }
+  } watcher;
+  watcher.notifierIs(status->root());
+  kernel.linkDel(3);
+  kernel.linkIs(9, IFF_UP, "va0");
+  loseEvents(start + 1);
+  pass();
+  EXPECT_THAT(watcher.log.take(), ElementsAre("onInterfaceByDeviceName(va0, none)",
+                                              "onInterfaceByDeviceName(va0, va0 (ifIndex 9, flags 0x1))"));
+  EXPECT_TRUE(status->synced());
 }
 
 // A dump the kernel marks interrupted may have missed devices: it only adds, and is repeated; a
@@ -208,17 +245,19 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
   pass();
   ASSERT_EQ(kernel.dumpRequests().size(), 3u);
+  kernel.newLink(8, IFF_UP, "vf0");  // read while the request is out: applied when it is refused
   kernel.refuse(EBUSY);
   pass();
   EXPECT_FALSE(status->dumpInProgress());
   EXPECT_TRUE(status->redumpPending());
+  EXPECT_EQ(status->root()->interfaceByIfIndex(8), Interface(8, IFF_UP, "vf0"));
 
   kernel.autoAnswerIs(true);
   Vorn::System::testTimeIs(start + 1 + 2 * Status::defaultRedumpInterval);
   pass();
   pass();
   EXPECT_EQ(kernel.dumpRequests().size(), 4u);
-  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x0"));
+  EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x1"));
   EXPECT_TRUE(status->synced());
 }
 
