@@ -486,10 +486,11 @@ int main(int argc, char ** argv) {
     Lab const lab(1);  // before any thread: every thread after this lives in the lab
     Harness harness(opt, lab);
     std::map<std::string, Results> results;
+    bool const progress = isatty(STDERR_FILENO);
     auto each = [&](char const * what, auto measure) {
       for (int rep = 0; rep < opt.reps; ++rep) {
         for (auto const & kind : kinds) {
-          std::fprintf(stderr, "\r%-8s repetition %d/%d: %-12s", what, rep + 1, opt.reps, kind.name.c_str());
+          if (progress) std::fprintf(stderr, "\r%-8s repetition %d/%d: %-12s", what, rep + 1, opt.reps, kind.name.c_str());
           measure(kind, results[kind.name]);
         }
       }
@@ -497,7 +498,7 @@ int main(int argc, char ** argv) {
     each("drain", [&](ReaderKind const & k, Results & r) { r.drain.push_back(harness.drain(k)); });
     each("live", [&](ReaderKind const & k, Results & r) { r.live.push_back(harness.live(k)); });
     each("latency", [&](ReaderKind const & k, Results & r) { r.latency.push_back(harness.latency(k)); });
-    std::fprintf(stderr, "\r%60s\r", "");
+    if (progress) std::fprintf(stderr, "\r%60s\r", "");
     // A reader that read nothing, or foreign frames only, is broken: say so and fail.
     int failures = 0;
     for (auto const & [name, r] : results) {
