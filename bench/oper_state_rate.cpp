@@ -6,9 +6,10 @@
 //   build/bench/oper_state_rate [changes=10000] [rounds=3]
 //
 // Needs root. It makes a namespace of its own ("intfsmb-<pid>") with 128 veth pairs (256 devices),
-// changes sysctls only inside it, and removes it on every way out: normal exit, an error, and
-// SIGINT / SIGTERM / SIGHUP / SIGQUIT (the handler unmounts and unlinks the namespace's name itself,
-// which is all `ip netns del` does, with calls that are safe in a signal handler).
+// changes sysctls only inside it, and removes it on every way out: normal exit, an error, a
+// terminating signal or a crash (SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS: the
+// handler unmounts and unlinks the namespace's name itself, which is all `ip netns del` does, with
+// calls that are safe in a signal handler). Only SIGKILL leaves it behind.
 //
 // The comparison:
 // - The same sequence on both sides: change i goes to device i % 256, to DORMANT on even passes over
@@ -244,7 +245,7 @@ int main(int argc, char ** argv) {
   }
 
   nsName = "intfsmb-" + std::to_string(getpid());
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) signal(sig, onSignal);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS}) signal(sig, onSignal);
   std::atexit(removeNamespace);
   run("ip netns add " + nsName);
   std::snprintf(nsPath, sizeof nsPath, "/run/netns/%s", nsName.c_str());

@@ -171,9 +171,8 @@ class Harness {
       done.store(true);
     });
     uint64_t const cpu0 = threadCpuNs();
-    // Steady state: from a tenth of the way in.
-    Snapshot warm;
-    readUntilQuiet(*reader, sink, done, monotonicNs() + static_cast<uint64_t>(opt_.liveSeconds * 1e8), &warm);
+    sink.steadyFromIs(monotonicNs() + static_cast<uint64_t>(opt_.liveSeconds * 1e8));  // a tenth of the way in
+    readUntilQuiet(*reader, sink, done);
     uint64_t const cpu1 = threadCpuNs();
     uint64_t const allocations1 = allocations();
     senderThread.join();
@@ -188,9 +187,10 @@ class Harness {
     run.pathDrops = Lab::deviceDrops(pair().a) + Lab::deviceDrops(pair().b) - path0;
     run.received = sink.frames();
     if (run.received) run.cpuNsPerFrame = static_cast<double>(cpu1 - cpu0) / static_cast<double>(run.received);
-    if (warm.taken && run.received > warm.frames) {
+    FrameSink::Snapshot const & steady = sink.steady();
+    if (steady.taken && run.received > steady.frames) {
       run.allocsPerFrame =
-          static_cast<double>(allocations1 - warm.allocations) / static_cast<double>(run.received - warm.frames);
+          static_cast<double>(allocations1 - steady.allocations) / static_cast<double>(run.received - steady.frames);
     }
     return run;
   }
@@ -249,21 +249,14 @@ class Harness {
   // Lets the kernel finish queueing (and a ring hand over its last block) before a drain.
   static void settle(int holdMs) { usleep(static_cast<useconds_t>((50 + 2 * holdMs) * 1000)); }
 
-  struct Snapshot {
-    bool taken = false;
-    uint64_t frames = 0, allocations = 0;
-  };
-
-  // Reads while the sender runs, then until nothing more has come for a while. The first pass after
-  // `snapshotAt` notes the frames and allocations so far in `snapshot`.
-  static void readUntilQuiet(Reader & reader, FrameSink & sink, std::atomic<bool> const & done,
-                             uint64_t snapshotAt = 0, Snapshot * snapshot = nullptr) {
+  // Reads while the sender runs, then until nothing more has come for a while.
+  static void readUntilQuiet(Reader & reader, FrameSink & sink, std::atomic<bool> const & done) {
     uint64_t const quietNs = static_cast<uint64_t>(50 + 2 * reader.holdMs()) * 1000000u;
     uint64_t lastFrameAt = monotonicNs();
     for (;;) {
       size_t const got = reader.pump(sink, 10);
       uint64_t const now = monotonicNs();
-      if (snapshot && !snapshot->taken && now >= snapshotAt) *snapshot = {true, sink.frames(), allocations()};
+      sink.noteTime(now);
       if (got) lastFrameAt = now;
       else if (done.load(std::memory_order_relaxed) && now - lastFrameAt > quietNs) return;
     }

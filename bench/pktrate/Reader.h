@@ -19,6 +19,15 @@
 //
 // A reader driven by an event loop (the library's manager) implements pump() as one turn of that
 // loop with the given timeout, its handler calling sink.take() for every frame it is given.
+//
+// The library's readers are looked for under these names, which the summary's ratios need:
+// "ours-single" (the bundle's single-frame path), "ours-bulk" (the bulk path) and "ours-ring" (ring
+// mode). Each one: a packet-access manager in the current namespace (the lab's), its EtherType
+// cfg.ethType, packet reuse on, receive buffer or ring sized with cfg.bufferFor(); the device
+// cfg.ifname / cfg.ifindex desired and in its device status directory; a reader on the device's Pam
+// that takes every frame it is told of (rxPkt() until null) into sink.take(); pump() = one pass of
+// the framework's loop; kernelStats() = packetStatistics() on the bundle's socket; ownDrops() = the
+// bundle's and the Pam's drop counters. The harness then counts their allocations like any other's.
 #pragma once
 
 #include <linux/if_packet.h>
@@ -32,6 +41,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/pktrate/AllocCount.h"
 #include "bench/pktrate/Frame.h"
 
 namespace PktRate {
@@ -86,7 +96,7 @@ class FrameSink {
     uint64_t seq;
     std::memcpy(&seq, frame + seqAt, sizeof seq);
     seqSum_ += seq;
-    ++frames_;
+    if ((++frames_ & 255) == 0 && steadyFromNs_ && !steady_.taken) noteTime(monotonicNs());
     if (mode_ == Mode::latency && latenciesNs_.size() < latenciesNs_.capacity()) {
       uint64_t sentAt;
       std::memcpy(&sentAt, frame + sentAtAt, sizeof sentAt);
@@ -99,12 +109,27 @@ class FrameSink {
   uint64_t seqSum() const { return seqSum_; }
   std::vector<int64_t> const & latenciesNs() const { return latenciesNs_; }
 
+  // Steady state begins at `atNs` (CLOCK_MONOTONIC): the frames and the process's allocations so
+  // far are noted then, by take() (every 256 frames) or by the caller's noteTime(), whichever comes
+  // first after that time.
+  struct Snapshot {
+    bool taken = false;
+    uint64_t frames = 0, allocations = 0;
+  };
+  void steadyFromIs(uint64_t atNs) { steadyFromNs_ = atNs; }
+  void noteTime(uint64_t nowNs) {
+    if (!steady_.taken && steadyFromNs_ && nowNs >= steadyFromNs_) steady_ = {true, frames_, allocations()};
+  }
+  Snapshot const & steady() const { return steady_; }
+
  private:
   Mode mode_;
   uint32_t runTag_;
   uint64_t frames_ = 0;
   uint64_t foreign_ = 0;
   uint64_t seqSum_ = 0;
+  uint64_t steadyFromNs_ = 0;
+  Snapshot steady_;
   std::vector<int64_t> latenciesNs_;
 };
 
