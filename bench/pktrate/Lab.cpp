@@ -80,12 +80,10 @@ Lab::Lab(int pairs) {
     p.aIndex = static_cast<int>(if_nametoindex(p.a.c_str()));
     p.bIndex = static_cast<int>(if_nametoindex(p.b.c_str()));
     if (p.aIndex == 0 || p.bIndex == 0) throw std::runtime_error(errnoText("if_nametoindex " + p.a));
-    for (int k = 0; k < 6; ++k) {
-      p.aMac[k] = static_cast<unsigned char>(k == 4 ? i : k == 0 ? 2 : 0);
-      p.bMac[k] = p.aMac[k];
-    }
-    p.aMac[5] = 0x0a;
-    p.bMac[5] = 0x0b;
+    unsigned char const a[6] = {2, 0, 0, 0, static_cast<unsigned char>(i), 0x0a};
+    unsigned char const b[6] = {2, 0, 0, 0, static_cast<unsigned char>(i), 0x0b};
+    std::memcpy(p.aMac, a, sizeof a);
+    std::memcpy(p.bMac, b, sizeof b);
     pairs_.push_back(p);
   }
 }

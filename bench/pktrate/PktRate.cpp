@@ -275,7 +275,7 @@ std::string fmt(char const * format, double v) {
   return b;
 }
 
-std::string jsonNumber(double v, char const * format = "%.4g") {
+std::string jsonNumber(double v, char const * format) {
   if (std::isnan(v)) return "null";
   char b[64];
   std::snprintf(b, sizeof b, format, v);
@@ -381,19 +381,21 @@ void printJson(std::map<std::string, Results> const & results) {
       if (std::isnan(allocs) || a > allocs) allocs = a;
     }
   }
+  auto ratioText = [](double v) { return jsonNumber(v, "%.3f"); };
+  auto amount = [](double v) { return jsonNumber(v, "%.1f"); };
   std::printf("json: {\"single_vs_recvmsg\":%s,\"bulk_vs_recvmmsg\":%s,\"ring_ns_per_frame\":%s,\"ring_vs_libpcap\":%s,"
               "\"ring_p99_us\":%s,\"libpcap_p99_us\":%s,\"live_delivered_ratio\":%s,\"allocs_per_frame\":%s,"
               "\"recvmsg_ns_per_frame\":%s,\"recvmmsg_ns_per_frame\":%s,\"ring_v3_ns_per_frame\":%s,"
               "\"ring_v2_ns_per_frame\":%s,\"libpcap_ns_per_frame\":%s,\"libpcap_immediate_ns_per_frame\":%s,"
               "\"ring_v3_p99_us\":%s,\"ring_v2_p99_us\":%s,\"libpcap_immediate_p99_us\":%s}\n",
-              jsonNumber(ratio("recvmsg", oursSingle)).c_str(), jsonNumber(ratio("recvmmsg", oursBulk)).c_str(),
-              jsonNumber(drainMedian(oursRing)).c_str(), jsonNumber(ratio("libpcap", oursRing)).c_str(),
-              jsonNumber(p99(oursRing)).c_str(), jsonNumber(p99("libpcap")).c_str(), jsonNumber(delivered).c_str(),
-              jsonNumber(allocs).c_str(), jsonNumber(drainMedian("recvmsg")).c_str(),
-              jsonNumber(drainMedian("recvmmsg")).c_str(), jsonNumber(drainMedian("ring-v3")).c_str(),
-              jsonNumber(drainMedian("ring-v2")).c_str(), jsonNumber(drainMedian("libpcap")).c_str(),
-              jsonNumber(drainMedian("libpcap-imm")).c_str(), jsonNumber(p99("ring-v3")).c_str(),
-              jsonNumber(p99("ring-v2")).c_str(), jsonNumber(p99("libpcap-imm")).c_str());
+              ratioText(ratio("recvmsg", oursSingle)).c_str(), ratioText(ratio("recvmmsg", oursBulk)).c_str(),
+              amount(drainMedian(oursRing)).c_str(), ratioText(ratio("libpcap", oursRing)).c_str(),
+              amount(p99(oursRing)).c_str(), amount(p99("libpcap")).c_str(), jsonNumber(delivered, "%.4f").c_str(),
+              jsonNumber(allocs, "%.4f").c_str(), amount(drainMedian("recvmsg")).c_str(),
+              amount(drainMedian("recvmmsg")).c_str(), amount(drainMedian("ring-v3")).c_str(),
+              amount(drainMedian("ring-v2")).c_str(), amount(drainMedian("libpcap")).c_str(),
+              amount(drainMedian("libpcap-imm")).c_str(), amount(p99("ring-v3")).c_str(), amount(p99("ring-v2")).c_str(),
+              amount(p99("libpcap-imm")).c_str());
 }
 
 [[noreturn]] void usage(char const * argv0) {
