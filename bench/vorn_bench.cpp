@@ -9,6 +9,7 @@
 // scalar set with one notifiee over that of a plain virtual call, taken per repetition: the median
 // and the smallest and largest, and the same as a JSON object on the last line.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -113,6 +114,8 @@ BENCHMARK(BM_CollectionWalk4096);
 // aggregates when there are repetitions and the single runs otherwise.
 class RepetitionRecorder : public benchmark::ConsoleReporter {
  public:
+  // Colours only on a terminal (a reporter of our own does not get the --benchmark_color choice).
+  RepetitionRecorder() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
   void ReportRuns(std::vector<Run> const & runs) override {
     std::vector<Run> shown;
     for (auto const & run : runs) {
