@@ -76,7 +76,7 @@ struct DrainRun {
 struct LiveRun {
   uint64_t offered = 0, reached = 0, socketDrops = 0, pathDrops = 0, received = 0;
   double seconds = 0, cpuNsPerFrame = NAN, allocsPerFrame = NAN;
-  std::vector<std::pair<std::string, uint64_t>> ownDrops;
+  std::vector<std::pair<std::string, uint64_t>> ownCounters;
 };
 struct LatencyRun {
   uint64_t sent = 0, received = 0;
@@ -178,7 +178,7 @@ class Harness {
     senderThread.join();
     KernelStats const k = reader->kernelStats();
     LiveRun run;
-    run.ownDrops = reader->ownDrops();
+    run.ownCounters = reader->ownCounters();
     reader->close();
     run.offered = sent.sent;
     run.seconds = sent.seconds;
@@ -331,8 +331,8 @@ void printReport(Options const & opt, std::vector<ReaderKind> const & kinds, std
                 fmt("%.0f", pathDrop.median).c_str(), text(liveNs).c_str(), fmt("%.3f", allocs.median).c_str(),
                 text(p50, "%.1f").c_str(), text(p99, "%.1f").c_str());
     for (auto const & run : r.live) {
-      for (auto const & [what, value] : run.ownDrops) {
-        if (value) std::printf("%-12s   own drops (one repetition): %s %llu\n", "", what.c_str(), static_cast<unsigned long long>(value));
+      for (auto const & [what, value] : run.ownCounters) {
+        if (value) std::printf("%-12s   own counter (one repetition): %s %llu\n", "", what.c_str(), static_cast<unsigned long long>(value));
       }
     }
   };

@@ -26,8 +26,9 @@
 // cfg.ethType, packet reuse on, receive buffer or ring sized with cfg.bufferFor(); the device
 // cfg.ifname / cfg.ifindex desired and in its device status directory; a reader on the device's Pam
 // that takes every frame it is told of (rxPkt() until null) into sink.take(); pump() = one pass of
-// the framework's loop; kernelStats() = packetStatistics() on the bundle's socket; ownDrops() = the
-// bundle's and the Pam's drop counters. The harness then counts their allocations like any other's.
+// the framework's loop; kernelStats() = packetStatistics() on the bundle's socket; ownCounters() = the
+// bundle's and the Pam's drop counters and the packets the packet manager allocated. The harness
+// counts their heap allocations like any other reader's.
 #pragma once
 
 #include <linux/if_packet.h>
@@ -143,8 +144,9 @@ class Reader {
   virtual size_t pump(FrameSink & sink, int timeoutMs) = 0;
   // The kernel's counts since open().
   virtual KernelStats kernelStats() = 0;
-  // The reader's own drop counters (name, value), for readers that have any.
-  virtual std::vector<std::pair<std::string, uint64_t>> ownDrops() { return {}; }
+  // The reader's own counters (name, value) over the live test, for readers that have any: its drop
+  // counters, and packets its packet manager had to allocate.
+  virtual std::vector<std::pair<std::string, uint64_t>> ownCounters() { return {}; }
   // How long the reader may hold frames back before it can deliver them (a ring's block timeout).
   virtual int holdMs() const { return 0; }
   // Closes everything open() opened; safe to call twice.
