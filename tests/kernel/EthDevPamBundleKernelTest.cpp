@@ -157,11 +157,11 @@ TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFrame
     join(1);  // Ethernet3 (va2) is known but has no Pam
     std::vector<std::string> sent[2];
     for (char round = 0; round < 3; ++round) {  // readers hold every frame across the later reads
+      send(2, frame('z'));  // first: the frames held sit in the last slots a read fills
       for (int i : {0, 0, 1}) {
         sent[i].push_back(frame(char('a' + 8 * i + 2 * round + char(sent[i].size() % 2))));
         send(i, sent[i].back());
       }
-      send(2, frame('z'));
       ASSERT_TRUE(runUntil([&] {
         return readers[0]->frames.size() == sent[0].size() && readers[1]->frames.size() == sent[1].size() &&
                bundle->pamNotReadyDropCount() == uint32_t(round + 1);
@@ -182,30 +182,37 @@ TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFrame
 }
 
 TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFramesNeverArrive) {
-  // Every protocol, so that outgoing frames and tags are seen; the filter keeps the test's EtherType.
-  bundleNew(ETH_P_ALL, false, Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
-                                                      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, testProtocol},
-                                                      {BPF_RET | BPF_K, 0, 0, 0xffff},
-                                                      {BPF_RET | BPF_K, 0, 0, 0}});
-  join(0);
-  int const own = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, ns.c_str());
-  sockaddr_ll at{};
-  at.sll_family = AF_PACKET;
-  at.sll_ifindex = int(ifIndex[0]);
-  ASSERT_EQ(bind(own, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
-  ASSERT_EQ(::send(own, frame('o').data(), 60, 0), 60);  // out of va0: the shared socket sees it leave
-  close(own);
-  send(0, frame('f', testProtocol + 1));  // dropped by the filter in the kernel
-  send(0, tagged(0x8100, 0x2005, 't'));
-  send(0, tagged(0x88a8, 0x0007, 's'));
-  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
-  loop.runOnce(0.05);
-  ASSERT_EQ(readers[0]->frames, std::vector<std::string>({frame('t'), frame('s')}));
-  Ovel::Pkt const & q = *readers[0]->held[0];
-  Ovel::Pkt const & ad = *readers[0]->held[1];
-  EXPECT_EQ(std::vector<int>({q.hasVlanTag(), q.vlanTpid(), q.vlanTci(), ad.vlanTpid(), ad.vlanTci()}),
-            std::vector<int>({1, 0x8100, 0x2005, 0x88a8, 7}));
-  EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    // Every protocol, so that outgoing frames and tags are seen; the filter keeps the test's EtherType.
+    bundleNew(ETH_P_ALL, bulk, Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
+                                                       {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, testProtocol},
+                                                       {BPF_RET | BPF_K, 0, 0, 0xffff},
+                                                       {BPF_RET | BPF_K, 0, 0, 0}});
+    join(0);
+    send(0, tagged(0x8100, 0x2005, 't'));
+    send(0, tagged(0x88a8, 0x0007, 's'));
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
+    int const own = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, ns.c_str());
+    sockaddr_ll at{};
+    at.sll_family = AF_PACKET;
+    at.sll_ifindex = int(ifIndex[0]);
+    ASSERT_EQ(bind(own, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
+    ASSERT_EQ(::send(own, frame('o').data(), 60, 0), 60);  // out of va0: the shared socket sees it leave
+    close(own);
+    send(0, frame('f', testProtocol + 1));  // dropped by the filter in the kernel
+    send(0, frame('u'));                    // untagged, read into what held a tagged frame
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 3; }));
+    loop.runOnce(0.05);
+    ASSERT_EQ(readers[0]->frames, std::vector<std::string>({frame('t'), frame('s'), frame('u')}));
+    Ovel::Pkt const & q = *readers[0]->held[0];
+    Ovel::Pkt const & ad = *readers[0]->held[1];
+    EXPECT_EQ(std::vector<int>({q.hasVlanTag(), q.vlanTpid(), q.vlanTci(), ad.vlanTpid(), ad.vlanTci(),
+                                readers[0]->held[2]->hasVlanTag()}),
+              std::vector<int>({1, 0x8100, 0x2005, 0x88a8, 7, 0}));
+    EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
+    leave();
+  }
 }
 
 TEST_F(EthDevPamBundleKernelTest, AReaderThatTakesNothingIsServedAgainOnTheActivityUntilItDoes) {
@@ -260,6 +267,7 @@ TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocke
   EXPECT_EQ(program(sd).size(), 1u);  // the common socket has no guard
   send(0, frame('g'));
   ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));  // through the tap socket
+  EXPECT_EQ(bundle->currActiveSd(), -1);  // set only while a socket is read
 
   bundle->enabledIs(false);
   EXPECT_EQ(std::vector<int>({bundle->sd(), bundle->sdTap(), fcntl(sd, F_GETFD), fcntl(tap, F_GETFD)}),

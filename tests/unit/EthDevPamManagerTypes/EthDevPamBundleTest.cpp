@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/ThrownText.h"
@@ -120,6 +121,12 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
               std::vector<long>({-1, 0, 0, 0, 0}));
     EXPECT_FALSE(bundle->fileDesc());
   }
+  // The last row went through every step: filter and buffer before the bind, broadcast after it.
+  std::vector<std::string> steps;
+  for (auto const & c : fake.calls()) {
+    if (c.kind == Kind::setsockopt || c.kind == Kind::bind) steps.push_back(std::to_string(c.a) + "/" + std::to_string(c.b));
+  }
+  EXPECT_EQ(steps, (std::vector<std::string>{"263/8", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"}));
 }
 
 TEST_F(EthDevPamBundleTest, ReceiveBufferIsSizedForTheInterfacesSharingTheSocket) {
@@ -326,6 +333,12 @@ TEST_F(EthDevPamBundleTest, DirectoriesKeepFalseAndNullRulesAndHoldersKeepOnePam
   plain->pamDel();
   EXPECT_FALSE(pam->parent());
   EXPECT_FALSE(plain->pam());
+
+  auto const * type = Intfsm::typeRegistry().type("Interface::EthDevPamBundle");
+  ASSERT_TRUE(type);
+  EXPECT_EQ(type->attributes().size(), 30u);
+  EXPECT_EQ(type->attributes().back(), "schedPktDelivery");
+  EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
 }
 
 }  // namespace
