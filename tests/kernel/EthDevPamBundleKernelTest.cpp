@@ -82,20 +82,17 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
     for (int i = 0; i < pairs; ++i) {
       ASSERT_TRUE(netns().waitForOperState(ns, va(i), IF_OPER_UP));
       ifIndex[i] = uint32_t(netns().link(ns, va(i))->ifindex);
+      peerIndex[i] = netns().link(peerNs, "vb" + std::to_string(i))->ifindex;
       devices->intfStatusByIfIndexIs(ifIndex[i], record(i));
-      peer[i] = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, peerNs.c_str());  // protocol 0: sends only
-      sockaddr_ll at{};
-      at.sll_family = AF_PACKET;
-      at.sll_ifindex = netns().link(peerNs, "vb" + std::to_string(i))->ifindex;
-      ASSERT_EQ(bind(peer[i], reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
     }
+    peer = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, peerNs.c_str());  // protocol 0: sends only
+    own = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, ns.c_str());
   }
   void TearDown() override {
     if (!IsSkipped()) {
       leave();
-      for (int fd : peer) {
-        if (fd >= 0) close(fd);
-      }
+      close(peer);
+      close(own);
       EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptorsBefore);
     }
     NetNsTest::TearDown();
@@ -130,7 +127,14 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
     if (bundle) bundle->enabledIs(false);
     bundle = nullptr;
   }
-  void send(int i, std::string const & f) { ASSERT_EQ(::send(peer[i], f.data(), f.size(), 0), ssize_t(f.size())); }
+  // Out of the device of index `ifIndex` that `fd` sees.
+  static void sendOn(int fd, int ifIndex, std::string const & f) {
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = ifIndex;
+    ASSERT_EQ(sendto(fd, f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to), ssize_t(f.size()));
+  }
+  void send(int i, std::string const & f) { sendOn(peer, peerIndex[i], f); }
   // Short passes: work done on an activity would otherwise leave the pass blocked for the whole timeout.
   bool runUntil(std::function<bool()> const & done) {
     for (int pass = 0; pass < 500 && !done(); ++pass) loop.runOnce(0.01);
@@ -141,7 +145,8 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
   int descriptorsBefore = 0;
   std::string ns, peerNs;
   uint32_t ifIndex[pairs] = {};
-  int peer[pairs] = {-1, -1, -1};
+  int peerIndex[pairs] = {};
+  int peer = -1, own = -1;
   Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
   Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
   Ptr<EthDevPamCollection> pams = ethDevPamCollectionFactory("pams");
@@ -193,13 +198,7 @@ TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFra
     send(0, tagged(0x8100, 0x2005, 't'));
     send(0, tagged(0x88a8, 0x0007, 's'));
     ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
-    int const own = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, ns.c_str());
-    sockaddr_ll at{};
-    at.sll_family = AF_PACKET;
-    at.sll_ifindex = int(ifIndex[0]);
-    ASSERT_EQ(bind(own, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
-    ASSERT_EQ(::send(own, frame('o').data(), 60, 0), 60);  // out of va0: the shared socket sees it leave
-    close(own);
+    sendOn(own, int(ifIndex[0]), frame('o'));  // out of va0: the shared socket sees it leave
     send(0, frame('f', testProtocol + 1));  // dropped by the filter in the kernel
     send(0, frame('u'));                    // untagged, read into what held a tagged frame
     ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 3; }));

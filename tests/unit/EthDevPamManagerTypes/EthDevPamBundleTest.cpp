@@ -213,11 +213,10 @@ TEST(EthDevPamBundleNamespaceDut, DecidedOnceFromSwiVersion) {
           IntfsmTest::FakePlatform fake;
           TraceCapture trace("EthDevPamManagerTypes");
           if (hardware) fake.fileIs("/etc/swi-version");
-          bool const first = EthDevPamBundle::isNamespaceDut();
+          bool const dut = EthDevPamBundle::isNamespaceDut();
           hardware ? fake.fileDel("/etc/swi-version") : fake.fileIs("/etc/swi-version");
-          bool const again = EthDevPamBundle::isNamespaceDut();
-          bool const traced = trace.contains(hardware ? "isNamespaceDut: on hardware " : "isNamespaceDut: no /etc/swi-version. on namespace DUT ");
-          std::exit((first != hardware) + 2 * (again == first) + 4 * traced + 8 * (fake.count(Kind::lstat) == 1));
+          std::exit((dut != hardware) + 2 * (EthDevPamBundle::isNamespaceDut() == dut) + 4 * (fake.count(Kind::lstat) == 1) +
+                    8 * trace.contains(hardware ? "isNamespaceDut: on hardware " : "isNamespaceDut: no /etc/swi-version. on namespace DUT "));
         },
         testing::ExitedWithCode(15), "");
   }
@@ -251,6 +250,8 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   bundle->bulkReadQuotaIs(129);
   EXPECT_DEATH(bundle->doGetRxPktIntBulk(), "assertion \"bulkReadQuota\\(\\) <= 128\"");
 
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { bundle->sockPrioIs(16); }),
+            "EthDevPamBundle::sockPrio < 0 or > 15 not allowed");
   bundle->sockRcvBufIs(1000);
   bundle->doSocketClose();
   EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
@@ -274,33 +275,23 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
   Ptr<Reader> reader = new Reader(pam);
   struct Row {
-    int ifIndex;  // 0: the read fails with `error`
-    int error;
-    uint8_t pktType;
+    int ifIndex, error;  // a frame from ifIndex, or a read failing with `error`
     std::vector<uint32_t> counts;  // frames delivered, noPam, notReady, rxErrors
     std::string trace;
   };
   std::vector<Row> const rows = {
-      {7, 0, PACKET_HOST, {1, 0, 0, 0}, "Pam found for ifindex: 7"},
-      {8, 0, PACKET_HOST, {1, 1, 0, 0}, "Unable to convert device name bad name to intfId."},
-      {9, 0, PACKET_HOST, {1, 2, 0, 0}, "No intfstatus entry for ifindex: 9"},
-      {10, 0, PACKET_HOST, {1, 2, 1, 0}, "Pam not ready for intfId: Ethernet10"},
-      {7, 0, PACKET_OUTGOING, {1, 2, 1, 0}, "Ignoring outgoing packet received on common sd" + std::to_string(sd)},
-      {0, EAGAIN, 0, {1, 2, 1, 0}, "recvmsg errno: 11"},
-      {0, EIO, 0, {1, 2, 1, 1}, "recvmsg failed for common sd " + std::to_string(sd) + " with errno 5 (Input/output error)"},
+      {7, 0, {1, 0, 0, 0}, "Pam found for ifindex: 7"},
+      {8, 0, {1, 1, 0, 0}, "Unable to convert device name bad name to intfId."},
+      {10, 0, {1, 1, 1, 0}, "Pam not ready for intfId: Ethernet10"},
+      {0, EAGAIN, {1, 1, 1, 0}, "recvmsg errno: 11"},
+      {0, EIO, {1, 1, 1, 1}, "recvmsg failed for common sd " + std::to_string(sd) + " with errno 5 (Input/output error)"},
   };
   for (Row const & row : rows) {
     SCOPED_TRACE(row.trace);
     trace.clear();
-    if (row.ifIndex) {
-      sockaddr_storage from{};
-      auto & ll = reinterpret_cast<sockaddr_ll &>(from);
-      ll.sll_ifindex = row.ifIndex;
-      ll.sll_pkttype = row.pktType;
-      fake.queueDatagram(sd, std::string(60, char(row.ifIndex)), &from);
-    } else {
-      fake.failNext(Kind::recvmsg, row.error);
-    }
+    sockaddr_storage from{};
+    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = row.ifIndex;
+    row.error ? fake.failNext(Kind::recvmsg, row.error) : fake.queueDatagram(sd, std::string(60, char(row.ifIndex)), &from);
     bundle->doGetRxPkt();
     EXPECT_EQ(std::vector<uint32_t>({uint32_t(reader->frames.size()), bundle->noPamDropCount(),
                                      bundle->pamNotReadyDropCount(), bundle->rxErrors()}),
@@ -314,9 +305,7 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   EXPECT_EQ(fake.queuedDatagrams(sd), 1u);  // disabled: nothing read
 }
 
-TEST_F(EthDevPamBundleTest, DirectoriesKeepFalseAndNullRulesAndHoldersKeepOnePamPerDevice) {
-  desired->intfDesiredIs(Ovel::IntfId("Ethernet1"), false);
-  EXPECT_EQ(desired->intfDesireds(), 1u);  // false is kept, distinct from absent
+TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
   pams->intfPamIs(Ovel::IntfId("Ethernet1"), new Ovel::Pam("p"));
   pams->intfPamIs(Ovel::IntfId("Ethernet1"), nullptr);
   EXPECT_EQ(pams->intfPams(), 0u);
