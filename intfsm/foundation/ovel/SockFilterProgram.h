@@ -23,6 +23,9 @@
 
 namespace Ovel {
 
+// One classic BPF instruction, as the kernel lays it out.
+using SockFilter = sock_filter;
+
 class SockFilterProgram {
  public:
   static constexpr size_t maxInstructions = 0xffff;

@@ -1,0 +1,310 @@
+// One raw packet socket shared by many interfaces, instead of one socket per interface.
+//
+// The packet-access manager makes one bundle, configures it (ethProtocol, filter program, buffers),
+// enables it, and for every interface that joins asks for the descriptor the interface shares:
+//
+//   auto bundle = Vorn::Ptr<EthDevPamBundle>(new EthDevPamBundle(desired, deviceIntfStatusDir, pams));
+//   bundle->ethProtocolIs(0x88b5);
+//   bundle->pktReuseIs(true);
+//   bundle->enableBulkPamReadIs(true);
+//   bundle->enabledIs(true);                        // no socket yet
+//   int sd = bundle->doGetSd("et1");                 // opens the common socket on first use; counted
+//   pam->ifIndexIs(7); pam->sdIs(sd); pam->enabledIs(true);
+//   pams->intfPamIs(Ovel::IntfId("Ethernet1"), pam); // frames from ifindex 7 now reach `pam`
+//   bundle->doSetRcvBuf(sd);                        // re-size for the interfaces now sharing it
+//   ...
+//   bundle->doUnrefSd(sd);                           // the interface leaves (the socket stays open)
+//   bundle->enabledIs(false);                        // closes both sockets
+//
+// Sockets. At most two: the common socket `sd`, and the tap socket `sdTap` for kernel software
+// devices ("tun", "veth") when the protocol is the fabric pseudo-protocol 0x002A; the tap socket
+// receives every protocol behind a three-instruction guard that drops 0x002A. `sdRef`/`sdTapRef`
+// count the interfaces on each; the sockets stay open until disabled. Every failure while a socket is
+// set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
+// Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
+// with bad content). doSetRcvBuf and attachOrDetachFilter close `sock` whenever they raise; when that
+// socket is one of the bundle's, the bundle forgets it as well (sd -1, count 0, no watch).
+//
+// Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
+// doGetRxPkt: one frame per call, or with enableBulkPamRead up to bulkReadQuota (at most 128) frames
+// per recvmmsg into packets made once. Each frame goes to the Pam published in the Pam collection for
+// the interface that the device interface-status directory names for the frame's ifindex; a Pam
+// takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see Ovel::EthDevPam). Frames
+// the host sent itself are skipped uncounted; frames of an unknown ifindex count in noPamDropCount,
+// those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk mode the
+// readers are called after the batch; a reader that leaves its frames is served again on the
+// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them.
+// Frames handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing
+// the buffer, and the next read into that slot takes a fresh buffer while the old one is held.
+// Per frame nothing is allocated in the steady state (pktReuse, bulk slots), nothing formatted unless
+// a trace level is on, and every lookup is a hash lookup.
+//
+// Threading: everything runs on the event loop's one thread; nothing is locked.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "intfsm/EthDevPamManagerTypes/EthDevPamBundleFdSm.h"
+#include "intfsm/EthDevPamManagerTypes/EthDevPamCollection.h"
+#include "intfsm/EthDevPamManagerTypes/PamDesiredIntfDir.h"
+#include "intfsm/foundation/interface/DeviceIntfStatusDir.h"
+#include "intfsm/foundation/ovel/EthDevPamBase.h"
+#include "intfsm/foundation/ovel/NamespaceName.h"
+#include "intfsm/foundation/ovel/Pkt.h"
+#include "intfsm/foundation/ovel/SockFilterProgram.h"
+#include "intfsm/foundation/vorn/Collection.h"
+#include "intfsm/foundation/vorn/FileDescriptor.h"
+
+namespace Interface {
+
+class EthDevPamBundle : public Ovel::EthDevPamBase {
+ public:
+  class NotifieeConst : public Vorn::Notifiee<EthDevPamBundle, Ovel::EthDevPamBase::NotifieeConst> {
+   public:
+    virtual void onNetNs() {}
+    virtual void onAllMulticast() {}
+    virtual void onSockRcvBuf() {}
+    virtual void onSockPrio() {}
+    virtual void onPerIntfSockRcvBuf() {}
+    virtual void onAllocRcvBuf() {}
+    virtual void onBroadcast() {}
+    virtual void onPktReuse() {}
+    virtual void onSavedPkt() {}
+    virtual void onNonBlocking() {}
+    virtual void onSeparateDot1QHdr() {}
+    virtual void onSharedSockBufMax() {}
+    virtual void onNoPamDropCount() {}
+    virtual void onPamNotReadyDropCount() {}
+    virtual void onPerIntfSocket() {}
+    virtual void onPerIntfRlimit() {}
+    virtual void onEnabled() {}
+    virtual void onCurrActiveSd() {}
+    virtual void onSd() {}
+    virtual void onFileDesc() {}
+    virtual void onSdRef() {}
+    virtual void onSdTap() {}
+    virtual void onFileDescTap() {}
+    virtual void onSdTapRef() {}
+    virtual void onEnableBulkPamRead() {}
+    virtual void onBulkReadQuota() {}
+    virtual void onMmsgInitialized() {}
+    virtual void onSavedBulkPkt(uint16_t /*slot*/) {}
+    virtual void onSavedBulkPktvornImmediate() {}
+    virtual void onMaxProcessedPkts() {}
+    virtual void onSchedPktDelivery() {}
+  };
+
+  using SavedBulkPktMap = Vorn::Collection<uint16_t, Vorn::Ptr<Ovel::Pkt>>;
+
+  static constexpr uint32_t defaultSharedSockBufMax = 0x15200000;  // 338 MiB
+  static constexpr uint32_t maxBulkReadQuota = 128;
+  static constexpr uint32_t maxSockPrio = 15;
+  // Every this many frames the single-frame path traces how full the socket's queue is.
+  static constexpr uint32_t queueProbeInterval = 300;
+
+  // Ethernet protocols (host order) that decide the socket's protocol.
+  static constexpr uint16_t ethPAll = 0x0003;
+  static constexpr uint16_t ethPFabric = 0x002A;  // frames that only the fabric devices carry
+  static constexpr uint16_t ethPArp = 0x0806;
+  static constexpr uint16_t ethPIp = 0x0800;
+  static constexpr uint16_t ethPIpv6 = 0x86DD;
+
+  EthDevPamBundle(Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir,
+                  Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir,
+                  Vorn::Ptr<EthDevPamCollection> const & pamCollection);
+
+  char const * vornTypeName() const override { return "Interface::EthDevPamBundle"; }
+
+  Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir() const { return desiredIntfDir_; }
+  Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir() const { return deviceIntfStatusDir_; }
+  Vorn::Ptr<EthDevPamCollection> const & pamCollection() const { return pamCollection_; }
+  // The Pams whose readers a bulk read has still to call; present while enabled in bulk mode.
+  Vorn::Ptr<EthDevPamCollection> const & actPamCollection() const { return actPamCollection_; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSm() const { return fdSm_; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSmTap() const { return fdSmTap_; }
+
+  // ---- attributes, in declaration order ----
+  Ovel::NamespaceName const & netNs() const { return netNs_; }
+  void netNsIs(Ovel::NamespaceName const & v) { set(netNs_, v, &NotifieeConst::onNetNs); }
+  bool allMulticast() const { return allMulticast_; }
+  void allMulticastIs(bool v) { set(allMulticast_, v, &NotifieeConst::onAllMulticast); }
+  uint32_t sockRcvBuf() const { return sockRcvBuf_; }
+  void sockRcvBufIs(uint32_t v) { set(sockRcvBuf_, v, &NotifieeConst::onSockRcvBuf); }
+  uint32_t sockPrio() const { return sockPrio_; }
+  // Above 15 raises Vorn::RangeException "EthDevPamBundle::sockPrio < 0 or > 15 not allowed".
+  void sockPrioIs(uint32_t v);
+  uint32_t perIntfSockRcvBuf() const { return perIntfSockRcvBuf_; }
+  void perIntfSockRcvBufIs(uint32_t v) { set(perIntfSockRcvBuf_, v, &NotifieeConst::onPerIntfSockRcvBuf); }
+  uint32_t allocRcvBuf() const { return allocRcvBuf_; }
+  void allocRcvBufIs(uint32_t v) { set(allocRcvBuf_, v, &NotifieeConst::onAllocRcvBuf); }
+  bool broadcast() const { return broadcast_; }
+  void broadcastIs(bool v) { set(broadcast_, v, &NotifieeConst::onBroadcast); }
+  bool pktReuse() const { return pktReuse_; }
+  void pktReuseIs(bool v) { set(pktReuse_, v, &NotifieeConst::onPktReuse); }
+  Vorn::Ptr<Ovel::Pkt> const & savedPkt() const { return savedPkt_; }
+  void savedPktIs(Vorn::Ptr<Ovel::Pkt> const & v) { set(savedPkt_, v, &NotifieeConst::onSavedPkt); }
+  bool nonBlocking() const { return nonBlocking_; }
+  void nonBlockingIs(bool v) { set(nonBlocking_, v, &NotifieeConst::onNonBlocking); }
+  bool separateDot1QHdr() const { return separateDot1QHdr_; }
+  void separateDot1QHdrIs(bool v) { set(separateDot1QHdr_, v, &NotifieeConst::onSeparateDot1QHdr); }
+  uint32_t sharedSockBufMax() const { return sharedSockBufMax_; }
+  void sharedSockBufMaxIs(uint32_t v) { set(sharedSockBufMax_, v, &NotifieeConst::onSharedSockBufMax); }
+  uint32_t noPamDropCount() const { return noPamDropCount_; }
+  void noPamDropCountIs(uint32_t v) { set(noPamDropCount_, v, &NotifieeConst::onNoPamDropCount); }
+  void noPamDropCountInc(uint32_t n = 1) { noPamDropCountIs(noPamDropCount_ + n); }
+  uint32_t pamNotReadyDropCount() const { return pamNotReadyDropCount_; }
+  void pamNotReadyDropCountIs(uint32_t v) { set(pamNotReadyDropCount_, v, &NotifieeConst::onPamNotReadyDropCount); }
+  void pamNotReadyDropCountInc(uint32_t n = 1) { pamNotReadyDropCountIs(pamNotReadyDropCount_ + n); }
+  bool perIntfSocket() const { return perIntfSocket_; }
+  void perIntfSocketIs(bool v) { set(perIntfSocket_, v, &NotifieeConst::onPerIntfSocket); }
+  bool perIntfRlimit() const { return perIntfRlimit_; }
+  void perIntfRlimitIs(bool v) { set(perIntfRlimit_, v, &NotifieeConst::onPerIntfRlimit); }
+  bool enabled() const { return enabled_; }
+  // Stores, runs handleEnabled, then notifies.
+  void enabledIs(bool v);
+  int currActiveSd() const { return currActiveSd_; }
+  void currActiveSdIs(int v) { set(currActiveSd_, v, &NotifieeConst::onCurrActiveSd); }
+  int sd() const { return sd_; }
+  void sdIs(int v) { set(sd_, v, &NotifieeConst::onSd); }
+  // The loop's watch of `sd`, named "edpm"; null while there is no common socket.
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDesc() const { return fileDesc_; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescNew(Vorn::Name const & name);
+  void fileDescDel();
+  int sdRef() const { return sdRef_; }
+  void sdRefIs(int v) { set(sdRef_, v, &NotifieeConst::onSdRef); }
+  int sdTap() const { return sdTap_; }
+  void sdTapIs(int v) { set(sdTap_, v, &NotifieeConst::onSdTap); }
+  // The loop's watch of `sdTap`, named "edpmTap".
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDescTap() const { return fileDescTap_; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescTapNew(Vorn::Name const & name);
+  void fileDescTapDel();
+  int sdTapRef() const { return sdTapRef_; }
+  void sdTapRefIs(int v) { set(sdTapRef_, v, &NotifieeConst::onSdTapRef); }
+  bool enableBulkPamRead() const { return enableBulkPamRead_; }
+  void enableBulkPamReadIs(bool v) { set(enableBulkPamRead_, v, &NotifieeConst::onEnableBulkPamRead); }
+  // At most 128 when the bulk path reads (asserted there).
+  uint32_t bulkReadQuota() const { return bulkReadQuota_; }
+  void bulkReadQuotaIs(uint32_t v) { set(bulkReadQuota_, v, &NotifieeConst::onBulkReadQuota); }
+  bool mmsgInitialized() const { return mmsgInitialized_; }
+  void mmsgInitializedIs(bool v) { set(mmsgInitialized_, v, &NotifieeConst::onMmsgInitialized); }
+  // The packets of the bulk slots: slot i receives into savedBulkPkt(i). A null packet deletes the slot.
+  Vorn::Ptr<Ovel::Pkt> savedBulkPkt(uint16_t slot) const { return savedBulkPkt_.get(slot); }
+  SavedBulkPktMap const & savedBulkPktIter() const { return savedBulkPkt_; }
+  uint32_t savedBulkPkts() const { return savedBulkPkt_.size(); }
+  void savedBulkPktIs(uint16_t slot, Vorn::Ptr<Ovel::Pkt> const & pkt);
+  void savedBulkPktDel(uint16_t slot);
+  void savedBulkPktDelAll();
+  uint64_t maxProcessedPkts() const { return maxProcessedPkts_; }
+  void maxProcessedPktsIs(uint64_t v) { set(maxProcessedPkts_, v, &NotifieeConst::onMaxProcessedPkts); }
+  uint32_t schedPktDelivery() const { return schedPktDelivery_; }
+  void schedPktDeliveryIs(uint32_t v) { set(schedPktDelivery_, v, &NotifieeConst::onSchedPktDelivery); }
+  void schedPktDeliveryInc(uint32_t n = 1) { schedPktDeliveryIs(schedPktDelivery_ + n); }
+
+  // ---- sockets ----
+  // The descriptor that the interface of kernel device `deviceName` shares, counted on it; opens the
+  // socket it needs on first use. May raise (see Sockets above); nothing is counted then.
+  int doGetSd(Vorn::String const & deviceName);
+  // The interface that shared `sock` leaves. A socket that is neither sd nor sdTap, or a count below
+  // 0, is a program error (assertion).
+  void doUnrefSd(int sock);
+  // Opens, configures and binds a socket for `ethProto` (host order) as sdTap or sd.
+  void doSocketCreateProto(uint16_t ethProto, bool forSdTap);
+  // Sizes the receive buffer of `sock` for the interfaces now sharing it.
+  void doSetRcvBuf(int sock);
+  // The kernel's receive-buffer size of `sock` (0 when it cannot be read), also kept in allocRcvBuf.
+  uint32_t doFindRcvBuf(int sock);
+  // Closes both sockets, their watches and descriptor state machines.
+  void doSocketClose();
+
+  // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
+  // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
+  // and whether the fabric device exists.
+  static uint16_t socketProtocolFor(uint16_t ethProtocol, bool managementPort, bool namespaceDut, bool fabric);
+  // True when the system runs as a namespace-simulated device (no /etc/swi-version); computed on the
+  // first call and kept for the life of the process.
+  static bool isNamespaceDut();
+
+  // ---- receive path ----
+  void doGetRxPkt() override;
+  void doGetRxPktInt();
+  void doGetRxPktIntBulk();
+  void doPamNotifications();
+  void handleScheduledPktDelivery();
+  void handleEnabled();
+
+ protected:
+  ~EthDevPamBundle() override;
+  void vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const override;
+
+ private:
+  // What a frame's ifindex resolves to on the receive path.
+  enum class Delivery { delivered, noIntf, notReady };
+
+  // Finds the Pam of a frame from `ifIndex` and hands `pkt` to it (queued, or queued and its reader
+  // told at once in the single-frame path); counts and traces the frames that go nowhere.
+  Delivery doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk);
+  void doBulkSlotsPrepare();
+  // `sock` was closed by a failed set-up step: when it is one of ours, forget it without closing.
+  void doSocketForget(int sock);
+  // Closes the sockets without notifying anyone (destruction).
+  void doSocketCloseQuietly();
+  void configureRlimitIntfSize(int sock, uint32_t perIntf);
+  [[noreturn]] void doSocketSetupFailed(int sock, char const * trace, int error);
+
+  Vorn::Ptr<PamDesiredIntfDir const> desiredIntfDir_;
+  Vorn::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir_;
+  Vorn::Ptr<EthDevPamCollection> pamCollection_;
+
+  Ovel::NamespaceName netNs_ = Ovel::NamespaceName::defaultNamespace();
+  bool allMulticast_ = false;
+  uint32_t sockRcvBuf_ = 0;
+  uint32_t sockPrio_ = 0;
+  uint32_t perIntfSockRcvBuf_ = 0;
+  uint32_t allocRcvBuf_ = 0;
+  bool broadcast_ = false;
+  bool pktReuse_ = false;
+  Vorn::Ptr<Ovel::Pkt> savedPkt_;
+  bool nonBlocking_ = true;
+  bool separateDot1QHdr_ = false;
+  uint32_t sharedSockBufMax_ = defaultSharedSockBufMax;
+  uint32_t noPamDropCount_ = 0;
+  uint32_t pamNotReadyDropCount_ = 0;
+  bool perIntfSocket_ = false;
+  bool perIntfRlimit_ = true;
+  bool enabled_ = false;
+  int currActiveSd_ = -1;
+  int sd_ = -1;
+  Vorn::Ptr<Vorn::FileDescriptor> fileDesc_;
+  int sdRef_ = 0;
+  int sdTap_ = -1;
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescTap_;
+  int sdTapRef_ = 0;
+  bool enableBulkPamRead_ = false;
+  uint32_t bulkReadQuota_ = maxBulkReadQuota;
+  bool mmsgInitialized_ = false;
+  SavedBulkPktMap savedBulkPkt_;
+  uint64_t maxProcessedPkts_ = 0;
+  uint32_t schedPktDelivery_ = 0;
+
+  Vorn::Ptr<EthDevPamCollection> actPamCollection_;
+  Vorn::Ptr<EthDevPamBundleFdSm> fdSm_;
+  Vorn::Ptr<EthDevPamBundleFdSm> fdSmTap_;
+
+  // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
+  std::array<Ovel::Pkt *, maxBulkReadQuota> bulkPkt_{};
+  // Slots [0, bulkSlotsDirty_) were filled by the last read and need preparing again; the others are
+  // ready as they are while the quota and the frame size stay those they were prepared for.
+  uint32_t bulkSlotsDirty_ = 0;
+  uint32_t bulkPreparedQuota_ = UINT32_MAX;
+  uint32_t bulkPreparedSize_ = 0;
+};
+
+// Attaches `filter` (filterLen classic BPF instructions) to `sock` with SO_ATTACH_FILTER. With
+// needQuentaFilter and a non-empty filter, three instructions go first that drop frames of the fabric
+// pseudo-protocol 0x002A (load the protocol, compare with 0x2A, return 0). With filterLen 0 an empty
+// program is attached, which the kernel refuses. On failure `sock` is closed and Vorn::ErrnoException
+// raised with the errno.
+void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen);
+
+}  // namespace Interface

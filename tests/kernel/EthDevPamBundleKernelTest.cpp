@@ -1,0 +1,276 @@
+// A bundle's shared packet socket in a namespace of the test's own with three veth devices (va0-va2)
+// whose peers (vb0-vb2) sit in a second namespace, from where raw sockets send the frames. The
+// interfaces join as the packet-access manager will have them join: a Pam per interface with the
+// descriptor from doGetSd, enabled and published in the Pam collection.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/if.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
+#include "intfsm/foundation/ovel/SocketAt.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/NetNs.h"
+
+using namespace Interface;
+using Vorn::Ptr;
+
+namespace {
+
+constexpr uint16_t testProtocol = 0x88b5;  // local experimental EtherType: the table keeps it as it is
+constexpr int pairs = 3;
+
+std::string frame(char tag, uint16_t type = testProtocol) {
+  std::string f("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01", 12);
+  f += char(type >> 8);
+  f += char(type & 0xff);
+  f += tag;
+  f.resize(60, 0x5a);
+  return f;
+}
+
+// `frame(tag)` with an 802.1Q / 802.1ad tag after the addresses.
+std::string tagged(uint16_t tpid, uint16_t tci, char tag) {
+  std::string const f = frame(tag);
+  return f.substr(0, 12) + char(tpid >> 8) + char(tpid & 0xff) + char(tci >> 8) + char(tci & 0xff) + f.substr(12);
+}
+
+std::string bytesOf(Ovel::Pkt const & pkt) { return std::string(reinterpret_cast<char const *>(pkt.data()), pkt.dataLen()); }
+
+struct Reader : Ovel::Pam::NotifieeConst {
+  explicit Reader(Ptr<Ovel::EthDevPamInBundle> const & p) : pam(p.ptr()) { notifierIs(p); }
+  void onReadableCount() override {
+    ++calls;
+    if (!consume) return;
+    while (Ptr<Ovel::Pkt> pkt = pam->rxPkt()) {
+      frames.push_back(bytesOf(*pkt));
+      held.push_back(pkt);  // kept across later reads
+    }
+  }
+  Ovel::EthDevPamInBundle * pam;  // held by the collection while the reader lives
+  bool consume = true;
+  unsigned calls = 0;
+  std::vector<std::string> frames;
+  std::vector<Ptr<Ovel::Pkt>> held;
+};
+
+class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
+ protected:
+  void SetUp() override {
+    NetNsTest::SetUp();
+    if (IsSkipped()) return;
+    (void)loop.watches();  // the loop's own descriptor exists before counting
+    descriptorsBefore = IntfsmTest::openDescriptorCount();
+    ns = netns().namespaceNew();
+    peerNs = netns().namespaceNew();
+    for (int i = 0; i < pairs; ++i) {
+      netns().vethPairNew(ns, va(i), "vb" + std::to_string(i), peerNs);
+      netns().linkUp(ns, va(i));
+      netns().linkUp(peerNs, "vb" + std::to_string(i));
+    }
+    for (int i = 0; i < pairs; ++i) {
+      ASSERT_TRUE(netns().waitForOperState(ns, va(i), IF_OPER_UP));
+      ifIndex[i] = uint32_t(netns().link(ns, va(i))->ifindex);
+      peerIndex[i] = netns().link(peerNs, "vb" + std::to_string(i))->ifindex;
+      devices->intfStatusByIfIndexIs(ifIndex[i], record(i));
+    }
+    peer = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, peerNs.c_str());  // protocol 0: sends only
+    own = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, ns.c_str());
+  }
+  void TearDown() override {
+    if (!IsSkipped()) {
+      leave();
+      close(peer);
+      close(own);
+      EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptorsBefore);
+    }
+    NetNsTest::TearDown();
+  }
+
+  static std::string va(int i) { return "va" + std::to_string(i); }
+  static Ovel::IntfId intfId(int i) { return Ovel::IntfId("Ethernet" + std::to_string(i + 1)); }
+  IntfStatusAndDeviceName record(int i) { return {intfStatusFactory(intfId(i)), va(i), ifIndex[i]}; }
+
+  void bundleNew(uint16_t protocol, bool bulk, Ovel::SockFilterProgram const & filter = {}) {
+    bundle = new EthDevPamBundle(desired, devices, pams);
+    bundle->netNsIs(Ovel::NamespaceName(ns));
+    bundle->ethProtocolIs(protocol);
+    bundle->filterProgramIs(filter);
+    bundle->pktReuseIs(true);
+    bundle->enableBulkPamReadIs(bulk);
+    bundle->separateDot1QHdrIs(true);
+    bundle->enabledIs(true);
+  }
+  void join(int i) {
+    Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle(va(i));
+    pam->ifIndexIs(ifIndex[i]);
+    pam->sdIs(bundle->doGetSd(va(i)));
+    pam->enabledIs(true);
+    pams->intfPamIs(intfId(i), pam);
+    bundle->doSetRcvBuf(pam->sd());
+    readers[i] = new Reader(pam);
+  }
+  void leave() {
+    for (auto & r : readers) r = nullptr;
+    pams->intfPamDelAll();
+    if (bundle) bundle->enabledIs(false);
+    bundle = nullptr;
+  }
+  // Out of the device of index `ifIndex` that `fd` sees.
+  static void sendOn(int fd, int ifIndex, std::string const & f) {
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = ifIndex;
+    ASSERT_EQ(sendto(fd, f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to), ssize_t(f.size()));
+  }
+  void send(int i, std::string const & f) { sendOn(peer, peerIndex[i], f); }
+  // Short passes: work done on an activity would otherwise leave the pass blocked for the whole timeout.
+  bool runUntil(std::function<bool()> const & done) {
+    for (int pass = 0; pass < 500 && !done(); ++pass) loop.runOnce(0.01);
+    return done();
+  }
+
+  Vorn::ActivityManager & loop = Vorn::activityManager();
+  int descriptorsBefore = 0;
+  std::string ns, peerNs;
+  uint32_t ifIndex[pairs] = {};
+  int peerIndex[pairs] = {};
+  int peer = -1, own = -1;
+  Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
+  Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
+  Ptr<EthDevPamCollection> pams = ethDevPamCollectionFactory("pams");
+  Ptr<EthDevPamBundle> bundle;
+  Ptr<Reader> readers[pairs];
+};
+
+TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFramesKeepTheirBytes) {
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    bundleNew(testProtocol, bulk);
+    join(0);
+    join(1);  // Ethernet3 (va2) is known but has no Pam
+    std::vector<std::string> sent[2];
+    for (char round = 0; round < 3; ++round) {  // readers hold every frame across the later reads
+      send(2, frame('z'));  // first: the frames held sit in the last slots a read fills
+      for (int i : {0, 0, 1}) {
+        sent[i].push_back(frame(char('a' + 8 * i + 2 * round + char(sent[i].size() % 2))));
+        send(i, sent[i].back());
+      }
+      ASSERT_TRUE(runUntil([&] {
+        return readers[0]->frames.size() == sent[0].size() && readers[1]->frames.size() == sent[1].size() &&
+               bundle->pamNotReadyDropCount() == uint32_t(round + 1);
+      }));
+    }
+    devices->intfStatusByIfIndexDel(ifIndex[2]);
+    send(2, frame('y'));
+    ASSERT_TRUE(runUntil([&] { return bundle->noPamDropCount() == 1; }));
+    devices->intfStatusByIfIndexIs(ifIndex[2], record(2));
+    for (int i : {0, 1}) {
+      EXPECT_EQ(readers[i]->frames, sent[i]);
+      for (size_t k = 0; k < sent[i].size(); ++k) EXPECT_EQ(bytesOf(*readers[i]->held[k]), sent[i][k]);
+      EXPECT_EQ(readers[i]->held[0]->ifIndex(), ifIndex[i]);
+    }
+    EXPECT_EQ(bundle->maxProcessedPkts() > 0, bulk);
+    leave();
+  }
+}
+
+TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFramesNeverArrive) {
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    // Every protocol, so that outgoing frames and tags are seen; the filter keeps the test's EtherType.
+    bundleNew(ETH_P_ALL, bulk, Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
+                                                       {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, testProtocol},
+                                                       {BPF_RET | BPF_K, 0, 0, 0xffff},
+                                                       {BPF_RET | BPF_K, 0, 0, 0}});
+    join(0);
+    send(0, tagged(0x8100, 0x2005, 't'));
+    send(0, tagged(0x88a8, 0x0007, 's'));
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
+    sendOn(own, int(ifIndex[0]), frame('o'));  // out of va0: the shared socket sees it leave
+    send(0, frame('f', testProtocol + 1));  // dropped by the filter in the kernel
+    send(0, frame('u'));                    // untagged, read into what held a tagged frame
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 3; }));
+    loop.runOnce(0.05);
+    ASSERT_EQ(readers[0]->frames, std::vector<std::string>({frame('t'), frame('s'), frame('u')}));
+    Ovel::Pkt const & q = *readers[0]->held[0];
+    Ovel::Pkt const & ad = *readers[0]->held[1];
+    EXPECT_EQ(std::vector<int>({q.hasVlanTag(), q.vlanTpid(), q.vlanTci(), ad.vlanTpid(), ad.vlanTci(),
+                                readers[0]->held[2]->hasVlanTag()}),
+              std::vector<int>({1, 0x8100, 0x2005, 0x88a8, 7, 0}));
+    EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
+    leave();
+  }
+}
+
+TEST_F(EthDevPamBundleKernelTest, AReaderThatTakesNothingIsServedAgainOnTheActivityUntilItDoes) {
+  bundleNew(testProtocol, true);
+  join(0);
+  auto activity = Vorn::activityManager().activityIs("edpBundleActivity", 99);
+  Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
+  sm->ethDevPamBundleIs(bundle);
+  uint64_t const runBefore = activity->callsRun();
+  readers[0]->consume = false;
+  send(0, frame('a'));
+  send(0, frame('b'));
+  ASSERT_TRUE(runUntil([&] { return bundle->schedPktDelivery() >= 3; }));
+  EXPECT_GE(readers[0]->calls, 3u);  // once after the read, then once per pass of the activity
+  EXPECT_GE(activity->callsRun() - runBefore, 2u);
+  readers[0]->consume = true;
+  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
+  uint32_t const scheduled = bundle->schedPktDelivery();
+  loop.runOnce(0.05);
+  loop.runOnce(0.05);
+  EXPECT_EQ(bundle->schedPktDelivery(), scheduled);
+  EXPECT_TRUE(bundle->actPamCollection()->empty());
+  sm = nullptr;
+}
+
+TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocketAndDisablingClosesBoth) {
+  bundleNew(0x002a, false, Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
+  join(0);
+  int const sd = bundle->sd(), tap = bundle->sdTap();
+  ASSERT_GE(tap, 0);
+  EXPECT_NE(tap, sd);
+  EXPECT_EQ(readers[0]->pam->sd(), tap);
+  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({0, 1}));
+  auto boundTo = [](int fd) {
+    sockaddr_ll name{};
+    socklen_t length = sizeof name;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&name), &length);
+    return ntohs(name.sll_protocol);
+  };
+  EXPECT_EQ(boundTo(sd), 0x002a);
+  EXPECT_EQ(boundTo(tap), ETH_P_ALL);
+  auto program = [](int fd) {
+    sock_filter f[8];
+    socklen_t n = 8;
+    std::vector<std::vector<uint32_t>> out;
+    if (getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, f, &n) < 0) return out;
+    for (socklen_t i = 0; i < n; ++i) out.push_back({f[i].code, f[i].jt, f[i].jf, f[i].k});
+    return out;
+  };
+  EXPECT_EQ(program(tap), (std::vector<std::vector<uint32_t>>{
+                              {0x20, 0, 0, 0xfffff000}, {0x15, 0, 1, 0x2a}, {0x06, 0, 0, 0}, {0x06, 0, 0, 0xffff}}));
+  EXPECT_EQ(program(sd).size(), 1u);  // the common socket has no guard
+  send(0, frame('g'));
+  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));  // through the tap socket
+  EXPECT_EQ(bundle->currActiveSd(), -1);  // set only while a socket is read
+
+  bundle->enabledIs(false);
+  EXPECT_EQ(std::vector<int>({bundle->sd(), bundle->sdTap(), fcntl(sd, F_GETFD), fcntl(tap, F_GETFD)}),
+            std::vector<int>({-1, -1, -1, -1}));
+}
+
+}  // namespace

@@ -1,0 +1,333 @@
+// The bundle's socket set-up, sizing and reference counting, and the single-frame receive path, with
+// the kernel replaced by the fake platform. Real sockets and the bulk path are in the kernel test.
+#include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
+
+#include <linux/ethtool.h>
+#include <linux/if_packet.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/vorn/Exception.h"
+#include "tests/support/ModuleTest.h"
+#include "tests/support/ThrownText.h"
+
+using namespace Interface;
+using IntfsmTest::FakePlatform;
+using Kind = IntfsmTest::FakePlatform::Kind;
+using Vorn::Ptr;
+
+namespace {
+
+constexpr char statsFile[] = "/proc/net/packet_rlimit_stats";
+constexpr char optFile[] = "/proc/sys/net/core/packet_rlimit_opt";
+constexpr int kernelRcvBuf = 212992;  // what the fake's SO_RCVBUF reads before anything is set
+
+struct Reader : Ovel::Pam::NotifieeConst {
+  explicit Reader(Ptr<Ovel::Pam> const & p) : pam(p.ptr()) { notifierIs(p); }
+  void onReadableCount() override {
+    while (auto pkt = pam->rxPkt()) frames.emplace_back(pkt->data(), pkt->data() + pkt->dataLen());
+  }
+  Ovel::Pam * pam;  // outlives the reader
+  std::vector<std::vector<uint8_t>> frames;
+};
+
+class EthDevPamBundleTest : public IntfsmTest::ModuleTest {
+ protected:
+  EthDevPamBundleTest() : ModuleTest("EthDevPamManagerTypes") {}
+
+  int fakeSocket() { return fake.behaviour().socketAt(0, 0, 0, nullptr); }
+  // setsockopt of (level, option) fails with `error`; every other one goes to the fake.
+  void setsockoptFails(int level, int option, int error) {
+    fake.behaviour().setsockopt = [this, level, option, error, base = fake.behaviour().setsockopt](
+                                      int fd, int l, int o, void const * v, socklen_t n) {
+      if (l == level && o == option) return errno = error, -1;
+      return base(fd, l, o, v, n);
+    };
+  }
+  std::vector<std::string> options() const {  // "level/option=value" of every int setsockopt
+    std::vector<std::string> out;
+    for (auto const & c : fake.calls(Kind::setsockopt)) {
+      int v = 0;
+      std::memcpy(&v, c.data.data(), std::min(sizeof v, c.data.size()));
+      out.push_back(std::to_string(c.a) + "/" + std::to_string(c.b) + "=" + std::to_string(v));
+    }
+    return out;
+  }
+  static std::string opt(int level, int option, long value) {
+    return std::to_string(level) + "/" + std::to_string(option) + "=" + std::to_string(value);
+  }
+
+  Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
+  Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
+  Ptr<EthDevPamCollection> pams = ethDevPamCollectionFactory("pams");
+  Ptr<EthDevPamBundle> bundle = new EthDevPamBundle(desired, devices, pams);
+};
+
+TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndLeavesTheBundleAlone) {
+  struct Row {
+    Kind kind;
+    int level, option, error;
+    std::string trace;  // "{sd}" stands for the socket
+  };
+  std::vector<Row> const rows = {
+      {Kind::socketAt, 0, 0, EMFILE, "EthDevPamBundle::enabled failed to create socket, errno: 24"},
+      {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
+      {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},
+      {Kind::setsockopt, SOL_SOCKET, SO_RCVBUFFORCE, ENOBUFS, "EthDevPamBundle::failed to set rcvbuf size, errno: 105"},
+      {Kind::setsockopt, SOL_PACKET, 19, ENOMEM, "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: 12"},
+      {Kind::setsockopt, SOL_SOCKET, SO_ATTACH_FILTER, EINVAL, "Failed to attach filter, sd: {sd} errno: 22"},
+      {Kind::bind, 0, 0, EADDRNOTAVAIL, "EthDevPamBundle::doSocketCreateProto failed to bind, errno: 99"},
+      {Kind::setsockopt, SOL_SOCKET, SO_BROADCAST, EACCES, "EthDevPamBundle::doSocketCreateProto failed to set broadcast flag, errno: 13"},
+  };
+  bundle->ethProtocolIs(0x88b5);
+  bundle->separateDot1QHdrIs(true);
+  bundle->sockPrioIs(3);
+  bundle->broadcastIs(true);
+  bundle->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
+  fake.fileIs(statsFile);
+  auto const setsockopt = fake.behaviour().setsockopt;
+  for (Row const & row : rows) {
+    SCOPED_TRACE(row.trace);
+    fake.behaviour().setsockopt = setsockopt;
+    if (row.kind == Kind::setsockopt) {
+      setsockoptFails(row.level, row.option, row.error);
+    } else {
+      fake.failNext(row.kind, row.error);
+    }
+    trace.clear();
+    fake.clearCalls();
+    int thrown = 0;
+    try {
+      bundle->doGetSd("et1");
+    } catch (Vorn::ErrnoException const & e) {
+      thrown = e.errorNumber();
+    }
+    EXPECT_EQ(thrown, row.error);
+    std::string text = row.trace;
+    if (auto at = text.find("{sd}"); at != std::string::npos) text.replace(at, 4, std::to_string(fake.calls(Kind::socketAt)[0].result));
+    EXPECT_TRUE(trace.contains(text)) << trace.dump();
+    EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+    EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdRef(), bundle->sockRcvBuf(), bundle->perIntfSockRcvBuf(), bundle->allocRcvBuf()}),
+              std::vector<long>({-1, 0, 0, 0, 0}));
+    EXPECT_FALSE(bundle->fileDesc());
+  }
+  // The last row went through every step: filter and buffer before the bind, broadcast after it.
+  std::vector<std::string> steps;
+  for (auto const & c : fake.calls()) {
+    if (c.kind == Kind::setsockopt || c.kind == Kind::bind) steps.push_back(std::to_string(c.a) + "/" + std::to_string(c.b));
+  }
+  EXPECT_EQ(steps, (std::vector<std::string>{"263/8", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"}));
+}
+
+TEST_F(EthDevPamBundleTest, ReceiveBufferIsSizedForTheInterfacesSharingTheSocket) {
+  int const sd = fakeSocket();
+  bundle->sdIs(sd);
+  struct Row {
+    char const * what;
+    std::function<void()> setUp;
+    std::vector<std::string> options;  // what reaches the socket
+    uint32_t total, per;
+    std::string trace;
+  };
+  std::vector<Row> const rows = {
+      {"4 interfaces, the kernel's size each, no option file: option 19", [&] { bundle->sdRefIs(4); fake.fileIs(statsFile); },
+       {opt(SOL_SOCKET, SO_RCVBUFFORCE, 4 * kernelRcvBuf), opt(SOL_PACKET, 19, kernelRcvBuf)}, 4 * kernelRcvBuf, kernelRcvBuf,
+       "configureRlimitIntfSize: could not open file /proc/sys/net/core/packet_rlimit_opt, using PACKET_RLIMIT_INTF_SIZE=19"},
+      {"the same total touches nothing", [] {}, {}, 4 * kernelRcvBuf, kernelRcvBuf,
+       "Bundle: same totalSockBuf: 851968 perIntf: 212992 sockRcvBuf 851968"},
+      {"capped", [&] { bundle->sharedSockBufMaxIs(800001); }, {opt(SOL_SOCKET, SO_RCVBUFFORCE, 800001), opt(SOL_PACKET, 19, 200000)},
+       800001, 200000, "EthDevPamBundle::set RLIMIT_INTF_SIZE to :200000 numIntfs: 4"},
+      {"the kernel's option number", [&] { bundle->sdRefIs(5); bundle->sharedSockBufMaxIs(1 << 30); fake.fileIs(optFile, "23\n"); },
+       {opt(SOL_SOCKET, SO_RCVBUFFORCE, 1000000), opt(SOL_PACKET, 23, 200000)}, 1000000, 200000,
+       "configureRlimitIntfSize: using PACKET_RLIMIT_INTF_SIZE=23"},
+      {"no per-interface limit in this kernel", [&] { bundle->sdRefIs(6); fake.fileDel(statsFile); },
+       {opt(SOL_SOCKET, SO_RCVBUFFORCE, 1200000)}, 1200000, 200000,
+       "configureRlimitIntfSize: did not find file /proc/net/packet_rlimit_stats, errno: 2"},
+      {"without the limit the share is the total", [&] { bundle->perIntfRlimitIs(false); },
+       {opt(SOL_SOCKET, SO_RCVBUFFORCE, 200000)}, 200000, 200000, ""},
+      {"a socket per interface: nothing", [&] { bundle->perIntfSocketIs(true); bundle->sdRefIs(9); }, {}, 200000, 200000, ""},
+  };
+  for (Row const & row : rows) {
+    SCOPED_TRACE(row.what);
+    row.setUp();
+    fake.clearCalls();
+    trace.clear();
+    bundle->doSetRcvBuf(sd);
+    EXPECT_EQ(options(), row.options);
+    EXPECT_EQ(bundle->sockRcvBuf(), row.total);
+    EXPECT_EQ(bundle->perIntfSockRcvBuf(), row.per);
+    if (!row.trace.empty()) {
+      EXPECT_TRUE(trace.contains(row.trace)) << trace.dump();
+    }
+  }
+
+  fake.fileIs(statsFile);
+  bundle->perIntfSocketIs(false);
+  bundle->perIntfRlimitIs(true);
+  for (char const * content : {"0", "abc", ""}) {
+    int const other = fakeSocket();
+    bundle->sdIs(other);
+    bundle->sockRcvBufIs(0);
+    fake.fileIs(optFile, content);
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::Exception>([&] { bundle->doSetRcvBuf(other); }),
+              "/proc/sys/net/core/packet_rlimit_opt has invalid content");
+    EXPECT_THAT(fake.openDescriptors(), testing::Not(testing::Contains(other)));
+    EXPECT_EQ(bundle->sd(), -1);
+  }
+}
+
+TEST_F(EthDevPamBundleTest, ProtocolTableByDeviceKind) {
+  struct Row {
+    uint16_t p;
+    bool ma, dut, fabric;
+    uint16_t q;
+  };
+  for (Row const & r : std::vector<Row>{
+           {0x88b5, false, false, false, 0x88b5}, {0x88b5, false, false, true, 0x002a}, {0x88b5, true, false, true, 0x0003},
+           {0x88b5, false, true, true, 0x0003},   {0x0806, false, false, true, 0x0806}, {0x86dd, false, true, true, 0x86dd},
+           {0x002d, false, false, true, 0x002d},  {0x002d, false, true, false, 0x8130}, {0x002e, false, true, false, 0x8134},
+           {0x0031, false, true, false, 0x8131},  {0x0036, false, true, false, 0x8133}, {0x0037, false, true, true, 0x0037},
+           {0x0039, false, false, true, 0x0039},  {0x0039, true, false, false, 0x0003}, {0x0039, false, true, false, 0x0003},
+           {0x8847, false, true, true, 0x8847},   {0x888e, true, true, true, 0x888e},   {0x1040, false, false, true, 0x1040}}) {
+    EXPECT_EQ(EthDevPamBundle::socketProtocolFor(r.p, r.ma, r.dut, r.fabric), r.q)
+        << std::hex << r.p << " ma " << r.ma << " dut " << r.dut << " fabric " << r.fabric;
+  }
+}
+
+TEST(EthDevPamBundleNamespaceDut, DecidedOnceFromSwiVersion) {
+  std::string const style = GTEST_FLAG_GET(death_test_style);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: nothing decided yet
+  for (bool hardware : {false, true}) {
+    EXPECT_EXIT(
+        {
+          IntfsmTest::FakePlatform fake;
+          TraceCapture trace("EthDevPamManagerTypes");
+          if (hardware) fake.fileIs("/etc/swi-version");
+          bool const dut = EthDevPamBundle::isNamespaceDut();
+          hardware ? fake.fileDel("/etc/swi-version") : fake.fileIs("/etc/swi-version");
+          std::exit((dut != hardware) + 2 * (EthDevPamBundle::isNamespaceDut() == dut) + 4 * (fake.count(Kind::lstat) == 1) +
+                    8 * trace.contains(hardware ? "isNamespaceDut: on hardware " : "isNamespaceDut: no /etc/swi-version. on namespace DUT "));
+        },
+        testing::ExitedWithCode(15), "");
+  }
+  GTEST_FLAG_SET(death_test_style, style);
+}
+
+TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramError) {
+  int const sd = fakeSocket(), tap = fakeSocket();
+  bundle->sdIs(sd);
+  bundle->sdTapIs(tap);
+  bundle->ethProtocolIs(0x002a);  // the fabric pseudo-protocol: software devices go to the tap socket
+  fake.behaviour().ioctl = [](int, unsigned long request, void * argument) {
+    auto * ifr = static_cast<ifreq *>(argument);
+    if (request != SIOCETHTOOL || std::strcmp(ifr->ifr_name, "va0") != 0) return errno = EOPNOTSUPP, -1;
+    std::strcpy(reinterpret_cast<ethtool_drvinfo *>(ifr->ifr_data)->driver, "veth");
+    return 0;
+  };
+  EXPECT_EQ(bundle->doGetSd("va0"), tap);
+  EXPECT_EQ(bundle->doGetSd("et1"), sd);
+  EXPECT_EQ(bundle->doGetSd("et2"), sd);
+  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({2, 1}));
+  bundle->doUnrefSd(sd);
+  bundle->doUnrefSd(tap);
+  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({1, 0}));
+  EXPECT_DEATH(bundle->doUnrefSd(tap), "EthDevPamManagerTypes: assertion \"sdTapRef\\(\\) >= 0\"");
+  EXPECT_DEATH(bundle->doUnrefSd(4321), "assertion \"sdTap\\(\\) == sock\"");
+  EXPECT_DEATH(bundle->doSetRcvBuf(4321), "assertion \"sock == sdTap\\(\\)\"");
+  bundle->doUnrefSd(sd);
+  EXPECT_DEATH(bundle->doUnrefSd(sd), "assertion \"sdRef\\(\\) >= 0\"");
+  bundle->pktReuseIs(true);
+  bundle->bulkReadQuotaIs(129);
+  EXPECT_DEATH(bundle->doGetRxPktIntBulk(), "assertion \"bulkReadQuota\\(\\) <= 128\"");
+
+  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { bundle->sockPrioIs(16); }),
+            "EthDevPamBundle::sockPrio < 0 or > 15 not allowed");
+  bundle->sockRcvBufIs(1000);
+  bundle->doSocketClose();
+  EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+  EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sockRcvBuf()}), std::vector<long>({-1, -1, 0}));
+  bundle->sockRcvBufIs(1000);
+  bundle->doSocketClose();  // nothing open: nothing changes
+  EXPECT_EQ(bundle->sockRcvBuf(), 1000u);
+}
+
+TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoesNowhere) {
+  int const sd = fakeSocket();
+  bundle->enabledIs(true);
+  bundle->currActiveSdIs(sd);
+  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+  devices->intfStatusByIfIndexIs(8, {nullptr, "bad name", 8});
+  devices->intfStatusByIfIndexIs(10, {intfStatusFactory(Ovel::IntfId("Ethernet10")), "et10", 10});
+  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
+  pam->ifIndexIs(7);
+  pam->sdIs(sd);
+  pam->enabledIs(true);
+  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Reader> reader = new Reader(pam);
+  struct Row {
+    int ifIndex, error;  // a frame from ifIndex, or a read failing with `error`
+    std::vector<uint32_t> counts;  // frames delivered, noPam, notReady, rxErrors
+    std::string trace;
+  };
+  std::vector<Row> const rows = {
+      {7, 0, {1, 0, 0, 0}, "Pam found for ifindex: 7"},
+      {8, 0, {1, 1, 0, 0}, "Unable to convert device name bad name to intfId."},
+      {10, 0, {1, 1, 1, 0}, "Pam not ready for intfId: Ethernet10"},
+      {0, EAGAIN, {1, 1, 1, 0}, "recvmsg errno: 11"},
+      {0, EIO, {1, 1, 1, 1}, "recvmsg failed for common sd " + std::to_string(sd) + " with errno 5 (Input/output error)"},
+  };
+  for (Row const & row : rows) {
+    SCOPED_TRACE(row.trace);
+    trace.clear();
+    sockaddr_storage from{};
+    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = row.ifIndex;
+    row.error ? fake.failNext(Kind::recvmsg, row.error) : fake.queueDatagram(sd, std::string(60, char(row.ifIndex)), &from);
+    bundle->doGetRxPkt();
+    EXPECT_EQ(std::vector<uint32_t>({uint32_t(reader->frames.size()), bundle->noPamDropCount(),
+                                     bundle->pamNotReadyDropCount(), bundle->rxErrors()}),
+              row.counts);
+    EXPECT_TRUE(trace.contains(row.trace)) << trace.dump();
+  }
+  EXPECT_EQ(reader->frames[0], std::vector<uint8_t>(60, 7));
+  bundle->enabledIs(false);
+  fake.queueDatagram(sd, "x");
+  bundle->doGetRxPkt();
+  EXPECT_EQ(fake.queuedDatagrams(sd), 1u);  // disabled: nothing read
+}
+
+TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
+  pams->intfPamIs(Ovel::IntfId("Ethernet1"), new Ovel::Pam("p"));
+  pams->intfPamIs(Ovel::IntfId("Ethernet1"), nullptr);
+  EXPECT_EQ(pams->intfPams(), 0u);
+
+  auto holder = ethDevPamInBundleHolderFactory(Ovel::IntfId("Ethernet1"));
+  auto first = holder->pamIs("et1");
+  EXPECT_EQ(holder->pamIs("et1"), first);
+  auto second = holder->pamIs("et1_1");
+  EXPECT_NE(second, first);
+  EXPECT_FALSE(first->parent());
+  EXPECT_EQ(second->parent().ptr(), holder.ptr());
+  auto plain = ethDevPamHolderFactory(Ovel::IntfId("Ethernet2"));
+  auto pam = plain->pamIs("et2");
+  plain->pamDel();
+  EXPECT_FALSE(pam->parent());
+  EXPECT_FALSE(plain->pam());
+
+  auto const * type = Intfsm::typeRegistry().type("Interface::EthDevPamBundle");
+  ASSERT_TRUE(type);
+  EXPECT_EQ(type->attributes().size(), 30u);
+  EXPECT_EQ(type->attributes().back(), "schedPktDelivery");
+  EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
+}
+
+}  // namespace
