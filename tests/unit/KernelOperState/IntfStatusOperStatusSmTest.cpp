@@ -151,6 +151,42 @@ TEST_F(OperStateSmTest, ReplacingAndRemovingStatuses) {
   EXPECT_EQ(fake.operStateRequests().size(), 2u);
 }
 
+TEST_F(OperStateSmTest, AReactorRemovedFromItsCollectionIsRetiredAtOnce) {
+  auto sm = start();
+  auto st = status("Ethernet1", "et1", Interface::intfOperUp);
+  auto l = local("Ethernet1", "blue");
+  dir->intfStatusIs(st);
+  localDir->intfStatusLocalIs(l);
+  // References held outside the state machine, as a test or a debugger would.
+  Vorn::Ptr<KernelOperState::IntfStatusOperStatusSm::VornIntfStatus> heldStatus = sm->intfStatus(IntfId("Ethernet1"));
+  Vorn::Ptr<KernelOperState::IntfStatusOperStatusSm::VornIntfStatusLocal> heldLocal =
+      sm->intfStatusLocal(IntfId("Ethernet1"));
+  dir->intfStatusDel(IntfId("Ethernet1"));
+  localDir->intfStatusLocalDel(IntfId("Ethernet1"));
+  for (Vorn::BaseNotifiee * held : std::initializer_list<Vorn::BaseNotifiee *>{heldStatus.ptr(), heldLocal.ptr()}) {
+    EXPECT_TRUE(held->vornMarkedForDeletion());
+    EXPECT_FALSE(held->isRegisteredNotifiee());
+  }
+  EXPECT_FALSE(heldStatus->notifier());
+  EXPECT_FALSE(heldLocal->notifier());
+  EXPECT_EQ(st->notifiees(), 0u);
+  EXPECT_EQ(l->notifiees(), 0u);
+
+  // Put back and then destroyed with the state machine: the same for every reactor it held.
+  dir->intfStatusIs(st);
+  heldStatus = sm->intfStatus(IntfId("Ethernet1"));
+  root->intfStatusOperStatusSmDel();
+  sm = nullptr;
+  EXPECT_FALSE(heldStatus->notifier());
+  EXPECT_EQ(st->notifiees(), 0u);
+  trace.clear();
+  fake.clearCalls();
+  st->operStatusIs(Interface::intfOperDown);
+  l->netNsNameIs(NamespaceName("red"));
+  EXPECT_EQ(trace.size(), 0u) << trace.dump();
+  EXPECT_TRUE(fake.calls().empty());
+}
+
 TEST_F(OperStateSmTest, NamespacesComingAndGoing) {
   auto sm = start();
   netNs->namespaceIs(NamespaceName("blue"), 10);
