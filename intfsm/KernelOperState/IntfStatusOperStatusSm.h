@@ -7,7 +7,13 @@
 // A namespace that appears gets a fresh cached netlink socket in the manager; one that disappears has
 // its cached socket closed and removed.
 //
-// Created (by the oper-state root) with all four inputs; construction ends with the start-up sync.
+// Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
+// with the start-up sync.
+//
+// Threading: one event-loop thread runs every handler to completion; nothing is locked, so the inputs
+// are changed only from that thread. Lifetime: each nested reactor holds a reference (Ptr) to the
+// entity it watches, so a watched directory or status lives while it is watched; the state machine
+// holds its four inputs, and its destructor zombies its reactors before it empties their collections.
 #pragma once
 
 #include "intfsm/KernelOperState/IntfStatusDir.h"
