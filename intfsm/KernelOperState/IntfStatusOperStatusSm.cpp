@@ -3,6 +3,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
 
@@ -208,8 +209,10 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
     int sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, name.charPtr());
+    int const socketErrno = errno;  // a trace may write, and change errno, before perror reads it
     KOS_TRACE(8, "created netlink socket. Sd: " << sd);
     if (sd < 0) {
+      errno = socketErrno;
       if (name.isDefault()) fperror("socket");
       perror("socket");
       return;
@@ -219,7 +222,9 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     KOS_TRACE(8, "Binding to socket. Sd: " << sd);
     int rc = platform.bind(sd, reinterpret_cast<sockaddr const *>(&addr), sizeof addr);
     if (rc < 0) {
+      int const bindErrno = errno;
       KOS_TRACE(8, "Bind error: " << rc);
+      errno = bindErrno;
       fperror("bind");
     }
     // A socket already cached for this name is replaced, not closed: each presence notification opens
@@ -232,7 +237,7 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     KOS_TRACE(8, "handleNsByName" << " closing netlink socket: " << sd);
     if (sd < 0) {
       std::cerr << "Failed(" << "sd >= 0" << ") " << " sd: " << sd << " ns name : " << name << std::endl;
-      VORN_ASSERT(sd >= 0);
+      VORN_ASSERT(!"sd >= 0");
     }
     platform.close(sd);
     kosm_->nsNetlinkSockFdDel(name);
@@ -251,6 +256,12 @@ void IntfStatusOperStatusSm::handleNsByName() {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName");
   if (!netNsCollection_) return;
   for (auto const & e : netNsCollection_->netNsByNameIter()) handleNsByName(e.key);
+}
+
+Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(
+    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir, Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir,
+    Vorn::Ptr<KernelOperStateManager> const & kosm, Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection) {
+  return new IntfStatusOperStatusSm(intfStatusDir, intfStatusLocalDir, kosm, netNsCollection);
 }
 
 }  // namespace KernelOperState

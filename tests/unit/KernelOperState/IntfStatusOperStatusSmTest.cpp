@@ -226,6 +226,39 @@ TEST_F(OperStateSmTest, SocketFailureInANamedNamespaceIsReportedAndSkipped) {
   EXPECT_EQ(fake.count(Kind::bind), 0u);
 }
 
+// A trace sink that writes nowhere and leaves errno changed, as a full disk would.
+class ErrnoClobberingSink : public Brisklog::Sink {
+ public:
+  ErrnoClobberingSink() : previous_(Brisklog::sink()) { Brisklog::sinkIs(this); }
+  ~ErrnoClobberingSink() override { Brisklog::sinkIs(previous_); }
+  void lineIs(Brisklog::Line const &) override { errno = ENOSPC; }
+
+ private:
+  Brisklog::Sink * previous_;
+};
+
+TEST_F(OperStateSmTest, ErrnoOfAFailedSocketSurvivesTheTracesBeforePerror) {
+  auto sm = start();
+  ErrnoClobberingSink sink;
+  fake.failNext(Kind::socketAt, ENOENT);
+  testing::internal::CaptureStderr();
+  netNs->namespaceIs(NamespaceName("blue"), 10);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("socket: ") + strerror(ENOENT) + "\n");
+  fake.failNext(Kind::socketAt, ENOENT);
+  testing::internal::CaptureStderr();
+  kosm->doSetOperStateInNs("et1", Interface::intfOperUp, NamespaceName("red"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("socket: ") + strerror(ENOENT) + "\n");
+}
+
+TEST_F(OperStateSmTest, FactoryFormBuildsAStartedStateMachine) {
+  netNs->namespaceIs(NamespaceName("default"), 1);
+  dir->intfStatusIs(status("Ethernet1", "et1", Interface::intfOperUp));
+  auto sm = KernelOperState::IntfStatusOperStatusSmIs(dir, localDir, kosm, netNs);
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_EQ(sm->kosm(), kosm);
+  EXPECT_EQ(fake.operStateRequests().size(), 1u);
+}
+
 TEST_F(OperStateSmTest, RootReusesTheStateMachineOnlyForTheSameFourInputs) {
   netNs->namespaceIs(NamespaceName("default"), 1);
   auto st = status("Ethernet1", "et1", Interface::intfOperUp);
@@ -307,12 +340,26 @@ TEST_F(OperStateSmDeathTest, FatalPaths) {
         netNs->namespaceIs(NamespaceName("blue"), 2);
       },
       testing::ExitedWithCode(1), "^bind: ");
+  EXPECT_EXIT(
+      {
+        ErrnoClobberingSink sink;
+        fake.failNext(Kind::bind, EACCES);
+        netNs->namespaceIs(NamespaceName("green"), 3);
+      },
+      testing::ExitedWithCode(1), "^bind: Permission denied");
+  EXPECT_EXIT(
+      {
+        ErrnoClobberingSink sink;
+        fake.failNext(Kind::bind, EACCES);
+        kosm->doSetOperStateInNs("et1", Interface::intfOperUp, NamespaceName("red"));
+      },
+      testing::ExitedWithCode(1), "^bind: Permission denied");
   EXPECT_DEATH(
       {
         kosm->nsNetlinkSockFdIs(NamespaceName("gone"), -5);
         netNs->netNsByNameNotify(NamespaceName("gone"));
       },
-      "Failed\\(sd >= 0\\)  sd: -5 ns name : gone\n(.|\n)*assertion \"sd >= 0\" failed");
+      "Failed\\(sd >= 0\\)  sd: -5 ns name : gone\n(.|\n)*assertion \"!\"sd >= 0\"\" failed");
 }
 
 TEST_F(OperStateSmDeathTest, SyncWithoutDirectoriesIsAProgramError) {
