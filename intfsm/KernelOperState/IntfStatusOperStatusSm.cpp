@@ -259,8 +259,9 @@ void IntfStatusOperStatusSm::handleNsByName() {
 }
 
 Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(
-    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir, Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir,
-    Vorn::Ptr<KernelOperStateManager> const & kosm, Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection) {
+    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir,
+    Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir, Vorn::Ptr<KernelOperStateManager> const & kosm,
+    Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection) {
   return new IntfStatusOperStatusSm(intfStatusDir, intfStatusLocalDir, kosm, netNsCollection);
 }
 

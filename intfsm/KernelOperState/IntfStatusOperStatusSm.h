@@ -131,7 +131,8 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
 
 // A new state machine over the four inputs, started (the factory form through which an owner creates one).
 Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(
-    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir, Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir,
-    Vorn::Ptr<KernelOperStateManager> const & kosm, Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection);
+    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir,
+    Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir, Vorn::Ptr<KernelOperStateManager> const & kosm,
+    Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection);
 
 }  // namespace KernelOperState
