@@ -86,7 +86,6 @@ class Reactor : public Base {
 
   // Calls a handler of the reactor's own (a member of the derived class); nothing for a zombie.
   template <class D, class... P, class... A>
-    requires std::is_invocable_v<void (D::*)(P...), D *, A...>
   void run(void (D::*handler)(P...), A &&... args) {
     static_assert(std::is_base_of_v<Reactor, D>);
     if (this->vornMarkedForDeletion()) return;
