@@ -3,6 +3,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
 
@@ -22,105 +23,43 @@ Intfsm::TypeRegistration registration("KernelOperState::IntfStatusOperStatusSm",
                                      "intfStatusLocal", "initialized", "handleNsByName", "doSyncIntfStatus"});
 }  // namespace
 
-// ---- nested reactors on the three inputs ---------------------------------------------------------
+// ---- nested reactors ----------------------------------------------------------------------------
 
-class IntfStatusOperStatusSm::VornIntfStatusDir : public IntfStatusDir::NotifieeConst {
+class IntfStatusOperStatusSm::VornIntfStatusDir : public Vorn::Reactor<IntfStatusOperStatusSm, IntfStatusDir> {
  public:
-  VornIntfStatusDir(Vorn::Ptr<IntfStatusDir const> const & dir, IntfStatusOperStatusSm * owner) : owner_(owner) {
-    notifierIs(dir);
-  }
-  void onIntfStatus(Ovel::IntfId const & id) override {
-    if (vornMarkedForDeletion()) return;
-    owner_->handleIntfStatus(id);
-  }
-  void onIntfStatusvornImmediate() override {
-    if (vornMarkedForDeletion()) return;
-    owner_->handleIntfStatus();
-  }
-
- private:
-  IntfStatusOperStatusSm * owner_;
+  using Reactor::Reactor;
+  void onIntfStatus(Ovel::IntfId const & id) override { forward(&IntfStatusOperStatusSm::handleIntfStatus, id); }
+  void onIntfStatusvornImmediate() override { forward(&IntfStatusOperStatusSm::handleIntfStatus); }
 };
 
-class IntfStatusOperStatusSm::VornIntfStatusLocalDir : public IntfStatusLocalDir::NotifieeConst {
+class IntfStatusOperStatusSm::VornIntfStatusLocalDir
+    : public Vorn::Reactor<IntfStatusOperStatusSm, IntfStatusLocalDir> {
  public:
-  VornIntfStatusLocalDir(Vorn::Ptr<IntfStatusLocalDir const> const & dir, IntfStatusOperStatusSm * owner)
-      : owner_(owner) {
-    notifierIs(dir);
-  }
+  using Reactor::Reactor;
   void onIntfStatusLocal(Ovel::IntfId const & id) override {
-    if (vornMarkedForDeletion()) return;
-    owner_->handleIntfStatusLocal(id);
+    forward(&IntfStatusOperStatusSm::handleIntfStatusLocal, id);
   }
-  void onIntfStatusLocalvornImmediate() override {
-    if (vornMarkedForDeletion()) return;
-    owner_->handleIntfStatusLocal();
-  }
-
- private:
-  IntfStatusOperStatusSm * owner_;
+  void onIntfStatusLocalvornImmediate() override { forward(&IntfStatusOperStatusSm::handleIntfStatusLocal); }
 };
 
-class IntfStatusOperStatusSm::VornNetNsCollection : public KernelNetNsInfo::Root::NotifieeConst {
+class IntfStatusOperStatusSm::VornNetNsCollection
+    : public Vorn::Reactor<IntfStatusOperStatusSm, KernelNetNsInfo::Root> {
  public:
-  VornNetNsCollection(Vorn::Ptr<KernelNetNsInfo::Root const> const & root, IntfStatusOperStatusSm * owner)
-      : owner_(owner) {
-    notifierIs(root);
-  }
+  using Reactor::Reactor;
   void onNetNsByName(Ovel::NamespaceName const & name) override {
-    if (vornMarkedForDeletion()) return;
-    owner_->handleNsByName(name);
+    forward(&IntfStatusOperStatusSm::handleNsByName, name);
   }
-  void onNetNsByNamevornImmediate() override {
-    if (vornMarkedForDeletion()) return;
-    // Before the start-up sync has run, that sync opens the sockets; doing it here as well would open
-    // a second socket per namespace and lose the first.
-    if (owner_->initialized()) owner_->handleNsByName();
-  }
-
- private:
-  IntfStatusOperStatusSm * owner_;
+  void onNetNsByNamevornImmediate() override { forward(&IntfStatusOperStatusSm::handleNsByNameOnBind); }
 };
-
-// ---- per-interface reactors ----------------------------------------------------------------------
-
-IntfStatusOperStatusSm::VornIntfStatus::VornIntfStatus(Vorn::Ptr<Interface::IntfStatus const> const & status,
-                                                       IntfStatusOperStatusSm * owner)
-    : owner_(owner), intfId_(status->intfId()) {
-  notifierIs(status);
-  handleOperStatusOrDeviceName();
-}
-
-void IntfStatusOperStatusSm::VornIntfStatus::onOperStatus() {
-  if (vornMarkedForDeletion()) return;
-  handleOperStatusOrDeviceName();
-}
-
-void IntfStatusOperStatusSm::VornIntfStatus::onDeviceName() {
-  if (vornMarkedForDeletion()) return;
-  handleOperStatusOrDeviceName();
-}
 
 void IntfStatusOperStatusSm::VornIntfStatus::handleOperStatusOrDeviceName() {
   KOS_TRACE(8, "handleOperStatusOrDeviceName" << "( " << intfId_ << " )");
-  owner_->doSyncIfInitialized(intfId_);
-}
-
-IntfStatusOperStatusSm::VornIntfStatusLocal::VornIntfStatusLocal(
-    Vorn::Ptr<Interface::IntfStatusLocal const> const & status, IntfStatusOperStatusSm * owner)
-    : owner_(owner), intfId_(status->intfId()) {
-  notifierIs(status);
-  handleNetNsName();
-}
-
-void IntfStatusOperStatusSm::VornIntfStatusLocal::onNetNsName() {
-  if (vornMarkedForDeletion()) return;
-  handleNetNsName();
+  owner()->doSyncIfInitialized(intfId_);
 }
 
 void IntfStatusOperStatusSm::VornIntfStatusLocal::handleNetNsName() {
   KOS_TRACE(8, "handleNetNsName" << "( " << intfId_ << " )");
-  owner_->doSyncIfInitialized(intfId_);
+  owner()->doSyncIfInitialized(intfId_);
 }
 
 // ---- the state machine ---------------------------------------------------------------------------
@@ -134,9 +73,11 @@ IntfStatusOperStatusSm::IntfStatusOperStatusSm(Vorn::Ptr<IntfStatusDir const> co
       kosm_(kosm),
       netNsCollection_(netNsCollection) {
   // Binding a directory reactor reconciles the per-interface reactors with what the directory holds.
-  if (intfStatusDir_) intfStatusDirReactor_ = new VornIntfStatusDir(intfStatusDir_, this);
-  if (intfStatusLocalDir_) intfStatusLocalDirReactor_ = new VornIntfStatusLocalDir(intfStatusLocalDir_, this);
-  if (netNsCollection_) netNsCollectionReactor_ = new VornNetNsCollection(netNsCollection_, this);
+  if (intfStatusDir_) intfStatusDirReactor_ = Vorn::reactorNew<VornIntfStatusDir>(this, intfStatusDir_);
+  if (intfStatusLocalDir_) {
+    intfStatusLocalDirReactor_ = Vorn::reactorNew<VornIntfStatusLocalDir>(this, intfStatusLocalDir_);
+  }
+  if (netNsCollection_) netNsCollectionReactor_ = Vorn::reactorNew<VornNetNsCollection>(this, netNsCollection_);
   handleIntfStatus();
   handleIntfStatusLocal();
   handleInitialized();
@@ -144,13 +85,13 @@ IntfStatusOperStatusSm::IntfStatusOperStatusSm(Vorn::Ptr<IntfStatusDir const> co
 
 IntfStatusOperStatusSm::~IntfStatusOperStatusSm() {
   vornDoZombieReactors(true);
-  while (Ovel::IntfId const * key = intfStatus_.anyKey()) intfStatus_.del(Ovel::IntfId(*key));
-  while (Ovel::IntfId const * key = intfStatusLocal_.anyKey()) intfStatusLocal_.del(Ovel::IntfId(*key));
+  intfStatus_.delAll();
+  intfStatusLocal_.delAll();
 }
 
 void IntfStatusOperStatusSm::vornDoZombieReactors(bool zombie) {
-  for (auto const & e : intfStatus_) e.value->vornZombieIs(zombie);
-  for (auto const & e : intfStatusLocal_) e.value->vornZombieIs(zombie);
+  intfStatus_.zombieIs(zombie);
+  intfStatusLocal_.zombieIs(zombie);
   if (intfStatusDirReactor_) intfStatusDirReactor_->vornZombieIs(zombie);
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->vornZombieIs(zombie);
   if (netNsCollectionReactor_) netNsCollectionReactor_->vornZombieIs(zombie);
@@ -159,32 +100,11 @@ void IntfStatusOperStatusSm::vornDoZombieReactors(bool zombie) {
 void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
   if (notificationActive_ == active) return;
   notificationActive_ = active;
-  for (auto const & e : intfStatus_) e.value->hasNotificationActiveIs(active);
-  for (auto const & e : intfStatusLocal_) e.value->hasNotificationActiveIs(active);
+  intfStatus_.notificationActiveIs(active);
+  intfStatusLocal_.notificationActiveIs(active);
   if (intfStatusDirReactor_) intfStatusDirReactor_->hasNotificationActiveIs(active);
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->hasNotificationActiveIs(active);
   if (netNsCollectionReactor_) netNsCollectionReactor_->hasNotificationActiveIs(active);
-}
-
-// The reactor of `status`'s interface in `reactors`: created for a new interface, rebound when the
-// directory holds another entity for it. Creating and rebinding both run the reactor's handler.
-template <class Reactor, class Entity, class N>
-Vorn::Ptr<Reactor> IntfStatusOperStatusSm::reactorIs(Vorn::Collection<Ovel::IntfId, Vorn::Ptr<Reactor>> & reactors,
-                                                     Vorn::Ptr<Entity const> const & status,
-                                                     void (Reactor::*handler)(),
-                                                     void (N::*callback)(Ovel::IntfId const &)) {
-  Ovel::IntfId const id = status->intfId();
-  Vorn::Ptr<Reactor> reactor = reactors.get(id);
-  if (reactor) {
-    if (reactor->notifier() == status) return reactor;
-    reactor->notifierIs(status);
-    (reactor.ptr()->*handler)();
-    return reactor;
-  }
-  reactor = new Reactor(status, this);
-  reactor->hasNotificationActiveIs(notificationActive_);
-  setEntry(reactors, id, reactor, callback);
-  return reactor;
 }
 
 void IntfStatusOperStatusSm::doSyncIfInitialized(Ovel::IntfId const & intfId) {
@@ -200,11 +120,14 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatus> IntfStatusOperStatusSm::intfSt
   if (!status) {
     throw Vorn::RangeException(Vorn::nullParameterText("intfStatus", "KernelOperState::IntfStatusOperStatusSm"));
   }
-  return reactorIs(intfStatus_, status, &VornIntfStatus::handleOperStatusOrDeviceName, &NotifieeConst::onIntfStatus);
+  Ovel::IntfId const id = status->intfId();
+  intfStatusReconciled(id, intfStatus_.reconcileKey(this, id, status));
+  return intfStatus_.reactor(id);
 }
 
 void IntfStatusOperStatusSm::intfStatusDel(Ovel::IntfId const & id) {
-  delEntry(intfStatus_, id, &NotifieeConst::onIntfStatus);
+  Ovel::IntfId const key = id;  // may be the key of the entry being removed
+  if (intfStatus_.del(key)) notify(&NotifieeConst::onIntfStatus, key);
 }
 
 Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::intfStatusLocalIs(
@@ -213,47 +136,48 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::i
     throw Vorn::RangeException(
         Vorn::nullParameterText("intfStatusLocal", "KernelOperState::IntfStatusOperStatusSm"));
   }
-  return reactorIs(intfStatusLocal_, status, &VornIntfStatusLocal::handleNetNsName,
-                   &NotifieeConst::onIntfStatusLocal);
+  Ovel::IntfId const id = status->intfId();
+  intfStatusLocalReconciled(id, intfStatusLocal_.reconcileKey(this, id, status));
+  return intfStatusLocal_.reactor(id);
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalDel(Ovel::IntfId const & id) {
-  delEntry(intfStatusLocal_, id, &NotifieeConst::onIntfStatusLocal);
+  Ovel::IntfId const key = id;
+  if (intfStatusLocal_.del(key)) notify(&NotifieeConst::onIntfStatusLocal, key);
+}
+
+// A reactor created or deleted is a change of the collection; a rebound one is not.
+void IntfStatusOperStatusSm::intfStatusReconciled(Ovel::IntfId const & id, Change change) {
+  if (change == Change::created || change == Change::deleted) notify(&NotifieeConst::onIntfStatus, id);
+}
+
+void IntfStatusOperStatusSm::intfStatusLocalReconciled(Ovel::IntfId const & id, Change change) {
+  if (change == Change::created || change == Change::deleted) notify(&NotifieeConst::onIntfStatusLocal, id);
 }
 
 void IntfStatusOperStatusSm::handleIntfStatus(Ovel::IntfId const & intfId) {
   Vorn::Ptr<Interface::IntfStatus const> status = intfStatusDir_ ? intfStatusDir_->intfStatus(intfId) : nullptr;
-  if (status) {
-    intfStatusIs(status);
-  } else {
-    intfStatusDel(intfId);
-  }
+  intfStatusReconciled(intfId, intfStatus_.reconcileKey(this, intfId, status));
 }
 
 void IntfStatusOperStatusSm::handleIntfStatus() {
   if (!intfStatusDir_) return;
-  for (auto const & e : intfStatusDir_->intfStatusIter()) intfStatusIs(e.value);
-  for (auto const & e : intfStatus_) {
-    if (!intfStatusDir_->intfStatus(e.key)) intfStatusDel(e.key);
-  }
+  intfStatus_.reconcile(
+      this, intfStatusDir_->intfStatusIter(), [](auto const & status) { return status; },
+      [this](Ovel::IntfId const & id, Change change) { intfStatusReconciled(id, change); });
 }
 
 void IntfStatusOperStatusSm::handleIntfStatusLocal(Ovel::IntfId const & intfId) {
   Vorn::Ptr<Interface::IntfStatusLocal const> status =
       intfStatusLocalDir_ ? intfStatusLocalDir_->intfStatusLocal(intfId) : nullptr;
-  if (status) {
-    intfStatusLocalIs(status);
-  } else {
-    intfStatusLocalDel(intfId);
-  }
+  intfStatusLocalReconciled(intfId, intfStatusLocal_.reconcileKey(this, intfId, status));
 }
 
 void IntfStatusOperStatusSm::handleIntfStatusLocal() {
   if (!intfStatusLocalDir_) return;
-  for (auto const & e : intfStatusLocalDir_->intfStatusLocalIter()) intfStatusLocalIs(e.value);
-  for (auto const & e : intfStatusLocal_) {
-    if (!intfStatusLocalDir_->intfStatusLocal(e.key)) intfStatusLocalDel(e.key);
-  }
+  intfStatusLocal_.reconcile(
+      this, intfStatusLocalDir_->intfStatusLocalIter(), [](auto const & status) { return status; },
+      [this](Ovel::IntfId const & id, Change change) { intfStatusLocalReconciled(id, change); });
 }
 
 void IntfStatusOperStatusSm::handleInitialized() {
@@ -285,8 +209,10 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
     int sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, name.charPtr());
+    int const socketErrno = errno;  // a trace may write, and change errno, before perror reads it
     KOS_TRACE(8, "created netlink socket. Sd: " << sd);
     if (sd < 0) {
+      errno = socketErrno;
       if (name.isDefault()) fperror("socket");
       perror("socket");
       return;
@@ -296,7 +222,9 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     KOS_TRACE(8, "Binding to socket. Sd: " << sd);
     int rc = platform.bind(sd, reinterpret_cast<sockaddr const *>(&addr), sizeof addr);
     if (rc < 0) {
+      int const bindErrno = errno;
       KOS_TRACE(8, "Bind error: " << rc);
+      errno = bindErrno;
       fperror("bind");
     }
     // A socket already cached for this name is replaced, not closed: each presence notification opens
@@ -309,7 +237,7 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     KOS_TRACE(8, "handleNsByName" << " closing netlink socket: " << sd);
     if (sd < 0) {
       std::cerr << "Failed(" << "sd >= 0" << ") " << " sd: " << sd << " ns name : " << name << std::endl;
-      VORN_ASSERT(sd >= 0);
+      VORN_ASSERT(!"sd >= 0");
     }
     platform.close(sd);
     kosm_->nsNetlinkSockFdDel(name);
@@ -318,10 +246,23 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   }
 }
 
+// Before the start-up sync has run, that sync opens the sockets; doing it on binding as well would open
+// a second socket per namespace and lose the first.
+void IntfStatusOperStatusSm::handleNsByNameOnBind() {
+  if (initialized_) handleNsByName();
+}
+
 void IntfStatusOperStatusSm::handleNsByName() {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName");
   if (!netNsCollection_) return;
   for (auto const & e : netNsCollection_->netNsByNameIter()) handleNsByName(e.key);
+}
+
+Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(
+    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir,
+    Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir, Vorn::Ptr<KernelOperStateManager> const & kosm,
+    Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection) {
+  return new IntfStatusOperStatusSm(intfStatusDir, intfStatusLocalDir, kosm, netNsCollection);
 }
 
 }  // namespace KernelOperState

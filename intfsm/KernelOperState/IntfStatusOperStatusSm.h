@@ -7,14 +7,20 @@
 // A namespace that appears gets a fresh cached netlink socket in the manager; one that disappears has
 // its cached socket closed and removed.
 //
-// Created (by the oper-state root) with all four inputs; construction ends with the start-up sync.
+// Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
+// with the start-up sync.
+//
+// Threading: one event-loop thread runs every handler to completion; nothing is locked, so the inputs
+// are changed only from that thread. Lifetime: each nested reactor holds a reference (Ptr) to the
+// entity it watches, so a watched directory or status lives while it is watched; the state machine
+// holds its four inputs, and its destructor zombies its reactors before it empties their collections.
 #pragma once
 
 #include "intfsm/KernelOperState/IntfStatusDir.h"
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
 #include "intfsm/foundation/kernel/KernelNetNsInfo.h"
-#include "intfsm/foundation/vorn/Collection.h"
 #include "intfsm/foundation/vorn/Notifier.h"
+#include "intfsm/foundation/vorn/Reactor.h"
 
 namespace KernelOperState {
 
@@ -28,29 +34,28 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   };
 
   // Watches one interface's status: operStatus and deviceName.
-  class VornIntfStatus : public Interface::IntfStatus::NotifieeConst {
+  class VornIntfStatus : public Vorn::Reactor<IntfStatusOperStatusSm, Interface::IntfStatus> {
    public:
-    VornIntfStatus(Vorn::Ptr<Interface::IntfStatus const> const & status, IntfStatusOperStatusSm * owner);
+    VornIntfStatus(IntfStatusOperStatusSm * owner, Ovel::IntfId const & intfId) : Reactor(owner), intfId_(intfId) {}
     Ovel::IntfId const & intfId() const { return intfId_; }
-    void onOperStatus() override;
-    void onDeviceName() override;
+    void onOperStatus() override { run(&VornIntfStatus::handleOperStatusOrDeviceName); }
+    void onDeviceName() override { run(&VornIntfStatus::handleOperStatusOrDeviceName); }
     void handleOperStatusOrDeviceName();
 
    private:
-    IntfStatusOperStatusSm * owner_;  // the owner outlives its reactors (zombied first on destruction)
     Ovel::IntfId intfId_;
   };
 
   // Watches one interface's local status: netNsName.
-  class VornIntfStatusLocal : public Interface::IntfStatusLocal::NotifieeConst {
+  class VornIntfStatusLocal : public Vorn::Reactor<IntfStatusOperStatusSm, Interface::IntfStatusLocal> {
    public:
-    VornIntfStatusLocal(Vorn::Ptr<Interface::IntfStatusLocal const> const & status, IntfStatusOperStatusSm * owner);
+    VornIntfStatusLocal(IntfStatusOperStatusSm * owner, Ovel::IntfId const & intfId)
+        : Reactor(owner), intfId_(intfId) {}
     Ovel::IntfId const & intfId() const { return intfId_; }
-    void onNetNsName() override;
+    void onNetNsName() override { run(&VornIntfStatusLocal::handleNetNsName); }
     void handleNetNsName();
 
    private:
-    IntfStatusOperStatusSm * owner_;
     Ovel::IntfId intfId_;
   };
 
@@ -66,12 +71,15 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection() const { return netNsCollection_; }
   bool initialized() const { return initialized_; }
 
-  // The per-interface reactors.
-  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return intfStatus_.get(id); }
+  // The per-interface reactors. One removed from its collection is retired at once (unbound, marked for
+  // deletion): a reference held elsewhere keeps a reactor that nothing calls.
+  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return intfStatus_.reactor(id); }
   uint32_t intfStatuss() const { return intfStatus_.size(); }
   Vorn::Ptr<VornIntfStatus> intfStatusIs(Vorn::Ptr<Interface::IntfStatus const> const & status);
   void intfStatusDel(Ovel::IntfId const & id);
-  Vorn::Ptr<VornIntfStatusLocal> intfStatusLocal(Ovel::IntfId const & id) const { return intfStatusLocal_.get(id); }
+  Vorn::Ptr<VornIntfStatusLocal> intfStatusLocal(Ovel::IntfId const & id) const {
+    return intfStatusLocal_.reactor(id);
+  }
   uint32_t intfStatusLocals() const { return intfStatusLocal_.size(); }
   Vorn::Ptr<VornIntfStatusLocal> intfStatusLocalIs(Vorn::Ptr<Interface::IntfStatusLocal const> const & status);
   void intfStatusLocalDel(Ovel::IntfId const & id);
@@ -98,24 +106,33 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   class VornIntfStatusLocalDir;
   class VornNetNsCollection;
 
-  template <class Reactor, class Entity, class N>
-  Vorn::Ptr<Reactor> reactorIs(Vorn::Collection<Ovel::IntfId, Vorn::Ptr<Reactor>> & reactors,
-                               Vorn::Ptr<Entity const> const & status, void (Reactor::*handler)(),
-                               void (N::*callback)(Ovel::IntfId const &));
+  using Change = Vorn::ReactorChange;
+
   // The per-interface handlers' common end: sync once the start-up sync has run.
   void doSyncIfInitialized(Ovel::IntfId const & intfId);
+  void handleNsByNameOnBind();
+  // Notifies this machine's own watchers of a per-interface reactor created or deleted.
+  void intfStatusReconciled(Ovel::IntfId const & id, Change change);
+  void intfStatusLocalReconciled(Ovel::IntfId const & id, Change change);
 
   Vorn::Ptr<IntfStatusDir const> intfStatusDir_;
   Vorn::Ptr<IntfStatusLocalDir const> intfStatusLocalDir_;
   Vorn::Ptr<KernelOperStateManager> kosm_;
   Vorn::Ptr<KernelNetNsInfo::Root const> netNsCollection_;
-  Vorn::Collection<Ovel::IntfId, Vorn::Ptr<VornIntfStatus>> intfStatus_;
-  Vorn::Collection<Ovel::IntfId, Vorn::Ptr<VornIntfStatusLocal>> intfStatusLocal_;
+  // Creating or rebinding a per-interface reactor runs its handler at once.
+  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatus> intfStatus_{&VornIntfStatus::handleOperStatusOrDeviceName};
+  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatusLocal> intfStatusLocal_{&VornIntfStatusLocal::handleNetNsName};
   bool initialized_ = false;
   bool notificationActive_ = true;
   Vorn::Ptr<VornIntfStatusDir> intfStatusDirReactor_;
   Vorn::Ptr<VornIntfStatusLocalDir> intfStatusLocalDirReactor_;
   Vorn::Ptr<VornNetNsCollection> netNsCollectionReactor_;
 };
+
+// A new state machine over the four inputs, started (the factory form through which an owner creates one).
+Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(
+    Vorn::Ptr<IntfStatusDir const> const & intfStatusDir,
+    Vorn::Ptr<IntfStatusLocalDir const> const & intfStatusLocalDir, Vorn::Ptr<KernelOperStateManager> const & kosm,
+    Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection);
 
 }  // namespace KernelOperState

@@ -4,6 +4,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -68,16 +69,19 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   Platform::Calls & platform = Platform::calls();
   int sd;
   bool localSocket = false;
+  int socketErrno = 0;  // a trace may write, and change errno, before perror reads it
   if (int32_t const * cached = nsNetlinkSockFd_.find(nsName)) {
     sd = *cached;
   } else {
     KOS_TRACE(5, "creating local netlink socket");
     sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, nsName.charPtr());
+    socketErrno = errno;
     localSocket = true;
   }
   KOS_TRACE(8, "doSetOperStateInNs" << " sd: " << sd);
   if (sd < 0) {
     VORN_ASSERT(localSocket == true);
+    errno = socketErrno;
     if (nsName.isDefault()) fperror("socket");
     perror("socket");
     return;
@@ -87,7 +91,9 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
     addr.nl_family = AF_NETLINK;
     int rc = platform.bind(sd, reinterpret_cast<sockaddr const *>(&addr), sizeof addr);
     if (rc < 0) {
+      int const bindErrno = errno;
       KOS_TRACE(8, "Bind error: " << rc);
+      errno = bindErrno;
       fperror("bind");
     }
   }

@@ -5,6 +5,9 @@
 // machine fills and empties that cache as namespaces come and go, and closes what it removes. A
 // request for a namespace without a cached socket opens, binds and closes a short-lived one.
 //
+// Threading: called from the loop's one thread only; the cache is not locked. A notifiee bound to the
+// manager (the cache notifications) holds a reference (Ptr) to it and keeps it alive.
+//
 //   Vorn::Ptr<KernelOperStateManager> kosm = new KernelOperStateManager;
 //   kosm->doSetOperStateInNs("veth0", Interface::IntfOperStatus::intfOperUp, Ovel::NamespaceName("blue"));
 //

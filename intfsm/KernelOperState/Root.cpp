@@ -113,7 +113,7 @@ Vorn::Ptr<IntfStatusOperStatusSm> Root::intfStatusOperStatusSmIs(
     return sm;
   }
   Vorn::Ptr<IntfStatusOperStatusSm> created =
-      new IntfStatusOperStatusSm(intfStatusDir, intfStatusLocalDir, kosm, netNsCollection);
+      IntfStatusOperStatusSmIs(intfStatusDir, intfStatusLocalDir, kosm, netNsCollection);
   created->hasNotificationActiveIs(true);
   intfStatusOperStatusSm_ = created;
   notify(&NotifieeConst::onIntfStatusOperStatusSm);

@@ -13,6 +13,10 @@
 //
 // From then on the agent mirrors its interface statuses into the two directories, and runs its event
 // loop (the namespace manager follows namespaces on it).
+//
+// Threading: everything, the agent's calls included, happens on the loop's one thread; nothing is
+// locked. Lifetime: the root holds its children; a child's reactors hold (Ptr) what they watch, so the
+// state machine keeps the manager and the directories alive after the root lets them go.
 #pragma once
 
 #include "intfsm/KernelOperState/IntfStatusDir.h"

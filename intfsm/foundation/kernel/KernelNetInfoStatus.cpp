@@ -15,6 +15,7 @@
 #include "intfsm/foundation/kernel/internal/Trace.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
+#include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
 
 namespace KernelNetInfo {
@@ -29,25 +30,19 @@ char const * familyText(int type) { return type == RTM_DELLINK ? "RTM_DELLINK" :
 
 }  // namespace
 
-class Status::VornFileDesc : public Vorn::FileDescriptor::NotifieeConst {
+class Status::VornFileDesc : public Vorn::Reactor<Status, Vorn::FileDescriptor> {
  public:
-  VornFileDesc(Vorn::Ptr<Vorn::FileDescriptor> const & fd, Status * owner) : owner_(owner) { notifierIs(fd); }
-  void onReadableCount() override { owner_->handleReadable(); }
+  using Reactor::Reactor;
+  void onReadableCount() override { forward(&Status::handleReadable); }
   // A pending socket error alone (ENOBUFS with nothing queued) is reported as an exception; reading
   // collects it, and the loop would otherwise report it on every pass.
-  void onExceptionPendingCount() override { owner_->handleReadable(); }
-
- private:
-  Status * owner_;  // the status outlives its reactors (dropped first when it closes)
+  void onExceptionPendingCount() override { forward(&Status::handleReadable); }
 };
 
-class Status::VornClock : public Vorn::Clock::NotifieeConst {
+class Status::VornClock : public Vorn::Reactor<Status, Vorn::Clock> {
  public:
-  explicit VornClock(Status * owner) : owner_(owner) {}
-  void onTimeMin() override { owner_->handleRedumpTime(); }
-
- private:
-  Status * owner_;
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&Status::handleRedumpTime); }
 };
 
 Vorn::Ptr<Status> Status::statusNew(Vorn::Name const & name, Ovel::NamespaceName const & netNs,
@@ -68,8 +63,7 @@ Status::Status(Vorn::Name const & name, Ovel::NamespaceName const & netNs, Vorn:
       loop_(loop),
       buffer_(receiveBufferBytes),
       seq_(0) {
-  clockReactor_ = new VornClock(this);
-  clockReactor_->notifierIs(loop_.clock());
+  clockReactor_ = Vorn::reactorNew<VornClock>(this, loop_.clock());
 }
 
 Status::~Status() {
@@ -135,7 +129,7 @@ void Status::open() {
   } catch (Vorn::ErrnoException const & e) {
     fail("watch", e.errorNumber());
   }
-  fdReactor_ = new VornFileDesc(fd_, this);
+  fdReactor_ = Vorn::reactorNew<VornFileDesc>(this, fd_);
 
   if (!startDump()) fail("sendto", errno);
 }

@@ -14,6 +14,7 @@
 
 #include "intfsm/foundation/kernel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
 
 namespace KernelNetNsInfo {
@@ -37,22 +38,16 @@ uint32_t ownNamespaceNumber() {
 
 }  // namespace
 
-class Manager::VornFileDesc : public Vorn::FileDescriptor::NotifieeConst {
+class Manager::VornFileDesc : public Vorn::Reactor<Manager, Vorn::FileDescriptor> {
  public:
-  VornFileDesc(Vorn::Ptr<Vorn::FileDescriptor> const & fd, Manager * owner) : owner_(owner) { notifierIs(fd); }
-  void onReadableCount() override { owner_->handleReadable(); }
-
- private:
-  Manager * owner_;  // the manager outlives its reactors (dropped first when it stops)
+  using Reactor::Reactor;
+  void onReadableCount() override { forward(&Manager::handleReadable); }
 };
 
-class Manager::VornClock : public Vorn::Clock::NotifieeConst {
+class Manager::VornClock : public Vorn::Reactor<Manager, Vorn::Clock> {
  public:
-  explicit VornClock(Manager * owner) : owner_(owner) {}
-  void onTimeMin() override { owner_->handlePendingMounts(); }
-
- private:
-  Manager * owner_;
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&Manager::handlePendingMounts); }
 };
 
 void reconcile(Root & root, std::vector<NamespaceEntry> const & namespaces) {
@@ -87,12 +82,12 @@ Manager::Manager(Vorn::Ptr<Root> const & root, Vorn::String const & directory, V
     parent_ = slash == 0 ? "/" : path.substr(0, slash);
     base_ = path.substr(slash + 1);
   }
-  clockReactor_ = new VornClock(this);
-  clockReactor_->notifierIs(loop_.clock());
+  clockReactor_ = Vorn::reactorNew<VornClock>(this, loop_.clock());
 }
 
 Manager::~Manager() {
   deactivate();
+  Vorn::reactorRetire(*clockReactor_);
   clockReactor_ = nullptr;
 }
 
@@ -136,7 +131,7 @@ void Manager::activate() {
     deactivate();
     throw Vorn::ErrnoException(e.errorNumber(), text.str());
   }
-  fdReactor_ = new VornFileDesc(fd_, this);
+  fdReactor_ = Vorn::reactorNew<VornFileDesc>(this, fd_);
 
   // The parent first: a directory created right after the look below is then still seen.
   parentWatch_ = ::inotify_add_watch(fd, parent_.c_str(), parentEvents);
@@ -150,7 +145,7 @@ void Manager::activate() {
 
 void Manager::deactivate() {
   if (fdReactor_) {
-    fdReactor_->notifierIs(nullptr);
+    Vorn::reactorRetire(*fdReactor_);
     fdReactor_ = nullptr;
   }
   // The loop must stop watching the descriptor before it is closed.

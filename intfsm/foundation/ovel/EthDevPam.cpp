@@ -17,6 +17,7 @@
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/ovel/internal/Trace.h"
 #include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/Reactor.h"
 
 namespace Ovel {
 
@@ -35,23 +36,13 @@ bool quietReadError(int error) { return error == EAGAIN || error == EWOULDBLOCK 
 
 }  // namespace
 
-// Turns readiness of the own socket into reads and writability into writableCount.
-class EthDevPam::VornFileDesc : public Vorn::FileDescriptor::NotifieeConst {
+// Turns readiness of the own socket into reads and writability into writableCount. The reader may
+// disable the Pam, which retires this reactor: forward() keeps it alive until the reader returns.
+class EthDevPam::VornFileDesc : public Vorn::Reactor<EthDevPam, Vorn::FileDescriptor> {
  public:
-  VornFileDesc(EthDevPam * owner, Vorn::Ptr<Vorn::FileDescriptor const> const & fileDesc) : owner_(owner) {
-    notifierIs(fileDesc);
-  }
-  void onReadableCount() override {
-    Vorn::Ptr<VornFileDesc> keep(this);  // the reader may disable the Pam, which drops this reactor
-    owner_->doGetRxPkt();
-  }
-  void onWritableCount() override {
-    Vorn::Ptr<VornFileDesc> keep(this);
-    owner_->handleWritable();
-  }
-
- private:
-  EthDevPam * owner_;  // the Pam zombies this reactor before it goes away
+  using Reactor::Reactor;
+  void onReadableCount() override { forward(&EthDevPam::doGetRxPkt); }
+  void onWritableCount() override { forward(&EthDevPam::handleWritable); }
 };
 
 // The message headers of one bulk read, made once and kept while the read limit stays the same (also
@@ -197,14 +188,14 @@ void EthDevPam::doOpenSocket() {
   set(sd_, fd, &NotifieeConst::onSd);
   if (watch) {
     fileDesc_ = watch;
-    fileDescReactor_ = new VornFileDesc(this, watch);
+    fileDescReactor_ = Vorn::reactorNew<VornFileDesc>(this, watch);
     notify(&NotifieeConst::onFileDesc);
   }
 }
 
 void EthDevPam::doCloseSocket(bool notifying) {
   if (fileDescReactor_) {
-    fileDescReactor_->vornZombieIs(true);
+    Vorn::reactorRetire(*fileDescReactor_);
     fileDescReactor_ = nullptr;
   }
   if (fileDesc_) {

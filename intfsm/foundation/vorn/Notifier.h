@@ -30,7 +30,16 @@
 // - Notifiees may be registered, unregistered or destroyed during a dispatch: one removed is not called
 //   again; one added is first called by the next dispatch. The list is compacted when the outermost
 //   dispatch ends.
+// - A handler that throws ends the dispatch: the exception reaches the caller of the mutator (which has
+//   already stored the new value), and the notifiees after the thrower are not called for that change.
+//   The list stays sound: what was removed meanwhile is compacted as the outermost dispatch unwinds.
+// - A bound notifiee holds a reference (Ptr) to its notifier: the notifier lives at least as long as
+//   the binding, so an owner may drop its own reference while its reactors still watch.
 // - A notifier that dies with notifiees registered detaches them; they see a null notifier afterwards.
+//
+// Threading: everything runs on the one thread of the event loop. Nothing here is locked: notifiers,
+// notifiees and their lists are touched only from that thread (the reference count alone may be made
+// atomic, see threadSafePointers).
 #pragma once
 
 #include <cstdint>
@@ -146,6 +155,8 @@ class Notifier : public PtrInterface {
  public:
   // Registered notifiees, live ones only.
   uint32_t notifiees() const;
+  // Entries of the list, counting those removed during a dispatch and not compacted yet (diagnostics).
+  uint32_t notifieeSlots() const { return static_cast<uint32_t>(notifiees_.size()); }
 
  protected:
   Notifier() = default;
@@ -225,9 +236,19 @@ class Notifier : public PtrInterface {
 
   void attach(BaseNotifiee * notifiee) const;
   void detach(BaseNotifiee * notifiee) const;
-  void dispatchEnded() const {
-    if (--dispatchDepth_ == 0 && holes_) compact();
-  }
+  // One dispatch in progress, for as long as it lives: the depth comes down also when a handler throws.
+  class DispatchScope {
+   public:
+    explicit DispatchScope(Notifier const & notifier) : notifier_(notifier) { ++notifier_.dispatchDepth_; }
+    ~DispatchScope() {
+      if (--notifier_.dispatchDepth_ == 0 && notifier_.holes_) notifier_.compact();
+    }
+    DispatchScope(DispatchScope const &) = delete;
+    DispatchScope & operator=(DispatchScope const &) = delete;
+
+   private:
+    Notifier const & notifier_;
+  };
   void compact() const;
 
   mutable std::vector<BaseNotifiee *> notifiees_;
@@ -239,7 +260,7 @@ template <class N, class... P>
 void Notifier::dispatch(void (N::*callback)(P...), std::tuple<std::decay_t<P>...> const & args) const {
   // Keep this notifier alive through the dispatch: a handler may drop the last outside reference.
   Ptr<Notifier const> keep(references() ? this : nullptr);
-  ++dispatchDepth_;
+  DispatchScope const scope(*this);  // ends before `keep` lets go
   size_t const count = notifiees_.size();  // entries added during the dispatch wait for the next one
   for (size_t i = 0; i < count; ++i) {
     BaseNotifiee * n = notifiees_[i];
@@ -250,7 +271,6 @@ void Notifier::dispatch(void (N::*callback)(P...), std::tuple<std::decay_t<P>...
     }
     std::apply([n, callback](auto const &... a) { (static_cast<N *>(n)->*callback)(a...); }, args);
   }
-  dispatchEnded();
 }
 
 }  // namespace Vorn

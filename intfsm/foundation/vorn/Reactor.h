@@ -65,11 +65,23 @@ class Reactor : public Base {
 
  protected:
   // Calls the owner's `handler`; nothing for a zombie.
+  //
+  // A handler name that is overloaded (handleIntfStatus(id) beside handleIntfStatus()) is resolved by
+  // the arguments: the second form picks the overload whose parameters are the arguments' types taken
+  // by const reference, the usual shape of keyed handlers.
   template <class... P, class... A>
+    requires std::is_invocable_v<void (Owner::*)(P...), Owner *, A...>
   void forward(void (Owner::*handler)(P...), A &&... args) {
     if (this->vornMarkedForDeletion()) return;
     Ptr<Reactor> keep(this->references() ? this : nullptr);
     (owner_->*handler)(std::forward<A>(args)...);
+  }
+  template <class... A>
+    requires(sizeof...(A) > 0)
+  void forward(void (Owner::*handler)(A const &...), A const &... args) {
+    if (this->vornMarkedForDeletion()) return;
+    Ptr<Reactor> keep(this->references() ? this : nullptr);
+    (owner_->*handler)(args...);
   }
 
   // Calls a handler of the reactor's own (a member of the derived class); nothing for a zombie.
@@ -102,6 +114,10 @@ void reactorRetire(R & reactor) {
   reactor.notifierIs(nullptr);
 }
 
+// What ReactorCollection::reconcileKey did to the reactor of a key. One type for every collection, so
+// that an owner handles the changes of its collections alike.
+enum class ReactorChange { none, created, rebound, deleted };
+
 // Per-key reactors of one owner, kept in line with a watched directory: the reactor of a key watches the
 // entity that the directory holds for that key. R is a Reactor constructed from (Owner *, Key const &),
 // or from (Owner *) alone.
@@ -112,8 +128,7 @@ class ReactorCollection {
   using Watched = typename R::WatchedType;
   using Map = Collection<Key, Ptr<R>, Hash>;
 
-  // What reconcileKey did.
-  enum class Change { none, created, rebound, deleted };
+  using Change = ReactorChange;
 
   // `onBound`, a handler of R, runs at once whenever a reactor is created or rebound, so that it acts
   // on the entity it now watches without waiting for a change.

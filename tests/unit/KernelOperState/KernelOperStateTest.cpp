@@ -1,0 +1,361 @@
+// The kernel oper-state subsystem wired as an agent wires it, over the fake platform: what reaches the
+// kernel (requests, sockets, binds, closes) and what is traced for each change of the inputs, and how
+// failures end or spare the process.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <sstream>
+
+#include "intfsm/KernelOperState/Root.h"
+#include "intfsm/foundation/vorn/Exception.h"
+#include "tests/support/ModuleTest.h"
+#include "tests/support/ThrownText.h"
+
+namespace {
+
+using Interface::IntfOperStatus;
+using ::testing::ElementsAre;
+using Kind = IntfsmTest::FakePlatform::Kind;
+using Ovel::IntfId;
+using Ovel::NamespaceName;
+using Request = IntfsmTest::FakePlatform::OperStateRequest;
+using Sm = KernelOperState::IntfStatusOperStatusSm;
+
+class KernelOperStateTest : public IntfsmTest::ModuleTest {
+ protected:
+  KernelOperStateTest() : ModuleTest("KernelOperState") {}
+
+  Vorn::Ptr<KernelOperState::Root> root = KernelOperState::rootFactory("kos");
+  Vorn::Ptr<KernelOperState::IntfStatusDir> dir = root->intfStatusDirIs("intfStatus");
+  Vorn::Ptr<KernelOperState::IntfStatusLocalDir> localDir = root->intfStatusLocalDirIs("intfStatusLocal");
+  Vorn::Ptr<KernelNetNsInfo::Root> netNs = root->netNsCollectionIs("netNs");
+  Vorn::Ptr<KernelOperState::KernelOperStateManager> kosm = root->kosmIs();
+
+  static Vorn::Ptr<Interface::IntfStatus> status(char const * id, char const * device, IntfOperStatus s) {
+    auto st = Interface::intfStatusFactory(IntfId(id));
+    st->deviceNameIs(device);
+    st->operStatusIs(s);
+    return st;
+  }
+  static Vorn::Ptr<Interface::IntfStatusLocal> local(char const * id, char const * ns) {
+    auto l = Interface::intfStatusLocalFactory(IntfId(id));
+    l->netNsNameIs(NamespaceName(ns));
+    return l;
+  }
+  Vorn::Ptr<Sm> start() { return root->intfStatusOperStatusSmIs(dir, localDir, kosm, netNs); }
+  int cachedSd(char const * ns) const { return kosm->nsNetlinkSockFd(NamespaceName(ns)); }
+  std::string nsOfSocket(int sd) const {
+    for (auto const & c : fake.calls(Kind::socketAt)) {
+      if (c.result == sd) return c.text;
+    }
+    return "?";
+  }
+};
+
+// While it lives, traces go to stderr as "<level> <text>" and then leave errno changed, as a trace
+// file on a full disk would: what perror prints after a trace shows whether errno was kept.
+class ErrnoClobberingSink : public Brisklog::Sink {
+ public:
+  ErrnoClobberingSink() : previous_(Brisklog::sink()) { Brisklog::sinkIs(this); }
+  ~ErrnoClobberingSink() override { Brisklog::sinkIs(previous_); }
+  void lineIs(Brisklog::Line const & line) override {
+    std::fprintf(stderr, "%u %.*s\n", line.level, static_cast<int>(line.text.size()), line.text.data());
+    errno = ENOSPC;
+  }
+
+ private:
+  Brisklog::Sink * previous_;
+};
+
+TEST_F(KernelOperStateTest, ManagerSendsTheMappedStateOnTheNamespacesSocket) {
+  struct Case {
+    int status;
+    char const * device;
+    char const * ns;
+    bool cached;  // socket 77 is cached for `ns`
+    int sent;     // the kernel operstate sent; -1: nothing
+  } const cases[] = {
+      {0, "et1", "default", false, -1}, {1, "et1", "default", false, 6},  {2, "et1", "default", false, 5},
+      {3, "et1", "default", false, -1}, {4, "et1", "default", false, -1}, {5, "et1", "default", false, 5},
+      {6, "et1", "default", false, 5},  {7, "et1", "default", false, 5},  {8, "et1", "default", false, -1},
+      {1, "veth1", "blue", false, 6},   {7, "veth1", "blue", true, 5},    {1, "", "default", false, -1},
+      {1, "", "blue", true, -1},
+  };
+  for (auto const & c : cases) {
+    std::ostringstream status;
+    status << IntfOperStatus(c.status);
+    SCOPED_TRACE(status.str() + " " + c.device + " in " + c.ns + (c.cached ? " (cached)" : ""));
+    kosm->nsNetlinkSockFdDelAll();
+    if (c.cached) kosm->nsNetlinkSockFdIs(NamespaceName(c.ns), 77);
+    fake.clearCalls();
+    trace.clear();
+    kosm->doSetOperStateInNs(c.device, IntfOperStatus(c.status), NamespaceName(c.ns));
+
+    // A local socket: route netlink (16, 2, 0) in the namespace, bound with a kernel-chosen pid, closed.
+    auto opened = fake.calls(Kind::socketAt);
+    ASSERT_EQ(opened.size(), c.cached ? 0u : 1u);
+    int const sd = c.cached ? 77 : static_cast<int>(opened[0].result);
+    std::string traces = "8 doSetOperStateInNs( " + std::string(c.device) + ", " + status.str() + ", " + c.ns + " )\n";
+    if (!c.cached) {
+      EXPECT_EQ(std::tuple(opened[0].a, opened[0].b, opened[0].c, opened[0].text), std::tuple(16, 2, 0, c.ns));
+      ASSERT_EQ(fake.count(Kind::bind), 1u);
+      EXPECT_EQ(fake.calls(Kind::bind)[0].fd, sd);
+      EXPECT_EQ(fake.calls(Kind::bind)[0].data, std::string("\x10\0\0\0\0\0\0\0\0\0\0\0", 12));
+      traces += "5 creating local netlink socket\n";
+    }
+    EXPECT_EQ(fake.count(Kind::bind) + fake.count(Kind::close), c.cached ? 0u : 2u);
+    EXPECT_TRUE(fake.openDescriptors().empty());
+    traces += "8 doSetOperStateInNs sd: " + std::to_string(sd) + "\n";
+    if (!*c.device) {
+      traces += "1 not sending IFLA_OPERSTATE message because deviceName is empty\n";
+    } else if (c.sent < 0) {
+      traces += "0 unknown operStatus: " + status.str() + "\n";
+    }
+    std::string traced;
+    for (auto const & line : trace.lines()) traced += std::to_string(line.level) + " " + line.text + "\n";
+    EXPECT_EQ(traced, traces);
+    std::vector<Request> sent;
+    if (c.sent >= 0) sent.push_back({sd, c.device, 111, c.sent});
+    EXPECT_EQ(fake.operStateRequests(), sent);
+  }
+
+  // doSetOperState always targets the default namespace; the cache mutators never close.
+  kosm->nsNetlinkSockFdIs(NamespaceName("blue"), 77);
+  fake.clearCalls();
+  kosm->doSetOperState("et2", Interface::intfOperLowerLayerDown);
+  EXPECT_EQ(nsOfSocket(fake.operStateRequests().at(0).sd), Ovel::DEFAULT_NS);
+  kosm->nsNetlinkSockFdDelAll();
+  EXPECT_EQ(fake.count(Kind::close), 1u);
+  EXPECT_EQ(cachedSd("blue"), 0);
+}
+
+TEST_F(KernelOperStateTest, StartUpThenEveryChangeOfAnInterfaceResyncsItIntoItsNamespace) {
+  netNs->namespaceIs(NamespaceName("default"), 1);
+  netNs->namespaceIs(NamespaceName("blue"), 2);
+  auto st = status("Ethernet1", "et1", Interface::intfOperUp);
+  dir->intfStatusIs(st);
+  dir->intfStatusIs(status("Ethernet2", "et2", Interface::intfOperDown));
+  localDir->intfStatusLocalIs(local("Ethernet2", "blue"));
+  auto sm = start();
+  // One cached socket per namespace (none opened twice when the namespace reactor binds), then the sync.
+  EXPECT_EQ(nsOfSocket(cachedSd("default")) + " " + nsOfSocket(cachedSd("blue")), "default blue");
+  EXPECT_EQ(std::tuple(fake.count(Kind::socketAt), fake.count(Kind::bind), fake.count(Kind::close)),
+            std::tuple(2, 2, 0));
+  EXPECT_THAT(fake.operStateRequests(), testing::UnorderedElementsAre(Request{cachedSd("default"), "et1", 111, 6},
+                                                                      Request{cachedSd("blue"), "et2", 111, 5}));
+  // The reactors made during construction only skipped; the start-up sync did the work.
+  EXPECT_EQ(trace.texts("KernelOperState", 5), std::vector<std::string>(3, "Skipping because not initialized yet"));
+  EXPECT_EQ(trace.count("Binding to socket. Sd: " + std::to_string(cachedSd("blue"))), 1u);
+
+  auto other = status("Ethernet1", "et9", Interface::intfOperDown);
+  auto l = local("Ethernet1", "");
+  char const * const onStatus = "handleOperStatusOrDeviceName( Ethernet1 )";
+  char const * const onLocal = "handleNetNsName( Ethernet1 )";
+  struct Step {
+    std::function<void()> change;
+    char const * firstTrace;  // null: nothing traced
+    char const * request;     // "<namespace whose cached socket is used> <device> <operstate>", or null
+  } const steps[] = {
+      {[&] { st->operStatusIs(Interface::intfOperNotPresent); }, onStatus, "default et1 5"},
+      {[&] { st->deviceNameIs("et1b"); }, onStatus, "default et1b 5"},
+      {[&] { st->deviceNameIs("et1b"); }, nullptr, nullptr},
+      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, "default et1b 5"},  // empty netNsName
+      {[&] { l->netNsNameIs(NamespaceName("blue")); }, onLocal, "blue et1b 5"},
+      {[&] { st->operStatusIs(Interface::intfOperUp); }, onStatus, "blue et1b 6"},
+      {[&] { dir->intfStatusIs(other); }, onStatus, "blue et9 5"},             // the reactor is rebound
+      {[&] { st->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr},  // no longer watched
+      {[&] { localDir->intfStatusLocalDel(IntfId("Ethernet1")); }, nullptr, nullptr},
+      {[&] { other->operStatusIs(Interface::intfOperUp); }, onStatus, "default et9 6"},
+      {[&] { netNs->namespaceIs(NamespaceName("red"), 3); }, "IntfStatusOperStatusSm::handleNsByName(name=red)",
+       nullptr},
+      {[&] { dir->intfStatusDel(IntfId("Ethernet1")); }, nullptr, nullptr},
+      {[&] { other->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr},
+      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, nullptr},  // no status: nothing to sync
+  };
+  for (size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE("step " + std::to_string(i));
+    fake.clearCalls();
+    trace.clear();
+    steps[i].change();
+    EXPECT_EQ(traces().empty() ? "" : traces().front(), steps[i].firstTrace ? steps[i].firstTrace : "");
+    std::string sent;
+    for (auto const & r : fake.operStateRequests()) {
+      sent += r.sd == cachedSd("default") ? "default" : r.sd == cachedSd("blue") ? "blue" : "?";
+      sent += " " + r.deviceName + " " + std::to_string(r.operState) + (r.tag == 111 ? "" : " bad tag");
+    }
+    EXPECT_EQ(sent, steps[i].request ? steps[i].request : "");
+    EXPECT_TRUE(!steps[i].request || trace.contains("doSyncIntfStatus( Ethernet1 )"));
+  }
+}
+
+TEST_F(KernelOperStateTest, NamespacesComingAndGoing) {
+  auto sm = start();
+  netNs->namespaceIs(NamespaceName("blue"), 10);
+  int const sd1 = cachedSd("blue");
+  // Notified present again: a fresh socket is cached; the first stays open, no longer cached.
+  netNs->netNsByNameNotify(NamespaceName("blue"));
+  int const sd2 = cachedSd("blue");
+  EXPECT_EQ(nsOfSocket(sd2), "blue");
+  EXPECT_EQ(fake.openDescriptors(), (std::vector<int>{sd1, sd2}));
+
+  netNs->namespaceDel(NamespaceName("blue"));
+  EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("blue")));
+  EXPECT_EQ(fake.openDescriptors(), (std::vector<int>{sd1}));
+  EXPECT_TRUE(trace.contains("handleNsByName closing netlink socket: " + std::to_string(sd2)));
+
+  trace.clear();
+  netNs->netNsByNameNotify(NamespaceName("never"));
+  EXPECT_THAT(traces(), ElementsAre("IntfStatusOperStatusSm::handleNsByName(name=never)",
+                                    "No cached netlink socket fd found. Just return"));
+}
+
+TEST_F(KernelOperStateTest, AReactorRemovedFromItsCollectionIsRetiredAtOnceAndNotified) {
+  struct Watcher : Sm::NotifieeConst {
+    void onIntfStatus(IntfId const & id) override { keys.push_back("status " + id.name().stdString()); }
+    void onIntfStatusLocal(IntfId const & id) override { keys.push_back("local " + id.name().stdString()); }
+    std::vector<std::string> keys;
+  };
+  auto sm = start();
+  Vorn::Ptr<Watcher> w = new Watcher;
+  w->notifierIs(sm);
+  auto st = status("Ethernet1", "et1", Interface::intfOperUp);
+  auto l = local("Ethernet1", "blue");
+  dir->intfStatusIs(status("Ethernet1", "et0", Interface::intfOperUp));
+  dir->intfStatusIs(st);  // rebound: the state machine's collection is unchanged
+  localDir->intfStatusLocalIs(l);
+  // Held outside the state machine, as a test or a debugger would.
+  Vorn::Ptr<Sm::VornIntfStatus> heldStatus = sm->intfStatus(IntfId("Ethernet1"));
+  Vorn::Ptr<Sm::VornIntfStatusLocal> heldLocal = sm->intfStatusLocal(IntfId("Ethernet1"));
+  dir->intfStatusDel(IntfId("Ethernet1"));
+  localDir->intfStatusLocalDel(IntfId("Ethernet1"));
+  EXPECT_THAT(w->keys, ElementsAre("status Ethernet1", "local Ethernet1", "status Ethernet1", "local Ethernet1"));
+  EXPECT_TRUE(heldStatus->vornMarkedForDeletion() && heldLocal->vornMarkedForDeletion());
+  EXPECT_FALSE(heldStatus->notifier() || heldLocal->notifier());
+  EXPECT_EQ(st->notifiees() + l->notifiees(), 0u);
+  trace.clear();
+  fake.clearCalls();
+  st->operStatusIs(Interface::intfOperDown);
+  l->netNsNameIs(NamespaceName("red"));
+  EXPECT_TRUE(traces().empty());
+  EXPECT_TRUE(fake.calls().empty());
+}
+
+TEST_F(KernelOperStateTest, RootKeepsTheStateMachineOnlyForTheSameFourInputs) {
+  netNs->namespaceIs(NamespaceName("default"), 1);
+  auto st = status("Ethernet1", "et1", Interface::intfOperUp);
+  dir->intfStatusIs(st);
+  auto sm = start();
+  EXPECT_EQ(start(), sm);
+  EXPECT_EQ(trace.count("handleInitialized"), 1u);  // kept: no second start-up sync
+  EXPECT_EQ(root->intfStatusDirIs("intfStatus"), dir);  // the same name keeps the child too
+
+  Vorn::Ptr<KernelOperState::KernelOperStateManager> otherKosm = new KernelOperState::KernelOperStateManager;
+  std::function<Vorn::Ptr<Sm>()> const others[] = {
+      [&] { return root->intfStatusOperStatusSmIs(root->intfStatusDirIs("d2"), localDir, kosm, netNs); },
+      [&] { return root->intfStatusOperStatusSmIs(dir, root->intfStatusLocalDirIs("l2"), kosm, netNs); },
+      [&] { return root->intfStatusOperStatusSmIs(dir, localDir, otherKosm, netNs); },
+      [&] { return root->intfStatusOperStatusSmIs(dir, localDir, kosm, root->netNsCollectionIs("n2")); },
+      [&] { return KernelOperState::IntfStatusOperStatusSmIs(dir, localDir, kosm, netNs); },  // the factory form
+  };
+  for (auto const & other : others) {
+    auto base = start();
+    trace.clear();
+    EXPECT_NE(other(), base);
+    EXPECT_EQ(trace.count("handleInitialized"), 1u);  // a new one, with its own start-up sync
+  }
+
+  // Released machines are zombies; destroying one leaves the cached sockets open.
+  auto open = fake.openDescriptors();
+  sm = nullptr;
+  root->intfStatusOperStatusSmDel();
+  fake.clearCalls();
+  st->operStatusIs(Interface::intfOperDown);
+  netNs->namespaceDel(NamespaceName("default"));
+  EXPECT_TRUE(fake.calls().empty());
+  EXPECT_EQ(fake.openDescriptors(), open);
+}
+
+TEST_F(KernelOperStateTest, NullEntitiesAreRangeErrorsAndChangeNothing) {
+  auto sm = start();
+  std::pair<std::function<void()>, char const *> const nulls[] = {
+      {[&] { sm->intfStatusIs(nullptr); }, "IntfStatusOperStatusSm::intfStatus"},
+      {[&] { sm->intfStatusLocalIs(nullptr); }, "IntfStatusOperStatusSm::intfStatusLocal"},
+      {[&] { dir->intfStatusIs(nullptr); }, "IntfStatusDir::intfStatus"},
+      {[&] { localDir->intfStatusLocalIs(nullptr); }, "IntfStatusLocalDir::intfStatusLocal"},
+  };
+  for (auto const & [call, attribute] : nulls) {
+    std::string const name = std::string(attribute).substr(std::string(attribute).find("::") + 2);
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>(call),
+              "null _" + name + " parameter to mutator for KernelOperState::" + attribute + " not allowed\"");
+  }
+  EXPECT_EQ(dir->intfStatuss() + localDir->intfStatusLocals() + sm->intfStatuss() + sm->intfStatusLocals(), 0u);
+}
+
+using KernelOperStateDeathTest = KernelOperStateTest;
+
+TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailedCallsErrno) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto sm = start();
+  using Call = std::function<void(char const * ns)>;
+  Call const request = [&](char const * ns) {
+    kosm->doSetOperStateInNs("et1", Interface::intfOperUp, NamespaceName(ns));
+  };
+  Call const appear = [&](char const * ns) { netNs->namespaceIs(NamespaceName(ns), 1); };
+  struct Fatal {
+    Kind failing;
+    int error;
+    Call call;
+    char const * ns;
+    char const * stderrRegex;
+  } const fatal[] = {
+      {Kind::socketAt, EMFILE, request, "default", "8 doSetOperStateInNs sd: -1\nsocket: Too many open files\n$"},
+      {Kind::bind, EADDRINUSE, request, "blue", "8 Bind error: -1\nbind: Address already in use\n$"},
+      {Kind::setNetlinkOperState, ENOBUFS, request, "blue", ""},
+      {Kind::socketAt, EMFILE, appear, "default", "8 created netlink socket. Sd: -1\nsocket: Too many open files\n$"},
+      {Kind::bind, EACCES, appear, "blue", "8 Bind error: -1\nbind: Permission denied\n$"},
+  };
+  for (auto const & c : fatal) {
+    EXPECT_EXIT(
+        {
+          ErrnoClobberingSink sink;
+          fake.failNext(c.failing, c.error);
+          c.call(c.ns);
+        },
+        testing::ExitedWithCode(1), c.stderrRegex);
+  }
+  EXPECT_DEATH(
+      {
+        kosm->nsNetlinkSockFdIs(NamespaceName("blue"), -3);
+        request("blue");
+      },
+      "assertion \"localSocket == true\" failed");
+  EXPECT_DEATH(
+      {
+        kosm->nsNetlinkSockFdIs(NamespaceName("gone"), -5);
+        netNs->netNsByNameNotify(NamespaceName("gone"));
+      },
+      "Failed\\(sd >= 0\\)  sd: -5 ns name : gone\n(.|\n)*assertion \"!\"sd >= 0\"\" failed");
+  EXPECT_DEATH(root->intfStatusOperStatusSmIs(dir, nullptr, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")),
+               "assertion \"intfStatusLocalDir\\(\\)\" failed");
+  EXPECT_DEATH(root->intfStatusOperStatusSmIs(nullptr, localDir, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")),
+               "assertion \"intfStatusDir\\(\\)\" failed");
+
+  // No socket in a named namespace: reported; nothing is sent or cached.
+  for (auto const & call : {request, appear}) {
+    ErrnoClobberingSink sink;
+    fake.clearCalls();
+    fake.failNext(Kind::socketAt, ENOENT);
+    testing::internal::CaptureStderr();
+    call("red");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::EndsWith(std::string("\nsocket: ") + strerror(ENOENT) + "\n"));
+    EXPECT_EQ(fake.calls().size(), 1u);  // the failed socketAt
+    EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("red")));
+  }
+}
+
+}  // namespace
