@@ -85,7 +85,8 @@ bool ActivityManager::runOnce(double timeoutSeconds) {
   for (size_t i = 0; i < activities; ++i) activities_[i]->passBegin();
   for (size_t i = 0; i < activities; ++i) ran |= activities_[i]->passRun() > 0;
 
-  int const ready = epoll_wait(epoll_, events_.get(), maxEvents, waitMilliseconds(timeoutSeconds));
+  // A pass that ran deferred calls does not block: what they did may be what the caller waits for.
+  int const ready = epoll_wait(epoll_, events_.get(), maxEvents, ran ? 0 : waitMilliseconds(timeoutSeconds));
   if (ready < 0 && errno != EINTR) {
     int const e = errno;
     throw ErrnoException(e, std::string("ActivityManager: epoll_wait failed: ") + std::strerror(e));

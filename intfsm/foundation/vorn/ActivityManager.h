@@ -15,9 +15,9 @@
 // 1. deferred calls: each activity runs, up to its budget, the calls that were waiting when the
 //    pass began (calls queued during the pass wait for the next one);
 // 2. poll: epoll_wait, for no longer than the caller's timeout nor than the time to the earliest
-//    timer (rounded up to the millisecond), and not at all when calls are still waiting, a timer is
-//    due or stop() was called. With a test time set (System::testTimeIs) timers never shorten the
-//    wait: only the test moves that time;
+//    timer (rounded up to the millisecond), and not at all when calls are still waiting, deferred
+//    calls ran in this pass, a timer is due or stop() was called. With a test time set
+//    (System::testTimeIs) timers never shorten the wait: only the test moves that time;
 // 3. readiness: each ready descriptor's counters (see FileDescriptor);
 // 4. timers: reactors whose time has come, armed before this step began (see Clock).
 // So an idle loop blocks in epoll_wait and never spins. Handlers run on the loop's thread, one at a
