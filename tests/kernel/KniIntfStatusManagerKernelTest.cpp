@@ -46,10 +46,10 @@ class KniIntfStatusManagerKernel : public IntfsmTest::NetNsTest {
   Vorn::Ptr<Interface::KniIntfStatusManager> manager(std::string const & ns) {
     return root->intfStatusManager(NamespaceName(ns));
   }
-  void interfaceIs(char const * id, char const * device, std::string const & ns) {
-    if (!all->intfStatus(IntfId(id))) all->intfStatusIs(Interface::intfStatusFactory(IntfId(id)));
+  void interfaceNew(char const * id, char const * device, std::string const & ns) {
+    all->intfStatusIs(Interface::intfStatusFactory(IntfId(id)));
     all->intfStatus(IntfId(id))->deviceNameIs(device);
-    if (!locals->intfStatusLocal(IntfId(id))) locals->intfStatusLocalIs(Interface::intfStatusLocalFactory(IntfId(id)));
+    locals->intfStatusLocalIs(Interface::intfStatusLocalFactory(IntfId(id)));
     locals->intfStatusLocal(IntfId(id))->netNsNameIs(NamespaceName(ns));
   }
   uint32_t kernelIfIndex(std::string const & ns, char const * device) {
@@ -76,8 +76,8 @@ class KniIntfStatusManagerKernel : public IntfsmTest::NetNsTest {
 TEST_F(KniIntfStatusManagerKernel, PublishesVethsByRealIfIndexThroughDeletionRecreationAndCarrier) {
   std::string const ns = namespaceNew();
   netns().vethPairNew(ns, "va0", "vb0");
-  interfaceIs("Ethernet1", "va0", ns);
-  interfaceIs("Ethernet2", "vb0", ns);
+  interfaceNew("Ethernet1", "va0", ns);
+  interfaceNew("Ethernet2", "vb0", ns);
   ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1") && published(ns, "Ethernet2"); }));
   uint32_t const first = kernelIfIndex(ns, "va0");
   EXPECT_EQ(published(ns, "Ethernet1"), first);
@@ -109,7 +109,7 @@ TEST_F(KniIntfStatusManagerKernel, AnInterfaceMovedToAnotherNamespaceIsPublished
   netns().vethPairNew(ns2, "vx0", "vy0");  // so that va0 has another ifindex in ns2
   netns().vethPairNew(ns2, "va0", "vb0");
   ASSERT_NE(kernelIfIndex(ns1, "va0"), kernelIfIndex(ns2, "va0"));
-  interfaceIs("Ethernet1", "va0", ns1);
+  interfaceNew("Ethernet1", "va0", ns1);
   ASSERT_TRUE(runUntil([&] { return published(ns1, "Ethernet1") == kernelIfIndex(ns1, "va0"); }));
   ASSERT_TRUE(runUntil([&] { return statuses[ns2]->root()->interfaceByDeviceNameHas("va0"); }));
   EXPECT_FALSE(published(ns2, "Ethernet1"));
@@ -126,7 +126,7 @@ TEST_F(KniIntfStatusManagerKernel, ADeviceRecreatedWhileEventsAreLostIsRemovedTh
   std::string const ns = namespaceNew();
   netns().vethPairNew(ns, "va0", "vb0");
   netns().vethPairNew(ns, "vc0", "vd0");
-  interfaceIs("Ethernet1", "va0", ns);
+  interfaceNew("Ethernet1", "va0", ns);
   ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1"); }));
   uint32_t const old = published(ns, "Ethernet1");
 
