@@ -5,9 +5,20 @@
 #include <ostream>
 #include <sstream>
 
-TraceCapture::TraceCapture() : savedSettings_(Brisklog::settings()), savedSink_(Brisklog::sink()) {
-  Brisklog::sinkIs(this);
+namespace IntfsmTest {
+
+ScopedTraceSettings::ScopedTraceSettings(Start start)
+    : settings_(Brisklog::settings()), sink_(Brisklog::sink()), outputFile_(Brisklog::outputFile()) {
+  if (start == fromNothing) Brisklog::settingsIs(Brisklog::Settings());
 }
+
+ScopedTraceSettings::~ScopedTraceSettings() {
+  Brisklog::sinkIs(sink_);
+  Brisklog::settingsIs(settings_);
+  if (Brisklog::outputFile() != outputFile_) Brisklog::outputFileIs(outputFile_.c_str());
+}
+
+TraceCapture::TraceCapture() { Brisklog::sinkIs(this); }
 
 TraceCapture::TraceCapture(char const * module) : TraceCapture() { enable(module); }
 
@@ -19,10 +30,7 @@ TraceCapture::TraceCapture(std::initializer_list<ModuleLevels> modules) : TraceC
   for (ModuleLevels const & m : modules) enable(m.module, m.mask);
 }
 
-TraceCapture::~TraceCapture() {
-  Brisklog::sinkIs(savedSink_);
-  Brisklog::settingsIs(savedSettings_);
-}
+TraceCapture::~TraceCapture() = default;
 
 void TraceCapture::enable(char const * module, uint16_t mask) { Brisklog::levelsIs(module, mask); }
 
@@ -99,3 +107,5 @@ std::string TraceCapture::dump() const {
 std::ostream & operator<<(std::ostream & os, TraceCapture::Line const & line) {
   return os << line.module << '/' << line.level << ' ' << line.function << ": " << line.text;
 }
+
+}  // namespace IntfsmTest
