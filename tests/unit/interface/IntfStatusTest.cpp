@@ -1,21 +1,23 @@
+// The interface-status entities: each attribute notifies its own callback, and the status enums'
+// numbering and printing.
 #include "intfsm/foundation/interface/IntfStatus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
+#include <sstream>
 
+#include "intfsm/foundation/interface/ForwardingModel.h"
 #include "intfsm/foundation/interface/IntfStatusLocal.h"
 #include "tests/support/NotificationLog.h"
 
-using Interface::IntfStatus;
+using namespace Interface;
 using IntfsmTest::NotificationLog;
 using testing::ElementsAre;
 
 namespace {
 
 struct StatusWatcher : IntfStatus::NotifieeConst {
-  explicit StatusWatcher(NotificationLog & l) : log(l) {}
   void onActive() override { log.add("onActive"); }
   void onActiveStatusChanges() override { log.add("onActiveStatusChanges"); }
   void onDeviceName() override { log.add("onDeviceName"); }
@@ -25,58 +27,60 @@ struct StatusWatcher : IntfStatus::NotifieeConst {
   void onMtu() override { log.add("onMtu"); }
   void onOperStatus() override { log.add("onOperStatus"); }
   void onOperStatusChange() override { log.add("onOperStatusChange"); }
-  NotificationLog & log;
+  NotificationLog log;
 };
 
-TEST(IntfStatus, EachAttributeNotifiesItsOwnCallback) {
-  auto s = Interface::intfStatusFactory(Ovel::IntfId("Ethernet3/1"));
-  EXPECT_EQ(s->name(), "Ethernet3/1");
-  EXPECT_EQ(s->operStatus(), Interface::intfOperNotPresent);  // nobody has reported on it yet
+struct LocalWatcher : IntfStatusLocal::NotifieeConst {
+  void onNetNsName() override { log.add("onNetNsName", notifier()->netNsName()); }
   NotificationLog log;
-  Vorn::Ptr<StatusWatcher> w = new StatusWatcher(log);
+};
+
+// The change counters are the writer's to increment: changing the status itself leaves them alone.
+TEST(IntfStatus, EachAttributeNotifiesItsOwnCallbackOnChangeOnly) {
+  auto s = intfStatusFactory(Ovel::IntfId("Ethernet3/1"));
+  EXPECT_EQ(s->name(), "Ethernet3/1");
+  EXPECT_EQ(s->operStatus(), intfOperNotPresent);  // nobody has reported on it yet
+  Vorn::Ptr<StatusWatcher> w = new StatusWatcher;
   w->notifierIs(s);
   s->deviceNameIs("et1");
-  s->operStatusIs(Interface::intfOperUp);
-  s->forwardingModelIs(Interface::forwardingModelBridged);
+  s->operStatusIs(intfOperUp);
+  s->operStatusIs(intfOperUp);
+  s->forwardingModelIs(forwardingModelBridged);
   s->activeIs(true);
-  s->activeStatusChangesInc();
+  s->activeStatusChangesInc(2);
   s->intfConfigIs("Ethernet1");
   s->maxMtuIs(9214);
   s->mtuIs(1500);
   s->operStatusChangeInc(5);
-  EXPECT_THAT(log.take(), ElementsAre("onDeviceName", "onOperStatus", "onForwardingModel", "onActive",
-                                      "onActiveStatusChanges", "onIntfConfig", "onMaxMtu", "onMtu",
-                                      "onOperStatusChange"));
+  EXPECT_THAT(w->log.take(), ElementsAre("onDeviceName", "onOperStatus", "onForwardingModel", "onActive",
+                                         "onActiveStatusChanges", "onIntfConfig", "onMaxMtu", "onMtu",
+                                         "onOperStatusChange"));
+  EXPECT_EQ(s->activeStatusChanges(), 2u);
   EXPECT_EQ(s->mtu(), 1500u);
   EXPECT_EQ(s->maxMtu(), 9214u);
 }
 
-TEST(IntfStatus, ChangeCountersAreTheWritersToIncrement) {
-  auto s = Interface::intfStatusFactory(Ovel::IntfId("Ethernet1"));
-  s->activeStatusChangesInc();
-  s->activeStatusChangesInc(2);
-  s->operStatusIs(Interface::intfOperUp);  // changing the status itself leaves them alone
-  s->activeIs(true);
-  EXPECT_EQ(s->activeStatusChanges(), 3u);
-  EXPECT_EQ(s->operStatusChange(), 0u);
-}
-
-struct LocalWatcher : Interface::IntfStatusLocal::NotifieeConst {
-  explicit LocalWatcher(NotificationLog & l) : log(l) {}
-  void onNetNsName() override { log.add("onNetNsName", notifier()->netNsName()); }
-  NotificationLog & log;
-};
-
 TEST(IntfStatusLocal, NetNsNameNotifiesOnChangeOnlyAndEmptyMeansDefault) {
-  auto local = Interface::intfStatusLocalFactory(Ovel::IntfId("Ethernet1"));
+  auto local = intfStatusLocalFactory(Ovel::IntfId("Ethernet1"));
   EXPECT_EQ(local->netNsName().orDefault(), Ovel::NamespaceName::defaultNamespace());
-  NotificationLog log;
-  Vorn::Ptr<LocalWatcher> w = new LocalWatcher(log);
+  Vorn::Ptr<LocalWatcher> w = new LocalWatcher;
   w->notifierIs(local);
   local->netNsNameIs(Ovel::NamespaceName("blue"));
   local->netNsNameIs(Ovel::NamespaceName("blue"));
   local->netNsNameIs(Ovel::NamespaceName());
-  EXPECT_THAT(log.take(), ElementsAre("onNetNsName(blue)", "onNetNsName()"));
+  EXPECT_THAT(w->log.take(), ElementsAre("onNetNsName(blue)", "onNetNsName()"));
+}
+
+// RFC 2863 numbering, and the number for values outside the list, whatever base the stream was left in.
+TEST(IntfOperStatus, NumberedAsRfc2863AndPrintedByNameOrNumber) {
+  IntfOperStatus const inOrder[] = {intfOperUp,      intfOperDown,       intfOperTesting,       intfOperUnknown,
+                                    intfOperDormant, intfOperNotPresent, intfOperLowerLayerDown};
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(static_cast<int>(inOrder[i]), i + 1);
+  std::ostringstream os;
+  os << intfOperLowerLayerDown << ' ' << IntfOperStatus(0) << ' ' << std::hex << IntfOperStatus(42) << ' '
+     << forwardingModelBridged << ' ' << ForwardingModel(9);
+  EXPECT_EQ(os.str(), "intfOperLowerLayerDown 0 2a forwardingModelBridged 9");
+  EXPECT_EQ(static_cast<int>(forwardingModelBridged), 4);
 }
 
 }  // namespace

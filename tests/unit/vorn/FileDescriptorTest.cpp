@@ -3,6 +3,7 @@
 #include "intfsm/foundation/vorn/FileDescriptor.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -74,6 +75,23 @@ TEST_F(FileDescriptorTest, ReadinessIsLevelTriggeredAndWritabilityCountedOnlyWhi
   EXPECT_FALSE(loop.runOnce(0));
   EXPECT_THAT(inLog->log, ElementsAre("readable 1", "readable 2"));
   EXPECT_THAT(outLog->log, ElementsAre("writableWanted 1", "writable 1", "writable 2", "writableWanted 0"));
+}
+
+// Writability is counted only while wanted, also when the readable handler of the same pass stops wanting it.
+TEST_F(FileDescriptorTest, WritabilityUnwantedByTheReadableHandlerIsNotCounted) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+  Ptr<FileDescriptor> fd = watch("both", ends[0]);
+  Ptr<FdLog> reactor = new FdLog(fd);
+  reactor->onReadable = [&] { fd->writableWantedIs(false); };
+  fd->writableWantedIs(true);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  EXPECT_TRUE(loop.runOnce(0));
+  EXPECT_THAT(reactor->log, ElementsAre("writableWanted 1", "readable 1", "writableWanted 0"));
+  reactor = nullptr;
+  fd = nullptr;
+  close(ends[0]);
+  close(ends[1]);
 }
 
 // A hang-up (or an error on a write end) is an exception, reported each pass until the owner
