@@ -42,27 +42,11 @@ std::string bytesOf(void const * data, size_t length) {
 }  // namespace
 
 char const * kindName(FakePlatform::Kind kind) {
-  using Kind = FakePlatform::Kind;
-  switch (kind) {
-    case Kind::socketAt: return "socketAt";
-    case Kind::setNetlinkOperState: return "setNetlinkOperState";
-    case Kind::socket: return "socket";
-    case Kind::bind: return "bind";
-    case Kind::close: return "close";
-    case Kind::setsockopt: return "setsockopt";
-    case Kind::getsockopt: return "getsockopt";
-    case Kind::ioctl: return "ioctl";
-    case Kind::recvmsg: return "recvmsg";
-    case Kind::recvmmsg: return "recvmmsg";
-    case Kind::sendto: return "sendto";
-    case Kind::poll: return "poll";
-    case Kind::open: return "open";
-    case Kind::setns: return "setns";
-    case Kind::lstat: return "lstat";
-    case Kind::stat: return "stat";
-    case Kind::fopen: return "fopen";
-  }
-  return "?";
+  static char const * const names[] = {"socketAt", "setNetlinkOperState", "socket", "bind", "close", "setsockopt",
+                                       "getsockopt", "ioctl", "recvmsg", "recvmmsg", "sendto", "poll", "open",
+                                       "setns", "lstat", "stat", "fopen"};
+  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::fopen) + 1);
+  return names[static_cast<size_t>(kind)];
 }
 
 FakePlatform::FakePlatform()

@@ -47,29 +47,21 @@ std::vector<TraceCapture::Line> TraceCapture::lines() const {
   return lines_;
 }
 
-std::vector<std::string> TraceCapture::texts() const {
-  std::lock_guard lock(mutex_);
-  std::vector<std::string> result;
-  for (Line const & l : lines_) result.push_back(l.text);
-  return result;
-}
-
-std::vector<std::string> TraceCapture::texts(std::string_view module) const {
+std::vector<std::string> TraceCapture::textsOf(std::string_view const * module, unsigned const * level) const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> result;
   for (Line const & l : lines_) {
-    if (l.module == module) result.push_back(l.text);
+    if ((!module || l.module == *module) && (!level || l.level == *level)) result.push_back(l.text);
   }
   return result;
 }
+
+std::vector<std::string> TraceCapture::texts() const { return textsOf(nullptr, nullptr); }
+
+std::vector<std::string> TraceCapture::texts(std::string_view module) const { return textsOf(&module, nullptr); }
 
 std::vector<std::string> TraceCapture::texts(std::string_view module, unsigned level) const {
-  std::lock_guard lock(mutex_);
-  std::vector<std::string> result;
-  for (Line const & l : lines_) {
-    if (l.module == module && l.level == level) result.push_back(l.text);
-  }
-  return result;
+  return textsOf(&module, &level);
 }
 
 bool TraceCapture::contains(std::string_view text) const { return count(text) > 0; }

@@ -95,6 +95,9 @@ class TraceCapture : public Brisklog::Sink {
   void lineIs(Brisklog::Line const & line) override;
 
  private:
+  // The texts of the module and level given (any when null).
+  std::vector<std::string> textsOf(std::string_view const * module, unsigned const * level) const;
+
   ScopedTraceSettings saved_;
   mutable std::mutex mutex_;
   std::vector<Line> lines_;

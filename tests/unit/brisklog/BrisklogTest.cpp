@@ -8,7 +8,6 @@
 #include <fstream>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/String.h"
@@ -92,19 +91,6 @@ TEST_F(BrisklogTest, EnabledStatementDeliversModuleLevelTextAndPlace) {
                                              "BrisklogTest.cpp", line},
                           TraceCapture::Line{"BrisklogTest.Place", 1, "200 -3 (null) c ff\n", "TestBody",
                                              "BrisklogTest.cpp", line + 5}));
-}
-
-TEST_F(BrisklogTest, TwoThreadsTracingAtOnceLoseNoLine) {
-  Brisklog::Handle h("BrisklogTest.Threads");
-  TraceCapture capture("BrisklogTest.Threads");
-  auto const run = [&](char const * who) {
-    for (int i = 0; i < 2000; ++i) BRISKLOG_TRACE(h, 5, who << " " << i);
-  };
-  std::thread a(run, "a"), b(run, "b");
-  a.join();
-  b.join();
-  EXPECT_EQ(capture.size(), 4000u);
-  EXPECT_EQ(capture.countContaining("a "), 2000u);
 }
 
 TEST_F(BrisklogTest, LineTextIsUtcTimeModuleLevelPlaceFunctionAndText) {

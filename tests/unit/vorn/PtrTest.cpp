@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/TestEntities.h"
-
 namespace {
 
 struct Counted : Vorn::PtrInterface {
@@ -39,17 +37,6 @@ TEST(Ptr, TheLastReferenceDestroysAndTheFlagBitsNeverCount) {
     EXPECT_EQ(deaths, 1);
   }
   Vorn::threadSafePointers = false;
-  EXPECT_EQ(Vorn::PtrInterface::countMask, 0x5fffffffu);
-  EXPECT_EQ(Vorn::PtrInterface::notificationActiveBit, 1u << 29);
-  EXPECT_EQ(Vorn::PtrInterface::markedForDeletionBit, 1u << 31);
-}
-
-TEST(Ptr, NotificationActiveIsAFlagOfTheReactorsWord) {
-  Vorn::Ptr<IntfsmTest::WidgetRecorder> n = new IntfsmTest::WidgetRecorder;
-  EXPECT_TRUE(n->hasNotificationActive());
-  n->hasNotificationActiveIs(false);
-  EXPECT_FALSE(n->hasNotificationActive());
-  EXPECT_EQ(n->references(), 1u);
 }
 
 }  // namespace
