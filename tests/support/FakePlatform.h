@@ -44,7 +44,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <set>
@@ -100,6 +102,13 @@ class FakePlatform {
     std::string data;
     long result = 0;
     int error = 0;
+    // `data` read as a T (zero-filled where it is shorter): `call.dataAs<sockaddr_ll>()`.
+    template <class T>
+    T dataAs() const {
+      T value{};
+      std::memcpy(&value, data.data(), std::min(sizeof value, data.size()));
+      return value;
+    }
   };
 
   struct OperStateRequest {

@@ -67,13 +67,6 @@ SockFilterProgram const lldpOnly{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
                                  {BPF_RET | BPF_K, 0, 0, 0xffff},
                                  {BPF_RET | BPF_K, 0, 0, 0}};
 
-template <class T>
-T valueOf(std::string const & bytes) {
-  T v{};
-  std::memcpy(&v, bytes.data(), std::min(sizeof v, bytes.size()));
-  return v;
-}
-
 class EthDevPamTest : public IntfsmTest::ModuleTest {
  protected:
   EthDevPamTest() : ModuleTest("Ovel") { fake.realSocketsIs(true); }
@@ -99,7 +92,7 @@ class EthDevPamTest : public IntfsmTest::ModuleTest {
   }
   // The bind call's address as "family protocol ifindex", the protocol in host order.
   std::string boundTo() const {
-    auto const a = valueOf<sockaddr_ll>(fake.calls(Kind::bind).at(0).data);
+    auto const a = fake.calls(Kind::bind).at(0).dataAs<sockaddr_ll>();
     return std::to_string(a.sll_family) + " " + std::to_string(ntohs(a.sll_protocol)) + " " + std::to_string(a.sll_ifindex);
   }
 
@@ -146,7 +139,7 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
   std::vector<std::string> options;  // "level/option int value"
   for (auto const & c : fake.calls(Kind::setsockopt)) {
     EXPECT_EQ(c.fd, pam->sd());
-    options.push_back(std::to_string(c.a) + "/" + std::to_string(c.b) + " " + std::to_string(valueOf<int>(c.data)));
+    options.push_back(std::to_string(c.a) + "/" + std::to_string(c.b) + " " + std::to_string(c.dataAs<int>()));
   }
   auto const option = [](int level, int name, int value) {
     return std::to_string(level) + "/" + std::to_string(name) + " " + std::to_string(value);
@@ -155,8 +148,8 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
   EXPECT_THAT(options, ElementsAre(option(SOL_PACKET, PACKET_AUXDATA, 1), option(SOL_SOCKET, SO_PRIORITY, 5),
                                    option(SOL_SOCKET, SO_RCVBUFFORCE, 1 << 20), option(SOL_SOCKET, SO_ATTACH_FILTER, 4),
                                    option(SOL_SOCKET, SO_BROADCAST, 1), option(SOL_PACKET, PACKET_ADD_MEMBERSHIP, 7)));
-  EXPECT_EQ(valueOf<sock_fprog>(setsockopt[3].data).filter, pam->filterProgram().filter());
-  EXPECT_EQ(valueOf<packet_mreq>(setsockopt[5].data).mr_type, PACKET_MR_ALLMULTI);
+  EXPECT_EQ(setsockopt[3].dataAs<sock_fprog>().filter, pam->filterProgram().filter());
+  EXPECT_EQ(setsockopt[5].dataAs<packet_mreq>().mr_type, PACKET_MR_ALLMULTI);
   EXPECT_EQ(boundTo(), std::to_string(AF_PACKET) + " 34997 7");  // 0x88b5
 }
 
@@ -259,7 +252,7 @@ TEST_F(EthDevPamTest, AFilterChangeIsAttachedToTheOpenSocket) {
   pam->filterProgramIs(acceptAll);  // equal: nothing
   ASSERT_EQ(fake.count(Kind::setsockopt), 1u);
   EXPECT_EQ(fake.calls(Kind::setsockopt)[0].b, SO_ATTACH_FILTER);
-  EXPECT_EQ(valueOf<sock_fprog>(fake.calls(Kind::setsockopt)[0].data).len, 1u);
+  EXPECT_EQ(fake.calls(Kind::setsockopt)[0].dataAs<sock_fprog>().len, 1u);
   fake.failNext(Kind::setsockopt, EINVAL);
   EXPECT_EQ(thrownText<Vorn::ErrnoException>([&] { pam->filterProgramIs(lldpOnly); }),
             "EthDevPam::filterProgram failed to attach filter on et1, errno: 22");
