@@ -136,10 +136,11 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
   auto const socketAt = fake.calls(Kind::socketAt)[0];
   EXPECT_EQ(std::vector<long>({socketAt.a, socketAt.b, socketAt.c}), std::vector<long>({AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0}));
   EXPECT_EQ(socketAt.text, "blue");
-  std::vector<std::string> options;  // "level/option int value"
+  std::vector<std::string> options;  // "level/option value": an int, or the filter's length
   for (auto const & c : fake.calls(Kind::setsockopt)) {
     EXPECT_EQ(c.fd, pam->sd());
-    options.push_back(std::to_string(c.a) + "/" + std::to_string(c.b) + " " + std::to_string(c.dataAs<int>()));
+    int const value = c.b == SO_ATTACH_FILTER ? c.dataAs<sock_fprog>().len : c.dataAs<int>();
+    options.push_back(std::to_string(c.a) + "/" + std::to_string(c.b) + " " + std::to_string(value));
   }
   auto const option = [](int level, int name, int value) {
     return std::to_string(level) + "/" + std::to_string(name) + " " + std::to_string(value);
