@@ -225,7 +225,7 @@ TEST_F(EthDevPamTest, DisablingOrDestroyingClosesTheSocketWhichCannotBeSwappedWh
   int const sd = pam->sd();
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { pam->perIntfSocketIs(false); }),
             "EthDevPam::perIntfSocket cannot change while enabled");
-  EXPECT_EQ(thrownText<Vorn::RangeException>([&] { pam->sdIs(5); }),
+  EXPECT_EQ(thrownText<Vorn::RangeException>([&] { pam->sdIs(sd + 1); }),
             "EthDevPam::sd cannot change while the Pam's own socket is open");
   pam->enabledIs(true);  // already enabled: nothing opened
   reader->published.take();
