@@ -1,16 +1,9 @@
-// Descriptor bookkeeping for tests that must leave no descriptor behind.
-//
-//   int const before = intfsmTest::openDescriptorCount();
-//   { ... open and close things ... }
-//   EXPECT_EQ(intfsmTest::openDescriptorCount(), before);
+// Moved to Descriptors.h (namespace IntfsmTest); this forwarding header goes once no test includes it.
 #pragma once
 
+#include "tests/support/Descriptors.h"
+
 namespace intfsmTest {
-
-// Descriptors open in this process now (the entries of /proc/self/fd).
-int openDescriptorCount();
-
-// Whether `fd` is open and close-on-exec.
-bool isCloseOnExec(int fd);
-
+using IntfsmTest::isCloseOnExec;
+using IntfsmTest::openDescriptorCount;
 }  // namespace intfsmTest
