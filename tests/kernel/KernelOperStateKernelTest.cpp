@@ -135,7 +135,7 @@ TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
 TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultNamespaceFirst) {
   ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached("default"); }));
   ASSERT_FALSE(netns().link("", "va0"));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e1 = statusOf("Ethernet1", "va0", Interface::intfOperDown);
   root->intfStatusDir()->intfStatusIs(e1);
   EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 5 for device va0 refused: No such device"));
@@ -148,7 +148,7 @@ TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultName
 
 TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e2 = addInterface("Ethernet2", "vz0", ns2, Interface::intfOperUp);
   EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 6 for device vz0 refused: No such device"));
   netns().vethPairNew(ns2, "vz0", "vz1");
@@ -163,7 +163,7 @@ TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
 TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
   netns().linkDown(ns2, "vc0");
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e3 = addInterface("Ethernet3", "vc0", ns2, Interface::intfOperDown);
   EXPECT_EQ(netns().link(ns2, "vc0")->operState, IF_OPER_DOWN);
   netns().linkUp(ns2, "vc0");

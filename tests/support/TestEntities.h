@@ -78,4 +78,3 @@ class WidgetRecorder : public Widget::NotifieeConst {
 }  // namespace IntfsmTest
 
 // For the tests that still name the old namespace; goes when they do.
-namespace TestSupport = IntfsmTest;

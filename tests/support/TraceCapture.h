@@ -108,5 +108,3 @@ std::ostream & operator<<(std::ostream & os, TraceCapture::Line const & line);
 
 }  // namespace IntfsmTest
 
-// For the tests that still name it without its namespace; goes when they do.
-using IntfsmTest::TraceCapture;
