@@ -2,7 +2,6 @@
 
 #include <net/if.h>
 
-#include <algorithm>
 #include <ios>
 #include <ostream>
 #include <unordered_set>
@@ -32,11 +31,16 @@ void Root::interfaceIs(Interface const & i) {
   Vorn::String const name = i.deviceName();
   if (name.empty()) throw Vorn::RangeException("KernelNetInfo::Root::interfaceIs: empty deviceName not allowed");
 
-  Changes changes;
-  // Another device under this name: it no longer has it.
+  // Another device under this name: it no longer has it. Its removal is notified on its own, before
+  // this device takes the name, so that a watcher keyed by name sees the old device go and then the new
+  // one come (a device deleted and re-created under its name, whose deletion was lost or folded into
+  // a dump), never one device turning into another.
   if (Interface const * holder = byName_.find(name); holder && holder->ifIndex() != i.ifIndex()) {
-    drop(holder->ifIndex(), changes);
+    Changes dropped;
+    drop(holder->ifIndex(), dropped);
+    notifyChanges(dropped);
   }
+  Changes changes;
   // This device under another name: renamed.
   if (Interface const * old = byIfIndex_.find(i.ifIndex()); old && !(old->deviceNameBytes() == i.deviceNameBytes())) {
     Vorn::String const oldName = old->deviceName();
@@ -72,12 +76,7 @@ void Root::drop(uint32_t ifIndex, Changes & changes) {
 }
 
 void Root::notifyChanges(Changes const & changes) const {
-  // One key may have changed twice in one mutation (a name taken over): notified once.
-  for (size_t n = 0; n < changes.names.size(); ++n) {
-    bool const again = std::find(changes.names.begin(), changes.names.begin() + n, changes.names[n]) !=
-                       changes.names.begin() + n;
-    if (!again) notify(&NotifieeConst::onInterfaceByDeviceName, changes.names[n]);
-  }
+  for (Vorn::String const & name : changes.names) notify(&NotifieeConst::onInterfaceByDeviceName, name);
   for (uint32_t ifIndex : changes.ifIndexes) notify(&NotifieeConst::onInterfaceByIfIndex, ifIndex);
   for (InterfaceKey key : changes.cacheKeys) notify(&NotifieeConst::onDeviceNameCache, key);
 }

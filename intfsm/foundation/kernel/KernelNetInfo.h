@@ -108,7 +108,8 @@ class Root : public Vorn::Entity {
 
   // Adds or updates a device under both keys. Its ifindex's previous name, if different, is dropped
   // (a rename); a device of another ifindex that held this name is dropped entirely (names are unique
-  // within a namespace, so that one was renamed or deleted and will be reported again if it exists).
+  // within a namespace, so that one was renamed or deleted and will be reported again if it exists),
+  // and that drop is notified first, as a mutation of its own: watchers see the name go, then come back.
   // Ifindex 0 or an empty name raises Vorn::RangeException and changes nothing.
   void interfaceIs(Interface const & i);
   // Removes the device with that ifindex from all three collections; nothing when absent.

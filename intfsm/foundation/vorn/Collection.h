@@ -182,7 +182,7 @@ class Collection {
     if (succ) {
       while (succ && succ->rev <= node->rev) succ = succ->next;
     } else {
-      for (size_t i = b + 1; i < buckets_.size() && !succ; ++i) succ = buckets_[i];
+      succ = successorOfEmptyBucket(b, node->rev);
     }
     Node * pred = succ ? succ->prev : tail_;
     node->prev = pred;
@@ -191,6 +191,22 @@ class Collection {
     (succ ? succ->prev : tail_) = node;
     if (!buckets_[b] || buckets_[b] == succ) buckets_[b] = node;
     ++size_;
+  }
+
+  // The successor of a node for the empty bucket `b`, found from the nearest non-empty bucket on either
+  // side. Looking both ways matters: keys that arrive in walk order (one collection copied into
+  // another) each land beyond the last one, where a search that only looks ahead would cross every
+  // empty bucket to the end of the table, every time.
+  Node * successorOfEmptyBucket(size_t b, uint64_t rev) const {
+    for (size_t d = 1; d <= b || b + d < buckets_.size(); ++d) {
+      if (b + d < buckets_.size() && buckets_[b + d]) return buckets_[b + d];
+      if (d <= b && buckets_[b - d]) {
+        Node * n = buckets_[b - d];  // its run ends before the buckets up to b, all empty
+        while (n && n->rev <= rev) n = n->next;
+        return n;
+      }
+    }
+    return nullptr;
   }
 
   void unlink(Node * n) {

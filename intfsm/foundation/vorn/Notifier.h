@@ -196,6 +196,14 @@ class Notifier : public PtrInterface {
   template <class N, class... P, class... A>
   void notify(void (N::*callback)(P...), A const &... args) const {
     if (notifiees_.empty()) return;
+    if (notifiees_.size() == 1) {
+      // The common case, one watcher: nothing of this notifier is touched after the call, so it needs
+      // no keep-alive, no depth and no compaction, whatever the handler does.
+      if (BaseNotifiee * n = notifiees_.front(); n && n->deliverable() && n->isKind(&N::vornKind)) {
+        deliver(n, callback, std::tuple<std::decay_t<P>...>(args...));
+      }
+      return;
+    }
     dispatch(callback, std::tuple<std::decay_t<P>...>(args...));
   }
 
@@ -233,6 +241,9 @@ class Notifier : public PtrInterface {
 
   template <class N, class... P>
   void dispatch(void (N::*callback)(P...), std::tuple<std::decay_t<P>...> const & args) const;
+  // One call to one notifiee that can take it: queued on its activity, or made now.
+  template <class N, class... P>
+  static void deliver(BaseNotifiee * n, void (N::*callback)(P...), std::tuple<std::decay_t<P>...> const & args);
 
   void attach(BaseNotifiee * notifiee) const;
   void detach(BaseNotifiee * notifiee) const;
@@ -264,13 +275,17 @@ void Notifier::dispatch(void (N::*callback)(P...), std::tuple<std::decay_t<P>...
   size_t const count = notifiees_.size();  // entries added during the dispatch wait for the next one
   for (size_t i = 0; i < count; ++i) {
     BaseNotifiee * n = notifiees_[i];
-    if (!n || !n->deliverable() || !n->isKind(&N::vornKind)) continue;
-    if (n->queue_) {
-      n->queue_->deferredCallIs(std::make_unique<Deferred<N, P...>>(n, callback, args));
-      continue;
-    }
-    std::apply([n, callback](auto const &... a) { (static_cast<N *>(n)->*callback)(a...); }, args);
+    if (n && n->deliverable() && n->isKind(&N::vornKind)) deliver(n, callback, args);
   }
+}
+
+template <class N, class... P>
+void Notifier::deliver(BaseNotifiee * n, void (N::*callback)(P...), std::tuple<std::decay_t<P>...> const & args) {
+  if (n->queue_) {
+    n->queue_->deferredCallIs(std::make_unique<Deferred<N, P...>>(n, callback, args));
+    return;
+  }
+  std::apply([n, callback](auto const &... a) { (static_cast<N *>(n)->*callback)(a...); }, args);
 }
 
 }  // namespace Vorn

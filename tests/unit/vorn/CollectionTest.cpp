@@ -75,6 +75,19 @@ TEST(Collection, GrowingNeverReordersExistingEntries) {
   EXPECT_EQ(firstTen, before);
 }
 
+// Keys inserted in another collection's walk order (each beyond the last) and in the reverse order.
+TEST(Collection, CopiesInWalkOrderOrReverseKeepOrderAndLookups) {
+  Collection<uint32_t, int> source;
+  for (uint32_t k = 0; k < 3000; ++k) source.set(k * 2654435761u, 1);
+  std::vector<uint32_t> const order = keysInOrder(source);
+  Collection<uint32_t, int> forward, backward;
+  for (uint32_t k : order) forward.set(k, 1);
+  for (auto k = order.rbegin(); k != order.rend(); ++k) backward.set(*k, 1);
+  EXPECT_EQ(keysInOrder(forward), order);
+  EXPECT_EQ(keysInOrder(backward), order);
+  for (uint32_t k : order) EXPECT_TRUE(forward.contains(k) && backward.contains(k)) << k;
+}
+
 TEST(Collection, WalkVisitsEveryLiveEntryOnceWhileEntriesComeAndGo) {
   Collection<uint32_t, int> c;
   for (uint32_t k = 0; k < 500; ++k) c.set(k, 0);

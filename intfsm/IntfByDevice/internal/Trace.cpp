@@ -1,0 +1,7 @@
+#include "intfsm/IntfByDevice/internal/Trace.h"
+
+namespace Interface {
+
+Brisklog::Handle intfByDeviceTrace("IntfByDevice");
+
+}  // namespace Interface

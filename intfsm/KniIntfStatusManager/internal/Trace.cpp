@@ -1,0 +1,7 @@
+#include "intfsm/KniIntfStatusManager/internal/Trace.h"
+
+namespace Interface {
+
+Brisklog::Handle kniIntfStatusManagerTrace("KniIntfStatusManager");
+
+}  // namespace Interface
