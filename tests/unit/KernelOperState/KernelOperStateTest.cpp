@@ -294,8 +294,15 @@ TEST_F(KernelOperStateTest, ConvergenceSendsTheDecidedStateAgainOncePerReportTha
   kosm->nsNetlinkSockFdIs(blue, 77);
   root->operStateConvergenceIs(false);
   EXPECT_EQ(std::tuple(!kosm->linkMonitor(blue), IntfsmTest::openDescriptorCount()), std::tuple(true, fds + 1));
+  // Decided while off: turned on again, the monitor's first dump reports the device and it converges.
+  kosm->doSetOperStateInNs("et1", Interface::intfOperUp, blue);
+  kernel.linkIs(4, IFF_UP, "et1");  // dumped without IFLA_OPERSTATE: UNKNOWN
+  fake.clearCalls();
   root->operStateConvergenceIs(true);
-  EXPECT_TRUE(kosm->linkMonitor(blue) && kosm->linkMonitor(blue)->synced());
+  EXPECT_EQ(fake.operStateRequests(), (std::vector<Request>{{77, "et1", 111, IF_OPER_UP}}));
+  root->kosmDel();
+  root->operStateConvergenceIs(false);
+  EXPECT_FALSE(root->kosmIs()->operStateConvergence());  // the root's setting applies to a new manager
 }
 
 TEST_F(KernelOperStateTest, AReactorRemovedFromItsCollectionIsRetiredAtOnceAndNotified) {
