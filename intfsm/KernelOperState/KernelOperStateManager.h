@@ -17,8 +17,8 @@
 // traced and survived: the next change of the interface's status sends it again, and so does
 // convergence, below, when the device appears.
 //
-// Convergence (`operStateConvergence`, on by default; off is the plain behaviour above, no state kept
-// in use and no socket besides the cache). The kernel does not keep what was pushed: it recomputes a
+// Convergence (`operStateConvergence`, on by default; off, the manager does what is said above and
+// nothing else, with no socket besides the cache). The kernel does not keep what was pushed: it recomputes a
 // device's operational state on every carrier change, so a device set DORMANT comes back UP after its
 // carrier drops and returns (and, under IFLA_LINKMODE dormant, one set UP comes back DORMANT); and a
 // device deleted and re-created under its name starts from the kernel's own state. So the manager
@@ -37,8 +37,10 @@
 // report with such a state sends nothing, and the report that follows the carrier's return (which the
 // kernel sends once it has recomputed the state) sends the decided state. Each report is looked at
 // once, and a request that the kernel does not apply brings no report, so a report leads to one
-// request at most and nothing loops. A refused request (the device went, or was renamed, meanwhile)
-// waits for the next report of that device in the same way; nothing is retried on a timer.
+// request at most and nothing loops. A report older than the latest decision (statuses changing faster
+// than the loop reads) may send a request the kernel already satisfies: it changes nothing and brings
+// no report. A refused request (the device went, or was renamed, meanwhile) waits for the next report
+// of that device in the same way; nothing is retried on a timer.
 //
 // The monitor is the foundation's KernelNetInfo::Status on a device table of its own. It joins
 // RTNLGRP_LINK before it dumps, dumps again after lost events, and applies what it read during a dump
