@@ -214,7 +214,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void doSetRcvBuf(int sock);
   // The kernel's receive-buffer size of `sock` (0 when it cannot be read), also kept in allocRcvBuf.
   uint32_t doFindRcvBuf(int sock);
-  // Closes both sockets, their watches and descriptor state machines.
+  // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
