@@ -216,6 +216,9 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   uint32_t doFindRcvBuf(int sock);
   // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
+  // `sock` was closed by a failed step (attachOrDetachFilter closes what it cannot filter): when it is
+  // one of ours, forget it (descriptor -1, count 0, no watch) without closing it again.
+  void doSocketForget(int sock);
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
   // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
@@ -245,8 +248,6 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   // told at once in the single-frame path); counts and traces the frames that go nowhere.
   Delivery doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk);
   void doBulkSlotsPrepare();
-  // `sock` was closed by a failed set-up step: when it is one of ours, forget it without closing.
-  void doSocketForget(int sock);
   // Closes the sockets without notifying anyone (destruction).
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);

@@ -400,11 +400,13 @@ void EthDevPamManager::handleFilterProgram() {
       EDPM_TRACE(5, "Socket not yet created as no EthDevPam enabled yet. Ignore");
       return;
     }
+    int sock = bundle.sd();
     try {
-      attachOrDetachFilter(bundle.sd(), false, program.filter(), program.len());
-      if (bundle.sdTap() != -1) attachOrDetachFilter(bundle.sdTap(), true, program.filter(), program.len());
+      attachOrDetachFilter(sock, false, program.filter(), program.len());
+      if (bundle.sdTap() != -1) attachOrDetachFilter(sock = bundle.sdTap(), true, program.filter(), program.len());
     } catch (Vorn::ErrnoException const &) {
-      doSharedSocketLost();  // the bundle closed the socket that refused it
+      bundle.doSocketForget(sock);  // closed by the refusal
+      doSharedSocketLost();
     }
     for (auto const & e : pam_) {
       if (e.value->pam()) e.value->pam()->filterProgramIs(program);  // no socket of their own: stored only

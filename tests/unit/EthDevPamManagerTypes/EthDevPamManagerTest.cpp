@@ -14,8 +14,10 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/ThrownText.h"
@@ -191,8 +193,12 @@ TEST_F(EthDevPamManagerTest, FailuresLeaveNothingPublishedNorCountedAndNoPamOnAC
             std::vector<long>({manager->edpBundle()->sd(), manager->edpBundle()->sd(), 2}));
 
   Ptr<Ovel::EthDevPam> const old = pam(1);
+  int const sd = old->sd();
+  fake.clearCalls();
   manager->filterProgramIs({});  // refused: the socket is closed, so its Pams go and come back
-  EXPECT_EQ(std::vector<long>({old->sd(), pams->intfPams(), manager->edpBundle()->sd()}), std::vector<long>({-1, 0, -1}));
+  auto const closes = fake.calls(Kind::close);
+  EXPECT_EQ(std::vector<long>({old->sd(), pams->intfPams(), manager->edpBundle()->sd(), long(closes.size()), closes[0].fd}),
+            std::vector<long>({-1, 0, -1, 1, sd}));
   fake.clearCalls();
   advanceAndRun(0);
   EXPECT_EQ(std::vector<long>({pams->intfPams(), manager->edpBundle()->sdRef(), long(attached())}), std::vector<long>({2, 2, 0}));
@@ -212,6 +218,9 @@ TEST_F(EthDevPamManagerTest, FailuresLeaveNothingPublishedNorCountedAndNoPamOnAC
   EXPECT_EQ(std::vector<size_t>({count("Applying new filter to Ethernet3 pam device"), attached()}),
             std::vector<size_t>({1, 3}));
   EXPECT_EQ(manager->edpBundle()->sd(), -1);
+  int const own = pam(3)->sd();
+  manager = nullptr;  // destroyed while enabled: its Pams are withdrawn and their sockets closed
+  EXPECT_EQ(std::vector<long>({pams->intfPams(), fcntl(own, F_GETFD)}), std::vector<long>({0, -1}));
 }
 
 TEST_F(EthDevPamManagerTest, BridgeFilterWantsBridgedInterfacesAndDevicesWithoutStatus) {
@@ -237,6 +246,12 @@ TEST_F(EthDevPamManagerTest, BridgeFilterWantsBridgedInterfacesAndDevicesWithout
   EXPECT_EQ(desired->intfDesireds(), 0u);
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { filter->intfStatusIs(id(1), nullptr); }),
             "null _intfStatus parameter to mutator for Interface::EthBridgeIntfFilter::intfStatus not allowed\"");
+  for (auto [type, n, last] : {std::tuple("Interface::EthDevPamManagerBase", 7, "maxRxPktData"),
+                               std::tuple("Interface::EthDevPamManager", 23, "initialized"),
+                               std::tuple("Interface::EthBridgeIntfFilter", 3, "intfStatus")}) {
+    auto const & names = Intfsm::typeRegistry().type(type)->attributes();
+    EXPECT_EQ(std::pair(names.size(), names.back().stdString()), std::pair(size_t(n), std::string(last))) << type;
+  }
 }
 
 }  // namespace
