@@ -1,6 +1,6 @@
 // The packet-access manager end to end: the kernel's link table of a namespace of the test's own,
 // through the namespace root's kernel interface status, to Pams on two of three veth devices whose
-// peers sit in a second namespace, from where raw sockets send and receive the frames.
+// peers sit in a second namespace, from where a raw socket sends and receives the frames.
 #include <arpa/inet.h>
 #include <linux/filter.h>
 #include <linux/if.h>
@@ -25,7 +25,6 @@
 #include "tests/support/NetNs.h"
 
 using namespace Interface;
-using Ovel::IntfId;
 using Vorn::Ptr;
 
 namespace {
@@ -38,15 +37,6 @@ std::string frame(char first) {
   f.resize(60, 0x5a);
   return f;
 }
-
-struct Reader : Ovel::Pam::NotifieeConst {
-  explicit Reader(Ptr<Ovel::Pam> const & p) : pam(p.ptr()) { notifierIs(p); }
-  void onReadableCount() override {
-    while (Ptr<Ovel::Pkt> pkt = pam->rxPkt()) firsts += char(pkt->data()[14]);
-  }
-  Ovel::Pam * pam;
-  std::string firsts;  // the first payload byte of each frame, in order
-};
 
 class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
  protected:
@@ -68,22 +58,22 @@ class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
       locals->intfStatusLocalIs(intfStatusLocalFactory(id(i)));
       locals->intfStatusLocal(id(i))->netNsNameIs(Ovel::NamespaceName(ns));
     }
-    peer = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, peerNs.c_str());  // protocol 0: sends only
+    // Sends to the devices, and receives what the Pams send (a socket never sees its own frames).
+    peer = Ovel::socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(testProtocol), peerNs.c_str());
   }
   void TearDown() override {
-    if (!IsSkipped()) {
-      manager = nullptr;
-      root = nullptr;
-      kni = nullptr;
-      close(peer);
-      EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    }
-    std::vector<std::string> const made = IsSkipped() ? std::vector<std::string>() : netns().namespaces();
-    NetNsTest::TearDown();
+    if (IsSkipped()) return;
+    manager = nullptr;
+    root = nullptr;
+    kni = nullptr;
+    close(peer);
+    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
+    std::vector<std::string> const made = netns().namespaces();
+    NetNsTest::TearDown();  // the devices go with their namespaces
     for (std::string const & n : made) EXPECT_FALSE(std::filesystem::exists("/run/netns/" + n)) << n;
   }
 
-  static IntfId id(int i) { return IntfId("Ethernet" + std::to_string(i + 1)); }
+  static Ovel::IntfId id(int i) { return Ovel::IntfId("Ethernet" + std::to_string(i + 1)); }
   void vethNew(int i) {
     std::string const a = "va" + std::to_string(i), b = "vb" + std::to_string(i);
     netns().vethPairNew(ns, a, b, peerNs);
@@ -96,10 +86,14 @@ class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
     to.sll_ifindex = peerIndex(i);
-    std::string const f = frame(first);
-    ASSERT_EQ(sendto(peer, f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to), ssize_t(f.size()));
+    ASSERT_EQ(sendto(peer, frame(first).data(), 60, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 60);
   }
   Ptr<Ovel::EthDevPam> pam(int i) { return Vorn::ptr_cast<Ovel::EthDevPam>(pams->intfPam(id(i))); }
+  // Whether the frames taken so far from interface i's Pam, by their first payload byte, are `expected`.
+  bool got(int i, std::string const & expected) {
+    while (Ptr<Ovel::Pkt> pkt = pam(i) ? pam(i)->rxPkt() : nullptr) firsts[i] += char(pkt->data()[14]);
+    return firsts[i] == expected;
+  }
   bool runUntil(std::function<bool()> const & done) {
     for (int pass = 0; pass < 1000 && !done(); ++pass) Vorn::activityManager().runOnce(0.01);
     return done();
@@ -108,6 +102,7 @@ class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
   int descriptors = 0;
   std::string ns, peerNs;
   int peer = -1;
+  std::string firsts[2];
   Ptr<AllIntfStatusDir> all = allIntfStatusDirFactory("all");
   Ptr<AllIntfStatusLocalDir> locals = allIntfStatusLocalDirFactory("locals");
   Ptr<NetNsIntfStatusManagerRoot> root;
@@ -132,48 +127,34 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     desired->intfDesiredIs(id(1), true);
     ASSERT_TRUE(runUntil([&] { return pams->intfPams() == 2; }));
     EthDevPamBundle const & bundle = *manager->edpBundle();
-    if (perIntfSocket) {
-      EXPECT_TRUE(pam(0)->ownSocket() && pam(1)->ownSocket());
-      EXPECT_NE(pam(0)->sd(), pam(1)->sd());
-      EXPECT_EQ(bundle.sd(), -1);
-    } else {
-      EXPECT_EQ(std::vector<int>({pam(0)->sd(), pam(1)->sd(), bundle.sdRef()}), std::vector<int>({bundle.sd(), bundle.sd(), 2}));
-    }
-    Ptr<Reader> readers[2] = {new Reader(pams->intfPam(id(0))), new Reader(pams->intfPam(id(1)))};
-    send(0, 'a');
-    send(1, 'b');
-    send(2, 'c');
-    ASSERT_TRUE(runUntil([&] {
-      return readers[0]->firsts == "a" && readers[1]->firsts == "b" && (perIntfSocket || bundle.pamNotReadyDropCount() == 1);
-    }));
+    int const shared = perIntfSocket ? -1 : bundle.sd();
+    EXPECT_EQ(std::vector<int>({pam(0)->ownSocket(), pam(1)->ownSocket(), pam(0)->sd() == pam(1)->sd(), bundle.sd()}),
+              std::vector<int>({perIntfSocket, perIntfSocket, !perIntfSocket, shared}));
+    firsts[0] = firsts[1] = "";
+    for (int i : {0, 1, 2}) send(i, char('a' + i));  // the third is known, but has no Pam
+    ASSERT_TRUE(runUntil([&] { return got(0, "a") && got(1, "b") && (perIntfSocket || bundle.pamNotReadyDropCount() == 1); }));
 
     manager->filterProgramIs(Ovel::SockFilterProgram{{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14},
                                                      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 'k'},
                                                      {BPF_RET | BPF_K, 0, 0, 0xffff},
                                                      {BPF_RET | BPF_K, 0, 0, 0}});
     for (int i : {0, 1}) {
-      send(i, 'x');  // dropped in the kernel: only frames behind it arrive
+      send(i, 'x');  // dropped in the kernel: only the frame behind it arrives
       send(i, 'k');
     }
-    ASSERT_TRUE(runUntil([&] { return readers[0]->firsts == "ak" && readers[1]->firsts == "bk"; }));
+    ASSERT_TRUE(runUntil([&] { return got(0, "ak") && got(1, "bk"); }));
 
-    // Out of the Pam's own interface: the peer of va1 receives it.
-    int const listener = Ovel::socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(testProtocol), peerNs.c_str());
-    sockaddr_ll at{};
-    at.sll_family = AF_PACKET;
-    at.sll_protocol = htons(testProtocol);
-    at.sll_ifindex = peerIndex(1);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
+    // Out of the Pam's own interface (the shared socket, addressed to va1): it arrives at va1's peer.
     Ptr<Ovel::Pkt> out = Ovel::globalPktManager().newPkt();
-    std::string const t = frame('t');
-    out->dataIs(t.data(), uint32_t(t.size()));
+    out->dataIs(frame('t').data(), 60);
     EXPECT_TRUE(pam(1)->txPkt(out));
-    pollfd ready{listener, POLLIN, 0};
+    pollfd ready{peer, POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 2000), 1);
-    char got[100];
-    EXPECT_EQ(recv(listener, got, sizeof got, 0), 60);
-    EXPECT_EQ(got[14], 't');
-    close(listener);
+    char bytes[100];
+    sockaddr_ll from{};
+    socklen_t length = sizeof from;
+    EXPECT_EQ(recvfrom(peer, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &length), 60);
+    EXPECT_EQ(std::pair(bytes[14], from.sll_ifindex), std::pair('t', peerIndex(1)));
 
     // The device goes, and comes back under the same name with another ifindex.
     uint32_t const old = pam(0)->ifIndex();
@@ -183,11 +164,10 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     uint32_t const now = uint32_t(netns().link(ns, "va0")->ifindex);
     ASSERT_TRUE(runUntil([&] { return pam(0) && pam(0)->ifIndex() == now; }));
     EXPECT_NE(now, old);
-    readers[0] = new Reader(pams->intfPam(id(0)));
     send(0, 'k');
-    ASSERT_TRUE(runUntil([&] { return readers[0]->firsts == "k"; }));
+    ASSERT_TRUE(runUntil([&] { return got(0, "akk"); }));
 
-    manager->enabledIs(false);
+    manager->handleDestruction();
     EXPECT_EQ(pams->intfPams(), 0u);
     desired->intfDesiredDelAll();
     manager->filterProgramIs({});
