@@ -23,7 +23,8 @@
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
 // with bad content). doSetRcvBuf and attachOrDetachFilter close `sock` whenever they raise; when that
-// socket is one of the bundle's, the bundle forgets it as well (sd -1, count 0, no watch).
+// socket is one of the bundle's, doSetRcvBuf makes the bundle forget it as well (sd -1, count 0, no
+// watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
 // doGetRxPkt: one frame per call, or with enableBulkPamRead up to bulkReadQuota (at most 128) frames
