@@ -236,7 +236,7 @@ TEST_F(KernelOperStateKernelTest, DecidedStateOutlastsCarrierFlapsUntilConvergen
 
 TEST_F(KernelOperStateKernelTest, DeviceThatAppearsLaterOrIsRecreatedGetsTheDecidedState) {
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   addInterface("Ethernet3", "vz0", ns2, Interface::intfOperDown);
   EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 5 for device vz0 refused: No such device"));
   int ifIndex = 0;
