@@ -23,9 +23,10 @@
 //   no device can have: traced ("... not sent: device name longer than 15 bytes") and not sent, so
 //   that a bad name in an interface status never ends the process.
 // - An acknowledgement that is not there yet is not waited for (traced at level 1); whatever it
-//   later leaves on the socket is discarded by the next request, which drains the socket before it
-//   sends. The socket is therefore taken to serve these requests alone; replies from other ports or
-//   with another sequence number are skipped.
+//   later leaves on the socket is discarded by the next request, which then drains the socket before
+//   it sends (only then: a request whose answer was read costs one receive). The socket is therefore
+//   taken to serve these requests alone; replies from other ports or with another sequence number
+//   are skipped.
 //
 // Accepted is not applied: the kernel moves to DORMANT only from an operationally up device and to UP
 // only from DORMANT, TESTING or UNKNOWN; on other devices it acknowledges and changes nothing.

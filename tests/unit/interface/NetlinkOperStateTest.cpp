@@ -138,7 +138,7 @@ TEST_F(NetlinkOperStateBody, RequestNamesTheDeviceAndCarriesTheStateWithTheTagAs
 TEST_F(NetlinkOperStateBody, AnswersAreReadAtOnceTracedAndNeverAFailure) {
   struct Case {
     char const * what;
-    std::vector<std::string> stale;  // on the socket before the request
+    std::vector<std::string> stale;  // late answers to an earlier request that had none in time
     std::vector<Reply> replies;
     std::vector<std::string> traces;
   };
@@ -163,9 +163,13 @@ TEST_F(NetlinkOperStateBody, AnswersAreReadAtOnceTracedAndNeverAFailure) {
   };
   for (Case const & c : cases) {
     SCOPED_TRACE(c.what);
+    if (!c.stale.empty()) {
+      replies = {};
+      EXPECT_TRUE(send("et1"));
+      for (std::string const & datagram : c.stale) fake.queueDatagram(sd, datagram);
+    }
     trace.clear();
     fake.clearCalls();
-    for (std::string const & datagram : c.stale) fake.queueDatagram(sd, datagram);
     replies = c.replies;
     EXPECT_TRUE(send("et1"));
     EXPECT_THAT(traced(), ElementsAreArray(c.traces));
@@ -186,7 +190,27 @@ TEST_F(NetlinkOperStateBody, OnlyAFailedSendIsAFailure) {
   errno = 0;
   EXPECT_FALSE(send("et1"));
   EXPECT_EQ(errno, ECONNREFUSED);
-  EXPECT_EQ(fake.count(Kind::recvmsg), 1u);  // the drain before sending; no answer looked for
+  EXPECT_EQ(fake.count(Kind::recvmsg), 1u);  // the drain for the first request's unread answer only
+}
+
+// A request costs the kernel's answer and one receive; the socket is drained first only after a
+// request whose answer was not there yet.
+TEST_F(NetlinkOperStateBody, TheSocketIsDrainedOnlyAfterAnAnswerLeftUnread) {
+  replies = {ack()};
+  EXPECT_TRUE(send("et1"));
+  fake.clearCalls();
+  EXPECT_TRUE(send("et1"));
+  EXPECT_EQ(fake.count(Kind::recvmsg), 1u);
+
+  replies = {};
+  EXPECT_TRUE(send("et1"));
+  replies = {ack()};
+  fake.clearCalls();
+  EXPECT_TRUE(send("et1"));
+  EXPECT_EQ(fake.count(Kind::recvmsg), 2u);
+  fake.clearCalls();
+  EXPECT_TRUE(send("et1"));
+  EXPECT_EQ(fake.count(Kind::recvmsg), 1u);
 }
 
 // Arguments no request can carry are the caller's error: false, EINVAL, nothing sent. A name no
