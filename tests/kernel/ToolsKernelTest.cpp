@@ -248,7 +248,7 @@ TEST_F(ToolsKernelTest, PamdumpRefusesBadArgumentsWithOneLine) {
       {{"-c", "x"}, "pamdump: bad count 'x'"},
   };
   for (Case const & c : cases) {
-    std::vector<std::string> argv = {PAMDUMP_PATH};
+    std::vector<std::string> argv = {"timeout", "10", PAMDUMP_PATH};  // a pamdump that captured would not end
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     auto const r = runCommand(argv);
     EXPECT_EQ(r.status, 2) << r.output;
