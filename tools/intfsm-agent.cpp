@@ -57,7 +57,7 @@ char const helpText[] =
     "  filter { c, jt, jf, k }, ...   classic BPF program for the sockets;  filter none: no filter\n"
     "  send ID [count N] [vlan V] [type T] [to MAC] [length L]   frames out of a watched interface\n"
     "  show                   the table: device, ifindex, kernel operstate, frames received, drops\n"
-    "  clear                  zero the frame counters\n"
+    "  clear                  zero the counters (frames and drops)\n"
     "  print on|off           print every frame received\n"
     "  wait SECONDS           let the loop run (scripts)\n"
     "  say TEXT               print TEXT (scripts)\n"
@@ -71,6 +71,7 @@ struct Port {
   Vorn::Ptr<Interface::IntfStatusLocal> local;
   uint64_t received = 0;
   uint64_t unmatched = 0;
+  uint64_t dropsAtClear = 0;  // the Pam's drop count when the counters were last cleared
 };
 
 std::vector<std::string> words(std::string const & line) {
@@ -159,6 +160,7 @@ class Agent {
   std::string doFilter(std::string const & text);
   std::string doSend(std::vector<std::string> const & w);
   void doShow();
+  void doClear();
   // The ports a command names: one, or all for "all"; empty when there is no such interface.
   std::vector<Port *> portsNamed(std::string const & name);
 
@@ -171,6 +173,9 @@ class Agent {
   Vorn::Ptr<Receiver> receiver_;
   Tools::Filter filter_;
   bool print_ = false;
+  // The bundle's drop counts when the counters were last cleared: "show" prints what came since.
+  uint32_t notReadyAtClear_ = 0;
+  uint32_t noPamAtClear_ = 0;
 
   int inputFd_ = -1;
   bool echo_ = false;
@@ -363,7 +368,7 @@ void Agent::execute(std::string const & raw) {
   } else if (verb == "show" && w.size() == 1) {
     doShow();
   } else if (verb == "clear" && w.size() == 1) {
-    for (Port & p : ports_) p.received = p.unmatched = 0;
+    doClear();
   } else if (verb == "print" && w.size() == 2 && (w[1] == "on" || w[1] == "off")) {
     print_ = w[1] == "on";
   } else if (verb == "wait" && w.size() == 2) {
@@ -468,6 +473,21 @@ std::string Agent::doSend(std::vector<std::string> const & w) {
   return {};
 }
 
+namespace {
+uint64_t pamDrops(Ovel::Pam const & pam) { return pam.queueDropCount() + pam.rxErrors(); }
+}  // namespace
+
+void Agent::doClear() {
+  for (Port & p : ports_) {
+    p.received = p.unmatched = 0;
+    Vorn::Ptr<Ovel::Pam> pam = packets_->pamCollection()->intfPam(p.id);
+    p.dropsAtClear = pam ? pamDrops(*pam) : 0;
+  }
+  auto const & bundle = packets_->ethDevPamManager()->edpBundle();
+  notReadyAtClear_ = bundle ? bundle->pamNotReadyDropCount() : 0;
+  noPamAtClear_ = bundle ? bundle->noPamDropCount() : 0;
+}
+
 void Agent::doShow() {
   std::printf("%-12s %-8s %7s  %-15s %-7s %9s %6s\n", "interface", "device", "ifindex", "kernel operstate",
               "watched", "received", "drops");
@@ -476,15 +496,19 @@ void Agent::doShow() {
     std::string ifIndex = link ? std::to_string(link->ifIndex) : "-";
     char const * oper = link ? Tools::operStateName(link->operState) : "no device";
     Vorn::Ptr<Ovel::Pam> pam = packets_->pamCollection()->intfPam(p.id);
-    std::string drops = pam ? std::to_string(pam->queueDropCount() + pam->rxErrors()) : "-";
+    // A Pam made since the last clear counts from zero.
+    std::string drops = !pam ? "-" : std::to_string(pamDrops(*pam) >= p.dropsAtClear ? pamDrops(*pam) - p.dropsAtClear : pamDrops(*pam));
     std::printf("%-12s %-8s %7s  %-16s %-7s %9llu %6s\n", p.id.charPtr(), p.device.c_str(), ifIndex.c_str(), oper,
                 pam ? "yes" : "no", static_cast<unsigned long long>(p.received), drops.c_str());
   }
   auto const & bundle = packets_->ethDevPamManager()->edpBundle();
   uint64_t unmatched = 0;
   for (Port const & p : ports_) unmatched += p.unmatched;
-  std::printf("dropped: %u frames of unwatched interfaces, %u of unknown devices", bundle ? bundle->pamNotReadyDropCount() : 0,
-              bundle ? bundle->noPamDropCount() : 0);
+  // A bundle made since the last clear counts from zero.
+  auto since = [](uint32_t now, uint32_t atClear) { return now >= atClear ? now - atClear : now; };
+  std::printf("dropped: %u frames of unwatched interfaces, %u of unknown devices",
+              bundle ? since(bundle->pamNotReadyDropCount(), notReadyAtClear_) : 0,
+              bundle ? since(bundle->noPamDropCount(), noPamAtClear_) : 0);
   switch (filter_.kind()) {
     case Tools::Filter::Kind::none: std::printf("; no filter\n"); break;
     case Tools::Filter::Kind::kernel: std::printf("; socket filter of %u instructions\n", filter_.kernelProgram().len()); break;

@@ -202,6 +202,16 @@ TEST_F(ToolsKernelTest, AgentMirrorsOperStatusCountsWatchedFramesAndSends) {
   EXPECT_EQ(linesMatching(capture.output(), std::regex("^.* pe1 .*ethertype 0x88b7, vlan 7, length 64$")).size(), 3u)
       << capture.output();
 
+  // Unwatched, Ethernet1 loses its endpoint: its frames are drops now, counted from the clear.
+  agent.write("unwatch Ethernet1\nclear\nsay unwatched\n");
+  agent.readUntil("== unwatched");
+  send("1", 3);
+  agent.write("wait 0.3\nshow\nsay after\n");
+  out = agent.readUntil("== after");
+  EXPECT_EQ(receivedOf(out, "Ethernet1"), 0) << out;
+  EXPECT_THAT(out, testing::ContainsRegex("Ethernet1 +et1 +[0-9]+ +UP +no")) << out;
+  EXPECT_THAT(out, HasSubstr("dropped: 3 frames of unwatched interfaces")) << out;
+
   agent.write("quit\n");
   EXPECT_EQ(agent.wait(), 0) << agent.output();
 }
