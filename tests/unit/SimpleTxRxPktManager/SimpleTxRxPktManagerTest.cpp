@@ -1,0 +1,211 @@
+// The simple managers without a kernel: the text form of socket filters, the test-only filter entry
+// point and its guard, the desired list, the receive loop (one frame per readable notification), and
+// the simple packet-access manager feeding its device directory from a hand-filled kernel table.
+#include "intfsm/SimpleTxRxPktManager/SimpleTxRxPktManager.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "intfsm/foundation/ovel/EthDevPamInBundle.h"
+#include "intfsm/foundation/ovel/PktManager.h"
+#include "tests/support/ModuleTest.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using Ovel::IntfId;
+
+struct Instruction {
+  unsigned code, jt, jf, k;
+  bool operator==(Instruction const &) const = default;
+};
+std::ostream & operator<<(std::ostream & os, Instruction const & i) {
+  return os << "{ 0x" << std::hex << i.code << std::dec << ", " << i.jt << ", " << i.jf << ", 0x" << std::hex << i.k
+            << std::dec << " }";
+}
+
+std::vector<Instruction> parsed(std::string const & text, int & count) {
+  count = Interface::parseFilter(Vorn::String(text), nullptr);
+  std::vector<sock_filter> out(count > 0 ? static_cast<size_t>(count) : 0);
+  if (count > 0) {
+    EXPECT_EQ(Interface::parseFilter(Vorn::String(text), out.data()), count) << text;
+  }
+  std::vector<Instruction> result;
+  for (sock_filter const & f : out) result.push_back({f.code, f.jt, f.jf, f.k});
+  return result;
+}
+
+TEST(ParseFilterTest, ReadsTheTextFormOrNothing) {
+  struct Case {
+    char const * text;
+    std::vector<Instruction> expected;  // empty: the text is invalid (0)
+  } const cases[] = {
+      {"{ 0x28, 0, 0, 0xc }", {{0x28, 0, 0, 0xc}}},
+      {"{ 28, 0, 0, c }", {{0x28, 0, 0, 0xc}}},  // hexadecimal without the prefix
+      {"{0x15,1,2,0x88b5}", {{0x15, 1, 2, 0x88b5}}},
+      {"prog: { 0x28, 0, 0, 0xc } ;; junk, { 0x6, 0, 0, 0x40000 } trailing", {{0x28, 0, 0, 0xc}, {0x6, 0, 0, 0x40000}}},
+      {"{ 0x15, 257, 3, 0 }", {{0x15, 1, 3, 0}}},  // jumps cut to 8 bits
+      {"{ 0x28, 0, 0 }", {}},                      // three numbers
+      {"{ 0x28, 0, 0, 0xc }, { 0x6, 0, 0, 0", {}}, // the last element is not closed
+      {"{ 0x28, 0, 0, 0xc }, { 0x6, x, 0, 0 }", {}},
+      {"0x28, 0, 0, 0xc", {}},                     // no braces
+      {"", {}},
+  };
+  for (Case const & c : cases) {
+    int count = -1;
+    EXPECT_EQ(parsed(c.text, count), c.expected) << c.text;
+    EXPECT_EQ(count, static_cast<int>(c.expected.size())) << c.text;
+  }
+}
+
+class SimpleTxRxPktManagerTest : public IntfsmTest::ModuleTest {
+ protected:
+  SimpleTxRxPktManagerTest() : ModuleTest("SimpleTxRxPktManager") { setenv("ETHDEVPAMMANAGER_TESTING", "1", 1); }
+  ~SimpleTxRxPktManagerTest() override { unsetenv("ETHDEVPAMMANAGER_TESTING"); }
+
+  // A manager with a packet-access manager of its own.
+  Vorn::Ptr<Interface::SimpleTxRxPktManager> initialized() {
+    auto m = Interface::simpleTxRxPktManagerFactory(devices, nullptr);
+    m->desiredIntfDirIs("desired");
+    m->initializedTxRxIs(true);
+    return m;
+  }
+
+  Vorn::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory("devices");
+};
+
+TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadText) {
+  auto m = initialized();
+  ASSERT_TRUE(m->ethDevPamManager());
+  EXPECT_EQ(m->pamCollection()->name(), "edpc");
+  EXPECT_EQ(m->ethDevPamManager()->pamCollection(), m->pamCollection());
+
+  ASSERT_TRUE(m->applyFilter("{ 0x28, 0, 0, 0xc }, { 0x6, 0, 0, 0x40000 }"));
+  Ovel::SockFilterProgram const good{{0x28, 0, 0, 0xc}, {0x6, 0, 0, 0x40000}};
+  EXPECT_EQ(m->bpfFilterLen(), 2u);
+  EXPECT_EQ(Ovel::SockFilterProgram(m->bpfFilter(), m->bpfFilterLen()), good);
+  EXPECT_EQ(m->ethDevPamManager()->filterProgram(), good);
+  EXPECT_EQ(trace.count("Filter parsed and set"), 1u);
+
+  for (char const * bad : {"{ 0x6, 0, 0 }", "no program", "{ 0x6, 0, 0, 0 } {"}) {
+    EXPECT_FALSE(m->applyFilter(bad)) << bad;
+    EXPECT_EQ(m->bpfFilterLen(), 2u);
+    EXPECT_EQ(Ovel::SockFilterProgram(m->bpfFilter(), m->bpfFilterLen()), good);
+    EXPECT_EQ(m->ethDevPamManager()->filterProgram(), good);
+  }
+  EXPECT_EQ(trace.count("Filter parsed and set"), 1u);
+}
+
+TEST_F(SimpleTxRxPktManagerTest, ApplyFilterOutsideATestEnvironmentStopsTheProcess) {
+  auto m = initialized();
+  EXPECT_DEATH(
+      {
+        unsetenv("ETHDEVPAMMANAGER_TESTING");
+        m->applyFilter("{ 0x6, 0, 0, 0 }");
+      },
+      "assertion \"0 && \"This is call is only intended for testing from python\"\" failed");
+}
+
+TEST_F(SimpleTxRxPktManagerTest, AddAndDeleteAreIdempotent) {
+  auto m = initialized();
+  auto const & desired = m->desiredIntfDir();
+  IntfId const et1("Ethernet1");
+  EXPECT_TRUE(m->delIntfPam(et1));  // absent: nothing
+  EXPECT_TRUE(m->addIntfPam(et1));
+  EXPECT_TRUE(m->addIntfPam(et1));
+  desired->intfDesiredIs(IntfId("Ethernet2"), false);
+  EXPECT_TRUE(m->addIntfPam(IntfId("Ethernet2")));  // an entry, even false, is left alone
+  EXPECT_TRUE(desired->intfDesired(et1));
+  EXPECT_FALSE(desired->intfDesired(IntfId("Ethernet2")));
+  EXPECT_TRUE(m->delIntfPam(et1));
+  EXPECT_TRUE(m->delIntfPam(et1));
+  EXPECT_FALSE(desired->intfDesiredIter().contains(et1));
+  EXPECT_EQ(trace.count("SimpleTxRxPktManager: Adding Ethernet1 to the desired list"), 1u);
+  EXPECT_EQ(trace.count("SimpleTxRxPktManager: Deleting Ethernet1 PAM"), 1u);
+  EXPECT_EQ(trace.countContaining("SimpleTxRxPktManager: Adding Ethernet2"), 0u);
+}
+
+// A receiver that records what the loop hands it.
+class Recorder : public Interface::SimpleTxRxPktManager {
+ public:
+  using SimpleTxRxPktManager::SimpleTxRxPktManager;
+  void handleRx(Vorn::Ptr<Ovel::Pam> const &, IntfId const & id, Vorn::Ptr<Ovel::Pkt> const & pkt) override {
+    frames.push_back(id.name().stdString() + ":" + std::to_string(pkt->data()[0]));
+  }
+  void handleOutputPam(IntfId const & id) override { outputs.push_back(id.name().stdString()); }
+  std::vector<std::string> frames;
+  std::vector<std::string> outputs;
+};
+
+TEST_F(SimpleTxRxPktManagerTest, ReadsOneFramePerReadableNotification) {
+  auto pams = Interface::ethDevPamCollectionFactory("pams");
+  Vorn::Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("et1");
+  pams->intfPamIs(IntfId("Ethernet9"), new Ovel::EthDevPamInBundle("et9"));  // there before: found at binding
+  Vorn::Ptr<Recorder> r = new Recorder(devices, pams);
+  EXPECT_EQ(r->pams(), 1u);
+  pams->intfPamIs(IntfId("Ethernet1"), pam);
+  EXPECT_EQ(r->pams(), 2u);
+  EXPECT_THAT(r->outputs, ElementsAre("Ethernet1"));
+
+  for (uint8_t first : {1, 2, 3}) {
+    Vorn::Ptr<Ovel::Pkt> pkt = Ovel::globalPktManager().newPkt();
+    uint8_t bytes[60] = {first};
+    pkt->dataIs(bytes, sizeof bytes);
+    pam->writeNewRxPkt(pkt);
+  }
+  pam->readableCountInc(1);
+  EXPECT_THAT(r->frames, ElementsAre("Ethernet1:1"));
+  EXPECT_EQ(r->numRcvd(), 1u);
+  EXPECT_EQ(pam->curRxPkts(), 2u);
+  pam->readableCountInc(1);
+  pam->readableCountInc(1);
+  pam->readableCountInc(1);  // nothing left
+  EXPECT_THAT(r->frames, ElementsAre("Ethernet1:1", "Ethernet1:2", "Ethernet1:3"));
+  EXPECT_EQ(r->numRcvd(), 3u);
+  EXPECT_EQ(trace.count("void Interface::SimpleTxRxPktManager::VornPam::handleReadableCount() no pkt, pam only set"),
+            1u);
+
+  // A Pam withdrawn from the collection is no longer read.
+  pams->intfPamDel(IntfId("Ethernet1"));
+  EXPECT_EQ(r->pams(), 1u);
+  EXPECT_THAT(r->outputs, ElementsAre("Ethernet1", "Ethernet1"));
+  Vorn::Ptr<Ovel::Pkt> late = Ovel::globalPktManager().newPkt();
+  uint8_t bytes[60] = {9};
+  late->dataIs(bytes, sizeof bytes);
+  pam->writeNewRxPkt(late);
+  pam->readableCountInc(1);
+  EXPECT_EQ(r->numRcvd(), 3u);
+}
+
+TEST_F(SimpleTxRxPktManagerTest, SimpleEthDevPamManagerFeedsItsDeviceDirectoryOnceInitialized) {
+  auto all = Interface::allIntfStatusDirFactory("all");
+  auto locals = Interface::allIntfStatusLocalDirFactory("locals");
+  auto status = Interface::intfStatusFactory(IntfId("Ethernet1"));
+  status->deviceNameIs("et1");
+  all->intfStatusIs(status);
+  locals->intfStatusLocalIs(Interface::intfStatusLocalFactory(IntfId("Ethernet1")));
+  auto kernel = KernelNetInfo::Root::rootNew("kernel");
+  kernel->interfaceIs(KernelNetInfo::Interface(7, IFF_UP | IFF_RUNNING, "et1"));
+  auto kni = KernelNetInfo::Status::statusNew("kni", Ovel::NamespaceName(Ovel::DEFAULT_NS), kernel);
+
+  auto s = Interface::simpleEthDevPamManagerFactory(all, locals, kni);
+  ASSERT_TRUE(s->deviceIntfStatusDir() && s->desiredIntfDir() && s->pamCollection() && s->ethDevPamManager());
+  EXPECT_EQ(s->deviceIntfStatusDir()->parent().ptr(), s.ptr());
+  EXPECT_EQ(s->ethDevPamManager()->deviceIntfStatusDir(), s->deviceIntfStatusDir());
+  EXPECT_FALSE(s->ethDevPamManager()->enabled());
+  EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceNames(), 0u);
+
+  s->initializedIs(true);
+  EXPECT_TRUE(s->intfStatusManagerRoot()->intfStatusManager(Ovel::NamespaceName(Ovel::DEFAULT_NS)));
+  EXPECT_FALSE(s->intfStatusManagerRoot()->filterByNetNs());
+  EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceName(IntfId("Ethernet1")).ifIndex, 7u);
+  kernel->interfaceDel(7);
+  EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceNames(), 0u);
+}
+
+}  // namespace
