@@ -112,7 +112,8 @@ class BaseNotifiee : public PtrInterface {
   // Whether a notification may be delivered now.
   bool deliverable() const { return flagBits() == notificationActiveBit; }
   bool isKind(NotifieeKind const * kind) const {
-    for (NotifieeKind const * k = kind_; k; k = k->base) {
+    if (kind_ == kind) return true;  // the usual case: the notifier's own NotifieeConst
+    for (NotifieeKind const * k = kind_->base; k; k = k->base) {
       if (k == kind) return true;
     }
     return false;
@@ -199,8 +200,14 @@ class Notifier : public PtrInterface {
     if (notifiees_.size() == 1) {
       // The common case, one watcher: nothing of this notifier is touched after the call, so it needs
       // no keep-alive, no depth and no compaction, whatever the handler does.
+      // The call is made here rather than through deliver(): that one is not always inlined, and
+      // an extra call is a good part of what a notification costs over a plain virtual call.
       if (BaseNotifiee * n = notifiees_.front(); n && n->deliverable() && n->isKind(&N::vornKind)) {
-        deliver(n, callback, std::tuple<std::decay_t<P>...>(args...));
+        if (!n->queue_) {
+          (static_cast<N *>(n)->*callback)(args...);
+        } else {
+          deliver(n, callback, std::tuple<std::decay_t<P>...>(args...));
+        }
       }
       return;
     }
