@@ -91,11 +91,6 @@ void FakePlatform::failNext(Kind kind, int error, unsigned times) {
   failures_[kind] = Failure{error, times};
 }
 
-void FakePlatform::operStateResultIs(bool accepted, int error) {
-  operStateAccepted_ = accepted;
-  operStateError_ = error;
-}
-
 std::vector<int> FakePlatform::openDescriptors() const { return {open_.begin(), open_.end()}; }
 
 bool FakePlatform::isFakeDescriptor(int fd) const { return everHandedOut_.count(fd) != 0; }
@@ -203,10 +198,7 @@ void FakePlatform::installFakes() {
   Behaviour & b = behaviour_;
   b.socketAt = [this](int, int, int, char const *) { return newSocket(); };
   b.socket = [this](int, int, int) { return newSocket(); };
-  b.setNetlinkOperState = [this](int, char const *, int, int) {
-    if (!operStateAccepted_) errno = operStateError_;
-    return operStateAccepted_;
-  };
+  b.setNetlinkOperState = [](int, char const *, int, int) { return true; };
   b.bind = [](int, sockaddr const *, socklen_t) { return 0; };
   b.close = [this](int fd) {
     if (!isFakeDescriptor(fd)) return previous_.close(fd);

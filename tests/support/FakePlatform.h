@@ -24,7 +24,7 @@
 //   calls go to the previous table.
 // - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
 //   content). "/proc/thread-self/ns/net" is there from the start.
-// - setNetlinkOperState records the request and returns operStateResultIs's answer (true at first).
+// - setNetlinkOperState records the request and returns true; replace it with behaviour() to refuse.
 // A failure queued with failNext wins over the fake: the call is recorded with the
 // failure and returns it (-1, null or false, with errno).
 //
@@ -135,9 +135,6 @@ class FakePlatform {
   // The next `times` calls of `kind` fail with `error`.
   void failNext(Kind kind, int error, unsigned times = 1);
 
-  // The answer of the fake setNetlinkOperState: `accepted`, and errno `error` when not.
-  void operStateResultIs(bool accepted, int error = 0);
-
   // Fake descriptors handed out and not yet closed, in ascending order.
   std::vector<int> openDescriptors() const;
   bool isFakeDescriptor(int fd) const;
@@ -197,8 +194,6 @@ class FakePlatform {
   Behaviour behaviour_;
   std::vector<Call> calls_;
   std::map<Kind, Failure> failures_;
-  bool operStateAccepted_ = true;
-  int operStateError_ = 0;
   int nextDescriptor_ = firstFakeDescriptor;
   std::set<int> open_;
   std::set<int> everHandedOut_;

@@ -15,10 +15,4 @@ void ModuleTest::advanceAndRun(double seconds) {
   runUntilIdle();
 }
 
-std::vector<std::string> ModuleTest::takeTraces() {
-  std::vector<std::string> texts = traces();
-  trace.clear();
-  return texts;
-}
-
 }  // namespace IntfsmTest

@@ -44,9 +44,8 @@ class ModuleTest : public ::testing::Test {
   void advanceAndRun(double seconds);
   double now() const { return time_.now(); }
 
-  // The captured texts of the module's handle, in order; takeTraces() also clears them.
+  // The captured texts of the module's handle, in order.
   std::vector<std::string> traces() const { return trace.texts(module_); }
-  std::vector<std::string> takeTraces();
 
  private:
   std::string module_;

@@ -1,4 +1,5 @@
-// The message of the exception of type E that `f` raises, for asserting exact error texts:
+// Texts to assert on: the message of the exception of type E that `f` raises, and what a value
+// prints as.
 //
 //   EXPECT_EQ(thrownText<Vorn::RangeException>([] { Ovel::NamespaceName n(tooLong); }),
 //             "NamespaceName::bytes > 150 not allowed");
@@ -7,6 +8,7 @@
 // the test.
 #pragma once
 
+#include <sstream>
 #include <string>
 
 namespace IntfsmTest {
@@ -19,6 +21,14 @@ std::string thrownText(F && f) {
     return e.what();
   }
   return "<nothing thrown>";
+}
+
+// `value` as operator<< prints it.
+template <class T>
+std::string printed(T const & value) {
+  std::ostringstream os;
+  os << value;
+  return os.str();
 }
 
 }  // namespace IntfsmTest

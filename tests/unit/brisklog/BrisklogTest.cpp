@@ -11,6 +11,7 @@
 
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/String.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/ThrownText.h"
 #include "tests/support/TraceCapture.h"
@@ -111,6 +112,7 @@ TEST_F(BrisklogTest, LineTextIsUtcTimeModuleLevelPlaceFunctionAndText) {
 // that cannot be opened does not replace), or go to stderr when it is empty.
 TEST_F(BrisklogTest, LinesGoToTheInstalledSinkElseTheOutputFileElseStderr) {
   IntfsmTest::TempDir tmp;
+  int const descriptors = IntfsmTest::openDescriptorCount();
   std::string const file = tmp.path() + "/trace";
   std::ofstream(file) << "earlier line\n";
   Brisklog::outputFileIs(file.c_str());
@@ -128,6 +130,7 @@ TEST_F(BrisklogTest, LinesGoToTheInstalledSinkElseTheOutputFileElseStderr) {
   BRISKLOG_TRACE(h, 5, "state " << 7);
   Brisklog::outputFileIs(nullptr);
   EXPECT_EQ(Brisklog::outputFile(), "");
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);  // the file was closed
   testing::internal::CaptureStderr();
   BRISKLOG_TRACE(h, 0, "to stderr");
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(" BrisklogTest.Sink/0 BrisklogTest.cpp:"));

@@ -30,7 +30,7 @@ TEST(BrisklogConfigurationParse, ModulesLevelsRangesStarAndBlanks) {
       {"EthDevPamManagerTypes/0-8,KernelOperState/5",
        modules({{"EthDevPamManagerTypes", 0x1ff}, {"KernelOperState", 0x20}})},
       {"IntfByDevice", modules({{"IntfByDevice", 0x3ff}})},
-      {"A/0,B/9,C/0-9", modules({{"A", 0x1}, {"B", 0x200}, {"C", 0x3ff}})},
+      {"A/0,B/9,C/0-9,D/3-3", modules({{"A", 0x1}, {"B", 0x200}, {"C", 0x3ff}, {"D", 0x8}})},
       {"*/0-3", modules({}, 0xf)},
       {"*", modules({}, 0x3ff)},
       {"A/1,A/5,*/2,*/3", modules({{"A", 0x22}}, 0xc)},  // items of one module add up

@@ -16,19 +16,13 @@
 
 using namespace Interface;
 using IntfsmTest::NotificationLog;
+using IntfsmTest::printed;
 using IntfsmTest::thrownText;
 using Ovel::IntfId;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
 namespace {
-
-template <class T>
-std::string printed(T const & value) {
-  std::ostringstream os;
-  os << value;
-  return os.str();
-}
 
 struct StatusWatcher : IntfStatus::NotifieeConst {
   void onActive() override { log.add("onActive"); }

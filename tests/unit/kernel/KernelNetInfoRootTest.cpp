@@ -7,23 +7,17 @@
 #include <net/if.h>
 
 #include <map>
-#include <sstream>
 
 #include "tests/support/NotificationLog.h"
 #include "tests/support/ThrownText.h"
 
 namespace {
 
+using IntfsmTest::printed;
 using KernelNetInfo::Interface;
 using KernelNetInfo::Root;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-std::string printed(Interface const & i) {
-  std::ostringstream s;
-  s << i;
-  return s.str();
-}
 
 struct Watcher : Root::NotifieeConst {
   void onInterfaceByDeviceName(Vorn::String const & name) override { log.add("byName", name); }

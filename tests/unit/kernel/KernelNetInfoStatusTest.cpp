@@ -137,6 +137,12 @@ TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
 
 TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   status->enabledIs(true);
+  struct SyncedLog : Status::NotifieeConst {
+    void onSynced() override { seen.push_back(notifier()->synced()); }
+    std::vector<bool> seen;
+  };
+  Vorn::Ptr<SyncedLog> synced = new SyncedLog;
+  synced->notifierIs(status);
   IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
   // Changes whose events the socket loses.
   kernel.linkDel(4);
@@ -165,6 +171,7 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   EXPECT_TRUE(status->synced());
   EXPECT_FALSE(status->redumpPending());
   EXPECT_EQ(status->dumps(), 2u);
+  EXPECT_THAT(synced->seen, ElementsAre(false, true));
 
   loseEvents(start + 10);  // long after the last dump: at once
   EXPECT_EQ(kernel.dumpRequests().size(), 3u);

@@ -101,6 +101,7 @@ class EthDevPamTest : public IntfsmTest::ModuleTest {
 };
 
 TEST_F(EthDevPamTest, OutOfRangeSettingsAreRefusedAndKeepTheValue) {
+  pam->sockPrioIs(15);  // the highest allowed
   std::pair<std::function<void()>, char const *> const cases[] = {
       {[&] { pam->sockPrioIs(16); }, "EthDevPam::sockPrio < 0 or > 15 not allowed"},
       {[&] { pam->socketReadLimitIs(0); }, "EthDevPam::socketReadLimit < 1 or > 1024 not allowed"},

@@ -14,6 +14,7 @@
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ThrownText.h"
 
+using IntfsmTest::printed;
 using IntfsmTest::thrownText;
 using Ovel::EthAddr;
 using Ovel::IntfId;
@@ -21,13 +22,6 @@ using Ovel::NamespaceName;
 using Ovel::SockFilterProgram;
 
 namespace {
-
-template <class T>
-std::string printed(T const & value) {
-  std::ostringstream os;
-  os << value;
-  return os.str();
-}
 
 TEST(IntfId, ConvertsInterfaceAndKernelDeviceNamesUpTo64Bytes) {
   for (std::string const & name :

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 
 #include "tests/support/TestEntities.h"
 
@@ -40,14 +41,6 @@ TEST(Notifier, StoringTheCurrentValueNotifiesNobody) {
   EXPECT_EQ(r->log, (std::vector<std::string>{"item:a", "level=3"}));
 }
 
-TEST(Notifier, DeliveryIsSynchronousAndSeesTheNewValue) {
-  auto w = Widget::widgetNew("w");
-  int seen = -1;
-  Ptr<Hook> h = new Hook(w, [&](Hook * self) { seen = self->notifier()->level(); });
-  w->levelIs(7);
-  EXPECT_EQ(seen, 7);  // already delivered when the mutator returns
-}
-
 TEST(Notifier, BindingDeliversTheWholeCollectionNotificationOnce) {
   auto w = Widget::widgetNew("w");
   w->itemIs("x", 1);
@@ -64,17 +57,15 @@ TEST(Notifier, BindingDeliversTheWholeCollectionNotificationOnce) {
   EXPECT_EQ(w->notifiees(), 0u);
 }
 
-TEST(Notifier, InactiveUnregisteredAndMarkedNotifieesAreSkipped) {
+// Inactive, unregistered, marked or zombie notifiees are skipped; each state can be undone.
+TEST(Notifier, InactiveUnregisteredMarkedAndZombieNotifieesAreSkipped) {
   auto w = Widget::widgetNew("w");
   Ptr<Hook> h = new Hook(w);
   EXPECT_TRUE(h->hasNotificationActive());  // created active
-
   h->hasNotificationActiveIs(false);
   w->levelIs(1);
   h->hasNotificationActiveIs(true);
   w->levelIs(2);
-  EXPECT_EQ(h->calls, 1);
-
   h->isRegisteredNotifieeIs(false);
   EXPECT_EQ(w->notifiees(), 0u);
   w->levelIs(3);
@@ -82,65 +73,40 @@ TEST(Notifier, InactiveUnregisteredAndMarkedNotifieesAreSkipped) {
   w->levelIs(4);
   EXPECT_EQ(h->calls, 2);
 
-  h->vornMarkedForDeletionIs(true);
-  w->levelIs(5);
-  EXPECT_EQ(h->calls, 2);
-}
-
-TEST(Notifier, ZombieUnregistersAndMarksAndCanBeUndone) {
-  auto w = Widget::widgetNew("w");
-  Ptr<Hook> h = new Hook(w);
   h->vornZombieIs(true);
   EXPECT_TRUE(h->vornMarkedForDeletion());
   EXPECT_FALSE(h->isRegisteredNotifiee());
   EXPECT_EQ(w->notifiees(), 0u);
-  w->levelIs(1);
-  EXPECT_EQ(h->calls, 0);
-
+  w->levelIs(5);
   h->vornZombieIs(false);
   EXPECT_FALSE(h->vornMarkedForDeletion());
-  EXPECT_TRUE(h->isRegisteredNotifiee());
-  w->levelIs(2);
-  EXPECT_EQ(h->calls, 1);
+  w->levelIs(6);
+  EXPECT_EQ(h->calls, 3);
+  h->vornMarkedForDeletionIs(true);
+  w->levelIs(7);
+  EXPECT_EQ(h->calls, 3);
 }
 
-TEST(Notifier, NotifieeDeletedDuringDispatchIsNotCalledAgain) {
+// During a dispatch a notifiee may delete another, itself, or add one: the deleted are not called,
+// the rest still are, the added one waits for the next dispatch, and the list is compacted.
+TEST(Notifier, NotifieesDeletedOrAddedDuringADispatch) {
   auto w = Widget::widgetNew("w");
-  Ptr<Hook> second;
-  Ptr<Hook> first = new Hook(w, [&](Hook *) { second = nullptr; });
-  second = new Hook(w);
-  Hook * raw = second.ptr();
-  (void)raw;
-  w->levelIs(1);
-  EXPECT_EQ(first->calls, 1);
-  EXPECT_FALSE(second);
-  EXPECT_EQ(w->notifiees(), 1u);
-  w->levelIs(2);  // the list was compacted: no hole, no stale pointer
-  EXPECT_EQ(first->calls, 2);
-}
-
-TEST(Notifier, NotifieeDeletingItselfDuringItsOwnCall) {
-  auto w = Widget::widgetNew("w");
-  Ptr<Hook> self;
-  Ptr<Hook> after;
-  self = new Hook(w, [&](Hook *) { self = nullptr; });
-  after = new Hook(w);
-  w->levelIs(1);
-  EXPECT_FALSE(self);
-  EXPECT_EQ(after->calls, 1);  // the one after it is still reached
-}
-
-TEST(Notifier, NotifieeAddedDuringDispatchWaitsForTheNextOne) {
-  auto w = Widget::widgetNew("w");
-  Ptr<Hook> added;
-  Ptr<Hook> adder = new Hook(w, [&](Hook *) {
+  Ptr<Hook> second, self, added;
+  Ptr<Hook> first = new Hook(w, [&](Hook *) {
+    second = nullptr;
     if (!added) added = new Hook(w);
   });
+  second = new Hook(w);
+  self = new Hook(w, [&](Hook *) { self = nullptr; });
+  Ptr<Hook> after = new Hook(w);
   w->levelIs(1);
-  ASSERT_TRUE(added);
+  EXPECT_FALSE(second);
+  EXPECT_FALSE(self);
+  EXPECT_EQ(after->calls, 1);  // the one after the self-deleting one is still reached
   EXPECT_EQ(added->calls, 0);
-  w->levelIs(2);
-  EXPECT_EQ(added->calls, 1);
+  EXPECT_EQ(w->notifiees(), 3u);
+  w->levelIs(2);  // no hole, no stale pointer
+  EXPECT_EQ(first->calls + after->calls + added->calls, 5);
 }
 
 TEST(Notifier, NestedChangeDuringDispatchIsDeliveredInsideIt) {
@@ -155,26 +121,18 @@ TEST(Notifier, NestedChangeDuringDispatchIsDeliveredInsideIt) {
   EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
 }
 
+// A notifiee keeps its notifier alive, and may drop that last reference inside the dispatch.
 TEST(Notifier, HandlerMayDropTheLastReferenceToItsNotifier) {
   auto w = Widget::widgetNew("w");
   Ptr<Hook> h;
   h = new Hook(w, [&](Hook * self) { self->notifierIs(nullptr); });
+  EXPECT_EQ(w->references(), 2u);
   Widget * raw = w.ptr();
   w = nullptr;  // the hook holds the only reference now
-  raw->levelIs(1);  // the hook unbinds inside the dispatch; the widget must survive until it ends
+  EXPECT_EQ(h->notifier()->name(), "w");
+  raw->levelIs(1);  // the widget must survive until the dispatch ends
   EXPECT_EQ(h->calls, 1);
   EXPECT_FALSE(h->notifier());
-}
-
-TEST(Notifier, NotifieeKeepsItsNotifierAlive) {
-  Ptr<Hook> h;
-  {
-    auto w = Widget::widgetNew("w");
-    h = new Hook(w);
-    EXPECT_EQ(w->references(), 2u);
-  }
-  ASSERT_TRUE(h->notifier());
-  EXPECT_EQ(h->notifier()->name(), "w");
 }
 
 TEST(Notifier, NotifierDestroyedWithNotifieesRegisteredDetachesThem) {
@@ -231,6 +189,48 @@ TEST(Notifier, KeyNotificationCarriesACopyOfTheKey) {
   w->itemNotify("gone");
   EXPECT_EQ(d->keys, (std::vector<std::string>{"gone", "gone"}));
   EXPECT_EQ(w->items(), 0u);
+}
+
+// A throwing handler: the exception reaches the mutator's caller, the rest of that dispatch is
+// skipped, and the list keeps working (entries removed meanwhile are still compacted).
+// Unbinds `victim` during its call, then throws while `throwing` is set.
+struct Thrower : Widget::NotifieeConst {
+  void onLevel() override {
+    if (victim) victim->notifierIs(nullptr);
+    if (throwing) throw std::runtime_error("handler failed");
+  }
+  Vorn::Ptr<WidgetRecorder> victim;
+  bool throwing = true;
+};
+
+TEST(NotifierFault, AThrowingHandlerEndsItsDispatchAndTheListStillCompacts) {
+  auto widget = Widget::widgetNew("w");
+  Vorn::Ptr<Thrower> thrower = new Thrower;
+  thrower->notifierIs(widget);  // called first
+  Vorn::Ptr<WidgetRecorder> removed = new WidgetRecorder(widget);
+  Vorn::Ptr<WidgetRecorder> later = new WidgetRecorder(widget);
+  thrower->victim = removed;
+  later->log.clear();  // the whole-collection call of binding
+  ASSERT_EQ(widget->notifieeSlots(), 3u);
+
+  EXPECT_THROW(widget->levelIs(1), std::runtime_error);
+  EXPECT_EQ(widget->level(), 1);           // stored before the notification
+  EXPECT_TRUE(later->log.empty());         // not called after the thrower
+  EXPECT_EQ(widget->notifieeSlots(), 2u);  // the entry removed meanwhile was compacted
+
+  // The next dispatch runs normally and compacts what its handlers remove.
+  thrower->throwing = false;
+  thrower->victim = later;
+  widget->levelIs(2);
+  EXPECT_TRUE(later->log.empty());
+  EXPECT_EQ(widget->notifieeSlots(), 1u);
+  EXPECT_EQ(widget->notifiees(), 1u);
+
+  // And a notifiee bound afterwards is called.
+  thrower->victim = nullptr;
+  Vorn::Ptr<WidgetRecorder> fresh = new WidgetRecorder(widget);
+  widget->levelIs(3);
+  EXPECT_EQ(fresh->log, (std::vector<std::string>{"items*", "level=3"}));
 }
 
 }  // namespace
