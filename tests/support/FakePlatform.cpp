@@ -1,5 +1,6 @@
 #include "tests/support/FakePlatform.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,11 +15,13 @@ bool failed(int result) { return result < 0; }
 bool failed(long result) { return result < 0; }
 bool failed(bool result) { return !result; }
 bool failed(FILE * result) { return result == nullptr; }
+bool failed(void * result) { return result == MAP_FAILED; }
 
 long asLong(int result) { return result; }
 long asLong(long result) { return result; }
 long asLong(bool result) { return result ? 1 : 0; }
 long asLong(FILE * result) { return result == nullptr ? 0 : 1; }
+long asLong(void * result) { return result == MAP_FAILED ? 0 : 1; }
 
 // The kernel's default receive buffer (net.core.rmem_default) as SO_RCVBUF reports it.
 constexpr int defaultRcvBuf = 212992;
@@ -55,6 +58,8 @@ char const * kindName(FakePlatform::Kind kind) {
     case Kind::lstat: return "lstat";
     case Kind::stat: return "stat";
     case Kind::fopen: return "fopen";
+    case Kind::mmap: return "mmap";
+    case Kind::munmap: return "munmap";
   }
   return "?";
 }
@@ -69,6 +74,7 @@ FakePlatform::FakePlatform()
 }
 
 FakePlatform::~FakePlatform() {
+  for (auto const & [address, length] : mappings_) ::munmap(address, length);
   Platform::calls() = previous_;
   Ovel::socketAtHook() = previousSocketAt_;
   Interface::netlinkOperStateHook() = previousSetNetlinkOperState_;
@@ -265,6 +271,16 @@ void FakePlatform::installFakes() {
     }
     return ready;
   };
+  b.mmap = [this](void * address, size_t length, int protection, int flags, int fd, off_t offset) {
+    if (!isFakeDescriptor(fd)) return previous_.mmap(address, length, protection, flags, fd, offset);
+    void * mapped = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped != MAP_FAILED) mappings_[mapped] = length;
+    return mapped;
+  };
+  b.munmap = [this](void * address, size_t length) {
+    if (mappings_.erase(address) == 0) return previous_.munmap(address, length);
+    return ::munmap(address, length);
+  };
   b.open = [this](char const * path, int) {
     if (files_.count(path) == 0) {
       errno = ENOENT;
@@ -362,6 +378,16 @@ void FakePlatform::installRecorders() {
     Call c = callOf(Kind::poll);
     c.a = static_cast<long>(count), c.fd = count > 0 ? fds[0].fd : -1;
     return run(c, -1, [&] { return behaviour_.poll(fds, count, timeoutMs); });
+  };
+  live.mmap = [this](void * address, size_t length, int protection, int flags, int fd, off_t offset) {
+    Call c = callOf(Kind::mmap);
+    c.fd = fd, c.a = static_cast<long>(length);
+    return run(c, MAP_FAILED, [&] { return behaviour_.mmap(address, length, protection, flags, fd, offset); });
+  };
+  live.munmap = [this](void * address, size_t length) {
+    Call c = callOf(Kind::munmap);
+    c.a = static_cast<long>(length);
+    return run(c, -1, [&] { return behaviour_.munmap(address, length); });
   };
   live.open = [this](char const * path, int flags) {
     Call c = callOf(Kind::open);
