@@ -173,7 +173,7 @@ void EthDevPamBundle::savedBulkPktIs(uint16_t slot, Vorn::Ptr<Ovel::Pkt> const &
     return;
   }
   if (!savedBulkPkt_.set(slot, pkt)) return;
-  if (slot < maxBulkReadQuota) bulkPkt_[slot] = pkt.ptr();
+  if (slot < maxBulkReadQuota) bulkPkt_[slot] = pkt;
   bulkPreparedQuota_ = UINT32_MAX;  // the headers point at the old packet
   notify(&NotifieeConst::onSavedBulkPkt, slot);
 }
@@ -565,6 +565,7 @@ void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter cons
 void EthDevPamBundle::handleEnabled() {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::handleEnabled()");
   EDPM_TRACE(5, "Bundle:Enabled became " << enabled_);
+  route_ = Route{};  // actPamCollection changes
   if (!enabled_) {
     actPamCollection_ = nullptr;
     doSocketClose();
@@ -605,6 +606,7 @@ void EthDevPamBundle::doGetRxPktInt() {
       EDPM_TRACE(0, "Invalid saved pkt ");
       return;
     }
+    rxPkt();  // the last frame, if nobody took it, goes now: its buffer is read into again
     pkt->sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the last frame
   } else {
     pkt = Ovel::globalPktManager().newPkt();
@@ -660,11 +662,13 @@ void EthDevPamBundle::doGetRxPktInt() {
     if (allocRcvBuf_ == 0) doFindRcvBuf(sock);
     EDPM_TRACE(5, "Recvbuf size: " << allocRcvBuf_ << " used:  " << queued);
   }
-  doDeliver(*pkt, ifIndex, false);
+  doDeliver(pkt, ifIndex, false);
 }
 
-EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk) {
+bool EthDevPamBundle::doRoute(uint32_t ifIndex, bool bulk) {
   static Vorn::String const cpuIntfName("Cpu");
+  Route & route = route_;
+  route = Route{};
   Ovel::IntfId const * intfId = nullptr;
   Ovel::IntfId converted;
   if (auto const * entry = deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().find(ifIndex)
@@ -685,14 +689,34 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t i
   if (!intfId) {
     noPamDropCountInc(1);
     EDPM_TRACE(6, "No intfstatus entry for ifindex: " << ifIndex);
-    return Delivery::noIntf;
+    return false;
   }
+  route.intfId = *intfId;
   auto const * found = pamCollection_ ? pamCollection_->intfPamIter().find(*intfId) : nullptr;
   Ovel::Pam * const pam = found ? found->ptr() : nullptr;
-  Ovel::EthDevPam * const edp = bulk ? dynamic_cast<Ovel::EthDevPamInBundle *>(pam) : dynamic_cast<Ovel::EthDevPam *>(pam);
+  route.pam = bulk ? dynamic_cast<Ovel::EthDevPamInBundle *>(pam) : dynamic_cast<Ovel::EthDevPam *>(pam);
+  if (route.pam && !ethDevPamManagerTypesTrace.enabled(9)) {  // a hit would skip the traces above
+    route.known = true;
+    route.ifIndex = ifIndex;
+    route.bulk = bulk;
+    route.devices = deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().version() : 0;
+    route.pams = pamCollection_->intfPamIter().version();
+  }
+  return true;
+}
+
+EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Vorn::Ptr<Ovel::Pkt> const & frame, uint32_t ifIndex, bool bulk) {
+  Route & route = route_;
+  // The last frame's way is this one's while neither directory changed since (most frames follow the
+  // one before): no lookup, no cast.
+  bool const known = route.known && route.ifIndex == ifIndex && route.bulk == bulk &&
+                     route.pams == pamCollection_->intfPamIter().version() &&
+                     route.devices == (deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().version() : 0);
+  if (!known && !doRoute(ifIndex, bulk)) return Delivery::noIntf;
+  Ovel::EthDevPam * const edp = route.pam;
   if (!edp || !edp->usable()) {
     pamNotReadyDropCountInc(1);
-    EDPM_TRACE(6, "Pam not ready for intfId: " << *intfId);
+    EDPM_TRACE(6, "Pam not ready for intfId: " << route.intfId);
     return Delivery::notReady;
   }
   EDPM_TRACE(9, "Pam found for ifindex: " << ifIndex);
@@ -700,15 +724,24 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t i
     pamNotReadyDropCountInc(1);
     return Delivery::notReady;
   }
-  Vorn::Ptr<Ovel::Pkt> const frame(&pkt);
   if (!bulk) {
     if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now
     return Delivery::delivered;
   }
   EDPM_TRACE(9, "Storing packet to EthDevPamInBundle");
+  Vorn::Ptr<Ovel::Pam> const keep(edp);  // a handler of the queue's counters may withdraw the Pam
   static_cast<Ovel::EthDevPamInBundle *>(edp)->writeNewRxPkt(frame);
-  if (!actPamCollection_) actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
-  actPamCollection_->intfPamIs(*intfId, *found);
+  if (!actPamCollection_) {
+    actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
+    route.inAct = false;
+  }
+  // Once per Pam and read: the collection's version tells whether it is still there since the last frame.
+  if (!route.inAct || route.actVersion != actPamCollection_->intfPamIter().version()) {
+    Ovel::IntfId const intf = route.intfId;  // a handler may change the route
+    actPamCollection_->intfPamIs(intf, keep);
+    route.inAct = true;
+    route.actVersion = actPamCollection_->intfPamIter().version();
+  }
   return Delivery::delivered;
 }
 
@@ -737,7 +770,7 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
       pkt.sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the frame read into it
       uint32_t const maxData = pkt.maxData();
       VORN_ASSERT(maxData >= maxRxPktData());
-      pkt.newSharedHeadData(size);
+      if (!pkt.hasHeadData() || maxData < size) pkt.newSharedHeadData(size);  // else the reset left it ready
     }
     if (headers) {
       bulkHeaders.iov[i] = iovec{bulkPkt_[i]->data(), size};
@@ -843,13 +876,13 @@ void EthDevPamBundle::doBulkSlotsDeliver(int sock, uint32_t count) {
   uint64_t processed = 0;
   for (uint32_t i = 0; i < count; ++i) {
     uint16_t const slot = static_cast<uint16_t>(i);
-    Ovel::Pkt & pkt = *bulkPkt_[i];
-    if (pkt.pktType() == PACKET_OUTGOING) {
-      EDPM_TRACE(3, "Ignoring outgoing packet received on single socket " << pkt.ifIndex());
+    Vorn::Ptr<Ovel::Pkt> const & pkt = bulkPkt_[i];
+    if (pkt->pktType() == PACKET_OUTGOING) {
+      EDPM_TRACE(3, "Ignoring outgoing packet received on single socket " << pkt->ifIndex());
       continue;
     }
     savedPacketRxIs(slot, true);
-    if (doDeliver(pkt, pkt.ifIndex(), true) == Delivery::delivered) {
+    if (doDeliver(pkt, pkt->ifIndex(), true) == Delivery::delivered) {
       ++processed;
     } else {
       savedPacketRxIs(slot, false);  // its buffer is free for the next read

@@ -35,7 +35,9 @@
 // readers are called after the batch; a reader that leaves its frames is served again on the
 // "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them.
 // Frames handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing
-// the buffer, and the next read into that slot takes a fresh buffer while the old one is held.
+// the buffer, and the next read into that slot takes a fresh buffer while the old one is held. In the
+// single-frame path the frame is also the bundle's own receive packet (rxPkt) until the next read
+// begins; one nobody took is let go then, uncounted.
 // Per frame nothing is allocated in the steady state (pktReuse, bulk slots), nothing formatted unless
 // a trace level is on, and every lookup is a hash lookup.
 //
@@ -291,7 +293,23 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
   // Finds the Pam of a frame from `ifIndex` and hands `pkt` to it (queued, or queued and its reader
   // told at once in the single-frame path); counts and traces the frames that go nowhere.
-  Delivery doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk);
+  Delivery doDeliver(Vorn::Ptr<Ovel::Pkt> const & pkt, uint32_t ifIndex, bool bulk);
+  // Looks `ifIndex` up into route_; false (counted, traced) when it names no interface.
+  bool doRoute(uint32_t ifIndex, bool bulk);
+
+  // The way the last frame took to its Pam. `known`: it holds for frames of `ifIndex` on the same
+  // path while both directories keep the versions noted. `pam` is null when the interface has no Pam
+  // of the kind the path needs. `inAct`: the Pam is in actPamCollection while that keeps `actVersion`.
+  struct Route {
+    bool known = false;
+    uint32_t ifIndex = 0;
+    bool bulk = false;
+    uint64_t devices = 0, pams = 0;
+    Ovel::IntfId intfId;
+    Ovel::EthDevPam * pam = nullptr;
+    bool inAct = false;
+    uint64_t actVersion = 0;
+  };
   // Makes the bulk slots' packets ready for the next read; with `headers`, the recvmmsg headers too.
   void doBulkSlotsPrepare(bool headers);
   // Delivers the frames in bulk slots [0, count) read from `sock`, then calls the readers.
@@ -366,13 +384,14 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   Vorn::Ptr<EthDevPamBundleFdSm> fdSmTap_;
 
   // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
-  std::array<Ovel::Pkt *, maxBulkReadQuota> bulkPkt_{};
+  std::array<Vorn::Ptr<Ovel::Pkt>, maxBulkReadQuota> bulkPkt_;
   // Slots [0, bulkSlotsDirty_) were filled by the last read and need preparing again; the others are
   // ready as they are while the quota and the frame size stay those they were prepared for.
   uint32_t bulkSlotsDirty_ = 0;
   uint32_t bulkPreparedQuota_ = UINT32_MAX;
   uint32_t bulkPreparedSize_ = 0;
   RxRing rings_[2];  // the common socket's, the tap socket's
+  Route route_;
   // Readers that took nothing in the last notification pass, kept for their capacity.
   std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> savedPams_;
 };

@@ -118,6 +118,9 @@ class Collection {
   bool empty() const { return size_ == 0; }
   // Nodes kept for the next inserts (diagnostics).
   size_t spareNodes() const { return spares_; }
+  // Grows with every change that set and del make: a reader that remembers what it found for a key
+  // can tell, by one compare, that it is still so.
+  uint64_t version() const { return version_; }
 
   Iterator begin() const { return Iterator(this, liveFrom(head_)); }
   Iterator end() const { return Iterator(); }
@@ -143,10 +146,12 @@ class Collection {
     uint64_t rev = hashOf(key);
     if (Node * n = lookup(key, rev)) {
       if (n->value == value) return false;
+      ++version_;
       [[maybe_unused]] V old = std::exchange(n->value, value);  // the old value may die now and reach back into us
       return true;
     }
     insert(nodeNew(key, value, rev));
+    ++version_;
     return true;
   }
 
@@ -158,6 +163,7 @@ class Collection {
     n->value = V();
     n->dead = true;
     --size_;
+    ++version_;
     if (n->pins == 0) unlink(n);
     return true;  // `old` dies here, after the map is consistent again
   }
@@ -282,6 +288,7 @@ class Collection {
   uint32_t size_ = 0;
   Spare * spare_ = nullptr;
   size_t spares_ = 0;
+  uint64_t version_ = 0;
 };
 
 }  // namespace Vorn
