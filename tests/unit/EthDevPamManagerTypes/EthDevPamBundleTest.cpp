@@ -324,6 +324,60 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   EXPECT_EQ(fake.queuedDatagrams(sd), 1u);  // disabled: nothing read
 }
 
+// Frames of one ifindex after another take a remembered way to their Pam: every change of either
+// directory, and of the Pam's state, must still decide where the next frame goes.
+TEST_F(EthDevPamBundleTest, FramesFollowEveryChangeOfTheWayToTheirPam) {
+  Brisklog::levelsIs("EthDevPamManagerTypes", Brisklog::levelRange(0, 8));  // per-frame traces off
+  int const sd = fakeSocket();
+  Ovel::IntfId const cpu("Cpu");
+  Ptr<Ovel::EthDevPamInBundle> a = new Ovel::EthDevPamInBundle("a"), b = new Ovel::EthDevPamInBundle("b");
+  for (auto const & p : {a, b}) {
+    p->ifIndexIs(7);
+    p->sdIs(sd);
+    p->enabledIs(true);
+  }
+  Ptr<Reader> readers[] = {new Reader(a), new Reader(b)};
+  struct Row {
+    char const * what;
+    std::function<void()> change;
+    std::vector<uint32_t> counts;  // frames at a, at b, noPam, notReady
+  };
+  std::vector<Row> const rows = {
+      {"first frame", [] {}, {1, 0, 0, 0}},
+      {"the same way again", [] {}, {2, 0, 0, 0}},
+      {"another Pam for the interface", [&] { pams->intfPamIs(cpu, b); }, {2, 1, 0, 0}},
+      {"the ifindex names another interface", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "et5", 7}); }, {2, 1, 0, 1}},
+      {"and back", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7}); }, {2, 2, 0, 1}},
+      {"the Pam disabled", [&] { b->enabledIs(false); }, {2, 2, 0, 2}},
+      {"enabled", [&] { b->enabledIs(true); }, {2, 3, 0, 2}},
+      {"the Pam withdrawn", [&] { pams->intfPamDel(cpu); }, {2, 3, 0, 3}},
+      {"the ifindex gone", [&] { pams->intfPamIs(cpu, a); devices->intfStatusByIfIndexDel(7); }, {2, 3, 1, 3}},
+      {"back", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7}); }, {3, 3, 1, 3}},
+  };
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    bundle = new EthDevPamBundle(desired, devices, pams);
+    bundle->pktReuseIs(true);
+    bundle->enableBulkPamReadIs(bulk);
+    bundle->enabledIs(true);
+    bundle->currActiveSdIs(sd);
+    devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+    pams->intfPamIs(cpu, a);
+    for (auto & r : readers) r->frames.clear();
+    for (Row const & row : rows) {
+      SCOPED_TRACE(row.what);
+      row.change();
+      sockaddr_storage from{};
+      reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+      fake.queueDatagram(sd, std::string(60, 'f'), &from);
+      bundle->doGetRxPkt();
+      EXPECT_EQ(std::vector<uint32_t>({uint32_t(readers[0]->frames.size()), uint32_t(readers[1]->frames.size()),
+                                       bundle->noPamDropCount(), bundle->pamNotReadyDropCount()}),
+                row.counts);
+    }
+  }
+}
+
 TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
   pams->intfPamIs(Ovel::IntfId("Ethernet1"), new Ovel::Pam("p"));
   pams->intfPamIs(Ovel::IntfId("Ethernet1"), nullptr);
