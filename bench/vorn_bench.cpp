@@ -20,7 +20,7 @@
 
 #include "tests/support/TestEntities.h"
 
-using TestSupport::Widget;
+using IntfsmTest::Widget;
 using Vorn::Ptr;
 
 namespace {

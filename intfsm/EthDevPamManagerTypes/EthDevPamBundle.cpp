@@ -454,17 +454,21 @@ uint32_t EthDevPamBundle::doFindRcvBuf(int sock) {
 
 void EthDevPamBundle::doSocketClose() {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::doSocketClose()");
-  if (sd_ == -1) return;
+  // The tap socket outlives the common one only when a failed step closed the common one (see
+  // doSocketForget); it is closed here all the same.
+  if (sd_ == -1 && sdTap_ == -1) return;
   Platform::Calls & os = Platform::calls();
-  EDPM_TRACE(1, "Closing filedesc " << sd_ << " for bundle-socket ");
-  // Out of the loop's epoll set before the number can be reused.
-  if (fileDesc_) fileDesc_->descriptorIs(-1);
-  doRxRingRelease(rings_[0]);
-  os.close(sd_);
-  sdIs(-1);
-  sdRefIs(0);
-  fileDescDel();
-  fdSm_ = nullptr;
+  if (sd_ != -1) {
+    EDPM_TRACE(1, "Closing filedesc " << sd_ << " for bundle-socket ");
+    // Out of the loop's epoll set before the number can be reused.
+    if (fileDesc_) fileDesc_->descriptorIs(-1);
+    doRxRingRelease(rings_[0]);
+    os.close(sd_);
+    sdIs(-1);
+    sdRefIs(0);
+    fileDescDel();
+    fdSm_ = nullptr;
+  }
   if (sdTap_ != -1) {
     EDPM_TRACE(1, "Closing filedesc " << sdTap_ << " for bundle-socket ");
     if (fileDescTap_) fileDescTap_->descriptorIs(-1);

@@ -23,7 +23,8 @@
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
 // with bad content). doSetRcvBuf and attachOrDetachFilter close `sock` whenever they raise; when that
-// socket is one of the bundle's, the bundle forgets it as well (sd -1, count 0, no watch).
+// socket is one of the bundle's, doSetRcvBuf makes the bundle forget it as well (sd -1, count 0, no
+// watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
 // doGetRxPkt: one frame per call, or with enableBulkPamRead up to bulkReadQuota (at most 128) frames
@@ -262,8 +263,11 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void doSetRcvBuf(int sock);
   // The kernel's receive-buffer size of `sock` (0 when it cannot be read), also kept in allocRcvBuf.
   uint32_t doFindRcvBuf(int sock);
-  // Closes both sockets, their watches and descriptor state machines.
+  // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
+  // `sock` was closed by a failed step (attachOrDetachFilter closes what it cannot filter): when it is
+  // one of ours, forget it (descriptor -1, count 0, no watch) without closing it again.
+  void doSocketForget(int sock);
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
   // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
@@ -333,8 +337,6 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   // Copies up to bulkReadQuota frames out of `ring` into the bulk slots and hands their ring slots
   // back; how many it took.
   uint32_t doRxRingTake(RxRing & ring);
-  // `sock` was closed by a failed set-up step: when it is one of ours, forget it without closing.
-  void doSocketForget(int sock);
   // Closes the sockets without notifying anyone (destruction).
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);

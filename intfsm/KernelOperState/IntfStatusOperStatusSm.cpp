@@ -127,7 +127,7 @@ Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatus> IntfStatusOperStatusSm::intfSt
 
 void IntfStatusOperStatusSm::intfStatusDel(Ovel::IntfId const & id) {
   Ovel::IntfId const key = id;  // may be the key of the entry being removed
-  if (intfStatus_.del(key)) notify(&NotifieeConst::onIntfStatus, key);
+  if (intfStatus_.del(key)) intfStatusReconciled(key, Change::deleted);
 }
 
 Vorn::Ptr<IntfStatusOperStatusSm::VornIntfStatusLocal> IntfStatusOperStatusSm::intfStatusLocalIs(
@@ -148,7 +148,23 @@ void IntfStatusOperStatusSm::intfStatusLocalDel(Ovel::IntfId const & id) {
 
 // A reactor created or deleted is a change of the collection; a rebound one is not.
 void IntfStatusOperStatusSm::intfStatusReconciled(Ovel::IntfId const & id, Change change) {
+  if (change == Change::deleted) decidedAtDel(id);
   if (change == Change::created || change == Change::deleted) notify(&NotifieeConst::onIntfStatus, id);
+}
+
+void IntfStatusOperStatusSm::decidedAtIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns,
+                                         Vorn::String const & device) {
+  auto [at, added] = decidedAt_.try_emplace(id, ns, device);
+  if (added || (at->second.first == ns && at->second.second == device)) return;
+  kosm_->decidedOperStateDel(at->second.first, at->second.second);
+  at->second = {ns, device};
+}
+
+void IntfStatusOperStatusSm::decidedAtDel(Ovel::IntfId const & id) {
+  auto const at = decidedAt_.find(id);
+  if (at == decidedAt_.end()) return;
+  if (kosm_) kosm_->decidedOperStateDel(at->second.first, at->second.second);
+  decidedAt_.erase(at);
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalReconciled(Ovel::IntfId const & id, Change change) {
@@ -201,6 +217,7 @@ void IntfStatusOperStatusSm::doSyncIntfStatus(Ovel::IntfId const & intfId) {
   if (auto local = intfStatusLocalDir_->intfStatusLocal(intfId); local && !local->netNsName().empty()) {
     ns = local->netNsName();
   }
+  decidedAtIs(intfId, ns, status->deviceName());
   kosm_->doSetOperStateInNs(status->deviceName(), status->operStatus(), ns);
 }
 

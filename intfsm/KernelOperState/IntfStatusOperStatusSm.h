@@ -7,6 +7,11 @@
 // A namespace that appears gets a fresh cached netlink socket in the manager; one that disappears has
 // its cached socket closed and removed.
 //
+// The manager keeps the state last decided for each namespace and device (see KernelOperStateManager).
+// When an interface's device name or namespace changes, or its status leaves the directory, the
+// decided state of the device it named before is dropped, so that nothing goes on re-asserting a state
+// that no interface decides any more.
+//
 // Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
 // with the start-up sync.
 //
@@ -15,6 +20,9 @@
 // entity it watches, so a watched directory or status lives while it is watched; the state machine
 // holds its four inputs, and its destructor zombies its reactors before it empties their collections.
 #pragma once
+
+#include <unordered_map>
+#include <utility>
 
 #include "intfsm/KernelOperState/IntfStatusDir.h"
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
@@ -114,6 +122,9 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   // Notifies this machine's own watchers of a per-interface reactor created or deleted.
   void intfStatusReconciled(Ovel::IntfId const & id, Change change);
   void intfStatusLocalReconciled(Ovel::IntfId const & id, Change change);
+  // Where the interface's decided state now lives; the one it had elsewhere is dropped.
+  void decidedAtIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns, Vorn::String const & device);
+  void decidedAtDel(Ovel::IntfId const & id);
 
   Vorn::Ptr<IntfStatusDir const> intfStatusDir_;
   Vorn::Ptr<IntfStatusLocalDir const> intfStatusLocalDir_;
@@ -124,6 +135,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatusLocal> intfStatusLocal_{&VornIntfStatusLocal::handleNetNsName};
   bool initialized_ = false;
   bool notificationActive_ = true;
+  std::unordered_map<Ovel::IntfId, std::pair<Ovel::NamespaceName, Vorn::String>> decidedAt_;
   Vorn::Ptr<VornIntfStatusDir> intfStatusDirReactor_;
   Vorn::Ptr<VornIntfStatusLocalDir> intfStatusLocalDirReactor_;
   Vorn::Ptr<VornNetNsCollection> netNsCollectionReactor_;

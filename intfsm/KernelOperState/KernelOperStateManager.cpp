@@ -14,6 +14,7 @@
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
 
 namespace KernelOperState {
@@ -39,7 +40,23 @@ int kernelOperState(Interface::IntfOperStatus status) {
   }
 }
 
+char const * operStateText(int operState) {
+  static char const * const texts[] = {"UNKNOWN", "NOTPRESENT", "DOWN", "LOWERLAYERDOWN", "TESTING", "DORMANT", "UP"};
+  return operState >= 0 && operState < 7 ? texts[operState] : "?";
+}
+
+// Whether the kernel applies `decided` to a device in state `kernel` (see the header).
+bool appliesTo(int decided, int kernel) {
+  if (decided == IF_OPER_DORMANT) return kernel == IF_OPER_UP || kernel == IF_OPER_UNKNOWN;
+  return kernel == IF_OPER_DORMANT || kernel == IF_OPER_TESTING || kernel == IF_OPER_UNKNOWN;
+}
+
 }  // namespace
+
+KernelOperStateManager::~KernelOperStateManager() {
+  linkMonitorReactor_.zombieIs(true);
+  while (Ovel::NamespaceName const * nsName = linkMonitor_.anyKey()) linkMonitorClose(Ovel::NamespaceName(*nsName));
+}
 
 Vorn::Name const & KernelOperStateManager::name() const {
   static Vorn::Name const empty;
@@ -48,14 +65,101 @@ Vorn::Name const & KernelOperStateManager::name() const {
 
 void KernelOperStateManager::nsNetlinkSockFdIs(Ovel::NamespaceName const & nsName, int32_t sd) {
   setEntry(nsNetlinkSockFd_, nsName, sd, &NotifieeConst::onNsNetlinkSockFd);
+  if (sd >= 0) {
+    linkMonitorOpen(nsName);
+  } else {
+    linkMonitorClose(nsName);
+  }
 }
 
 void KernelOperStateManager::nsNetlinkSockFdDel(Ovel::NamespaceName const & nsName) {
-  delEntry(nsNetlinkSockFd_, nsName, &NotifieeConst::onNsNetlinkSockFd);
+  Ovel::NamespaceName const key = nsName;  // may be the key of the entry being removed
+  if (delEntry(nsNetlinkSockFd_, key, &NotifieeConst::onNsNetlinkSockFd)) namespaceGone(key);
 }
 
 void KernelOperStateManager::nsNetlinkSockFdDelAll() {
-  delAllEntries(nsNetlinkSockFd_, &NotifieeConst::onNsNetlinkSockFd);
+  while (Ovel::NamespaceName const * key = nsNetlinkSockFd_.anyKey()) nsNetlinkSockFdDel(Ovel::NamespaceName(*key));
+}
+
+void KernelOperStateManager::operStateConvergenceIs(bool on) {
+  if (on == operStateConvergence_) return;
+  operStateConvergence_ = on;
+  if (on) {
+    for (auto const & e : nsNetlinkSockFd_) {
+      if (e.value >= 0) linkMonitorOpen(e.key);
+    }
+  } else {
+    while (Ovel::NamespaceName const * nsName = linkMonitor_.anyKey()) linkMonitorClose(Ovel::NamespaceName(*nsName));
+  }
+  notify(&NotifieeConst::onOperStateConvergence);
+}
+
+int KernelOperStateManager::decidedOperState(Ovel::NamespaceName const & nsName, Vorn::String const & device) const {
+  auto const ns = decided_.find(nsName);
+  if (ns == decided_.end()) return -1;
+  auto const d = ns->second.find(device);
+  return d == ns->second.end() ? -1 : d->second;
+}
+
+uint32_t KernelOperStateManager::decidedOperStates() const {
+  size_t n = 0;
+  for (auto const & [nsName, devices] : decided_) n += devices.size();
+  return static_cast<uint32_t>(n);
+}
+
+void KernelOperStateManager::decidedOperStateDel(Ovel::NamespaceName const & nsName, Vorn::String const & device) {
+  auto const ns = decided_.find(nsName);
+  if (ns == decided_.end()) return;
+  ns->second.erase(device);
+  if (ns->second.empty()) decided_.erase(ns);
+}
+
+void KernelOperStateManager::linkMonitorOpen(Ovel::NamespaceName const & nsName) {
+  if (!operStateConvergence_ || linkMonitor_.contains(nsName)) return;
+  Vorn::Ptr<KernelNetInfo::Status> monitor = KernelNetInfo::Status::statusNew("kosmLinkMonitor", nsName);
+  linkMonitor_.set(nsName, monitor);
+  // Bound before the first dump, so that every device it lists is a report.
+  linkMonitorReactor_.reconcileKey(this, nsName, monitor->root());
+  try {
+    monitor->enabledIs(true);
+  } catch (Vorn::ErrnoException const & e) {
+    KOS_TRACE(0, "no link monitor in namespace " << nsName << ": " << e.what());
+    linkMonitorClose(nsName);
+  }
+}
+
+void KernelOperStateManager::linkMonitorClose(Ovel::NamespaceName const & nsName) {
+  linkMonitorReactor_.del(nsName);
+  if (Vorn::Ptr<KernelNetInfo::Status> monitor = linkMonitor_.get(nsName)) {
+    linkMonitor_.del(nsName);
+    monitor->enabledIs(false);
+  }
+}
+
+void KernelOperStateManager::namespaceGone(Ovel::NamespaceName const & nsName) {
+  linkMonitorClose(nsName);
+  decided_.erase(nsName);
+}
+
+void KernelOperStateManager::handleLinkReport(Ovel::NamespaceName const & nsName, Vorn::String const & device) {
+  int const decided = decidedOperState(nsName, device);
+  if (decided < 0) return;
+  Vorn::Ptr<KernelNetInfo::Status> const monitor = linkMonitor_.get(nsName);
+  int32_t const * sd = nsNetlinkSockFd_.find(nsName);
+  if (!monitor || !sd || *sd < 0) return;
+  KernelNetInfo::Interface const link = monitor->root()->interfaceByDeviceName(device);
+  if (!link || link.operState() == decided) return;  // gone: its return is the next report
+  if (!appliesTo(decided, link.operState())) {
+    KOS_TRACE(8, "operstate of " << device << " in namespace " << nsName << ": kernel "
+                                 << operStateText(link.operState()) << ", decided " << operStateText(decided)
+                                 << "; waiting for the next report");
+    return;
+  }
+  KOS_TRACE(5, "re-asserting operstate of " << device << " in namespace " << nsName << ": kernel "
+                                            << operStateText(link.operState()) << ", decided "
+                                            << operStateText(decided));
+  ++reassertions_;
+  if (!Interface::doSetNetlinkOperState(*sd, device.charPtr(), 111, decided)) exit(1);
 }
 
 void KernelOperStateManager::doSetOperState(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus) {
@@ -66,6 +170,14 @@ void KernelOperStateManager::doSetOperState(Vorn::String const & deviceName, Int
 void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName, Interface::IntfOperStatus operStatus,
                                                 Ovel::NamespaceName const & nsName) {
   KOS_TRACE(8, "doSetOperStateInNs" << "( " << deviceName << ", " << operStatus << ", " << nsName << " )");
+  int const kernelValue = kernelOperState(operStatus);
+  if (!deviceName.empty()) {
+    if (kernelValue < 0) {
+      decidedOperStateDel(nsName, deviceName);
+    } else {
+      decided_[nsName][deviceName] = static_cast<uint8_t>(kernelValue);
+    }
+  }
   Platform::Calls & platform = Platform::calls();
   int sd;
   bool localSocket = false;
@@ -99,7 +211,7 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   }
   if (deviceName.empty()) {
     KOS_TRACE(1, "not sending IFLA_OPERSTATE message because deviceName is empty");
-  } else if (int kernelValue = kernelOperState(operStatus); kernelValue < 0) {
+  } else if (kernelValue < 0) {
     KOS_TRACE(0, "unknown operStatus: " << operStatus);
   } else if (!Interface::doSetNetlinkOperState(sd, deviceName.charPtr(), 111, kernelValue)) {
     exit(1);

@@ -7,7 +7,8 @@ namespace KernelOperState {
 namespace {
 Intfsm::TypeRegistration registration(
     "KernelOperState::Root", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return rootFactory(n); },
-    {"kosm", "intfStatusDir", "intfStatusLocalDir", "netNsCollection", "netNsManager", "intfStatusOperStatusSm"});
+    {"kosm", "intfStatusDir", "intfStatusLocalDir", "netNsCollection", "netNsManager", "intfStatusOperStatusSm",
+     "operStateConvergence"});
 
 // Keeps the child named `name` if the attribute holds one; otherwise makes one with `make`.
 template <class T, class Make>
@@ -40,6 +41,7 @@ Root::~Root() {
 Vorn::Ptr<KernelOperStateManager> Root::kosmIs() {
   if (!kosm_) {
     kosm_ = new KernelOperStateManager;
+    kosm_->operStateConvergenceIs(operStateConvergence_);
     notify(&NotifieeConst::onKosm);
   }
   return kosm_;
@@ -118,6 +120,13 @@ Vorn::Ptr<IntfStatusOperStatusSm> Root::intfStatusOperStatusSmIs(
   intfStatusOperStatusSm_ = created;
   notify(&NotifieeConst::onIntfStatusOperStatusSm);
   return created;
+}
+
+void Root::operStateConvergenceIs(bool on) {
+  if (on == operStateConvergence_) return;
+  operStateConvergence_ = on;
+  if (kosm_) kosm_->operStateConvergenceIs(on);
+  notify(&NotifieeConst::onOperStateConvergence);
 }
 
 void Root::intfStatusOperStatusSmDel() {

@@ -12,7 +12,13 @@
 //                                  root->netNsCollection());
 //
 // From then on the agent mirrors its interface statuses into the two directories, and runs its event
-// loop (the namespace manager follows namespaces on it).
+// loop (the namespace manager follows namespaces on it, and the link monitors of convergence read
+// on it).
+//
+// `operStateConvergence` (bool, default true): the manager keeps each device's operational state equal
+// to the decided one when the kernel changes it by itself (a carrier flap, a device re-created or
+// appearing late; see KernelOperStateManager). An agent that wants status changes pushed and nothing
+// else turns it off, before or after kosmIs(): root->operStateConvergenceIs(false).
 //
 // Threading: everything, the agent's calls included, happens on the loop's one thread; nothing is
 // locked. Lifetime: the root holds its children; a child's reactors hold (Ptr) what they watch, so the
@@ -38,6 +44,7 @@ class Root : public Vorn::Entity {
     virtual void onNetNsCollection() {}
     virtual void onNetNsManager() {}
     virtual void onIntfStatusOperStatusSm() {}
+    virtual void onOperStateConvergence() {}
   };
 
   ~Root() override;
@@ -74,6 +81,10 @@ class Root : public Vorn::Entity {
       Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection);
   void intfStatusOperStatusSmDel();
 
+  // Applied to the manager that kosm holds now and to any that kosmIs() creates later.
+  bool operStateConvergence() const { return operStateConvergence_; }
+  void operStateConvergenceIs(bool on);
+
  private:
   friend Vorn::Ptr<Root> rootFactory(Vorn::Name const & name);
   explicit Root(Vorn::Name const & name) : Entity(name) {}
@@ -84,6 +95,7 @@ class Root : public Vorn::Entity {
   Vorn::Ptr<KernelNetNsInfo::Root> netNsCollection_;
   Vorn::Ptr<KernelNetNsInfo::Manager> netNsManager_;
   Vorn::Ptr<IntfStatusOperStatusSm> intfStatusOperStatusSm_;
+  bool operStateConvergence_ = true;
 };
 
 Vorn::Ptr<Root> rootFactory(Vorn::Name const & name);

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "tests/support/NetNs.h"
-#include "tests/support/OpenDescriptors.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/ThrownText.h"
 
 namespace {
@@ -32,12 +32,12 @@ class KernelNetInfoKernel : public IntfsmTest::NetNsTest {
  protected:
   void SetUp() override {
     NetNsTest::SetUp();
-    descriptors = intfsmTest::openDescriptorCount();
+    descriptors = IntfsmTest::openDescriptorCount();
   }
   void TearDown() override {
     status = nullptr;
     EXPECT_EQ(loop.watches(), 0u);
-    EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
     NetNsTest::TearDown();
   }
   void enable(std::string const & ns, uint32_t rcvBufBytes = 0) {

@@ -8,18 +8,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 
+#include "tests/support/Descriptors.h"
 #include "tests/support/NetNs.h"
-#include "tests/support/OpenDescriptors.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
 using KernelNetNsInfo::Manager;
-using KernelNetNsInfo::Root;
 
 uint32_t inodeOf(std::string const & path) {
   struct stat st {};
@@ -34,15 +32,15 @@ class KernelNetNsManagerKernel : public IntfsmTest::NetNsTest {
  protected:
   void SetUp() override {
     NetNsTest::SetUp();
-    descriptors = intfsmTest::openDescriptorCount();
+    descriptors = IntfsmTest::openDescriptorCount();
   }
   void TearDown() override {
     manager = nullptr;
     EXPECT_EQ(loop.watches(), 0u);
-    EXPECT_EQ(intfsmTest::openDescriptorCount(), descriptors);
+    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
     NetNsTest::TearDown();
   }
-  void makeOn(Vorn::String const & dir) {
+  void start(Vorn::String const & dir) {
     manager = KernelNetNsInfo::ManagerIs(root, dir, loop);
     manager->hasNotificationActiveIs(true);
   }
@@ -50,28 +48,23 @@ class KernelNetNsManagerKernel : public IntfsmTest::NetNsTest {
 
   int descriptors = 0;
   Vorn::ActivityManager loop;
-  Vorn::Ptr<Root> root = Root::rootNew("netNs");
+  Vorn::Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::Root::rootNew("netNs");
   Vorn::Ptr<Manager> manager;
 };
 
 TEST_F(KernelNetNsManagerKernel, FollowsIpNetnsAddAndDel) {
   std::string const before = netns().namespaceNew();  // there before the manager starts
-  makeOn(Manager::defaultDirectory);
+  start(Manager::defaultDirectory);
   EXPECT_EQ(root->netNsByName(nsName(Ovel::DEFAULT_NS)), inodeOf("/proc/thread-self/ns/net"));
   uint32_t const beforeNumber = inodeOf("/run/netns/" + before);
   EXPECT_EQ(root->netNs(beforeNumber), nsName(before));
-
   std::string const added = netns().namespaceNew();
   ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName(added)); }));
   uint32_t const number = inodeOf("/run/netns/" + added);
-  EXPECT_EQ(root->netNsByName(nsName(added)), number);
   EXPECT_EQ(root->netNs(number), nsName(added));
-
   netns().namespaceDel(added);
   ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName(added)); }));
   EXPECT_FALSE(root->netNsHas(number));
-  EXPECT_TRUE(root->netNsByNameHas(nsName(before)));
-
   manager->hasNotificationActiveIs(false);
   netns().namespaceDel(before);
   manager->hasNotificationActiveIs(true);  // reconciles what happened meanwhile
@@ -80,29 +73,19 @@ TEST_F(KernelNetNsManagerKernel, FollowsIpNetnsAddAndDel) {
 
 // The order `ip netns add` uses on a new directory: the directory, its bind mount onto itself, the
 // file, and the namespace mount on the file afterwards, with no inotify event for either mount.
-TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
+TEST_F(KernelNetNsManagerKernel, AMountThatFollowsTheFileIsPickedUp) {
   std::string const target = netns().namespaceNew();
-  // A directory of our own, removed (and its entry unmounted) on every path out of the test.
-  struct Scratch {
-    Scratch() {
-      char pattern[] = "/tmp/intfsm-netns-XXXXXX";
-      parent = ::mkdtemp(pattern);
-    }
-    ~Scratch() {
-      ::umount2((parent + "/netns/late").c_str(), MNT_DETACH);
-      ::umount2((parent + "/netns").c_str(), MNT_DETACH);
-      std::filesystem::remove_all(parent);
-    }
-    std::string parent;
-  } scratch;
-  std::string const dir = scratch.parent + "/netns";
-  std::string const entry = dir + "/late";
-  makeOn(Vorn::String(dir));
+  IntfsmTest::TempDir scratch;
+  std::string const dir = scratch.path() + "/netns", entry = dir + "/late";
+  struct Unmount {  // on every path out of the test, before the directory goes
+    std::string dir, entry;
+    ~Unmount() { ::umount2(entry.c_str(), MNT_DETACH), ::umount2(dir.c_str(), MNT_DETACH); }
+  } unmount{dir, entry};
+  start(Vorn::String(dir));
   ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
   ASSERT_TRUE(runUntil([&] { return manager->directoryWatched(); }));
   // The watch is on the directory itself, so it keeps seeing entries made through the new mount.
   ASSERT_EQ(::mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
-
   std::ofstream(entry).put('x');
   ASSERT_TRUE(runUntil([&] { return manager->pendingMounts() == 1; }));
   ASSERT_EQ(::mount(("/run/netns/" + target).c_str(), entry.c_str(), nullptr, MS_BIND, nullptr), 0)
@@ -110,7 +93,6 @@ TEST_F(KernelNetNsManagerKernel, MountThatFollowsTheFileIsPickedUp) {
   ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName("late")); }));
   EXPECT_EQ(root->netNsByName(nsName("late")), inodeOf("/run/netns/" + target));
   EXPECT_EQ(manager->pendingMounts(), 0u);
-
   ASSERT_EQ(::umount2(entry.c_str(), MNT_DETACH), 0);
   ASSERT_EQ(::unlink(entry.c_str()), 0);
   ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName("late")); }));

@@ -1,10 +1,13 @@
 // The oper-state root wired as an agent wires it, against the real kernel: interface statuses become
-// the operational state of veth devices in two namespaces, and namespaces that come and go get and
-// lose their cached netlink socket.
+// the operational state of veth devices in two namespaces, namespaces that come and go get and lose
+// their cached netlink socket and link monitor, and the decided state outlasts what the kernel does by
+// itself (carrier flaps, devices that appear late or are re-created) unless convergence is off.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <linux/if.h>
+
+#include <chrono>
 
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
@@ -50,7 +53,31 @@ class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
   }
 
   bool cached(std::string const & ns) { return root->kosm()->nsNetlinkSockFdHas(NamespaceName(ns)); }
-  bool runUntil(std::function<bool()> const & done) { return Vorn::activityManager().runUntil(done, 5.0); }
+  // Loop passes of at most 10 ms (what is awaited may be the kernel's, with nothing to wake the loop).
+  bool runUntil(std::function<bool()> const & done, double seconds = 5.0) {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+      if (std::chrono::steady_clock::now() >= end) return false;
+      Vorn::activityManager().runOnce(0.01);
+    }
+    return true;
+  }
+  int operState(std::string const & ns, char const * device) {
+    auto link = netns().link(ns, device);
+    return link ? link->operState : -1;
+  }
+  // The peer down until the device has lost its carrier, then up again.
+  void flap(std::string const & ns, char const * device, char const * peer) {
+    netns().linkDown(ns, peer);
+    ASSERT_TRUE(netns().waitForOperState(ns, device, IF_OPER_LOWERLAYERDOWN));
+    netns().linkUp(ns, peer);
+  }
+  // The loop runs until the device shows `state` with `reassertions` made in all, then 50 ms more, in
+  // which it stays so and nothing more is sent.
+  bool settles(std::string const & ns, char const * device, int state, uint64_t reassertions) {
+    auto const done = [&] { return root->kosm()->reassertions() == reassertions && operState(ns, device) == state; };
+    return runUntil(done) && !runUntil([] { return false; }, 0.05) && done();
+  }
 
   Vorn::Ptr<Interface::IntfStatus> addInterface(char const * id, char const * device, std::string const & ns,
                                                 Interface::IntfOperStatus s) {
@@ -106,7 +133,7 @@ TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
 
   std::string ns3 = netns().namespaceNew();
   ASSERT_TRUE(runUntil([&] { return cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1);  // one cached socket more
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 2);  // its cached socket and its link monitor
 
   netns().vethPairNew(ns3, "ve0", "vf0");
   netns().linkUp(ns3, "ve0");
@@ -117,7 +144,7 @@ TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
 
   netns().namespaceDel(ns3);
   ASSERT_TRUE(runUntil([&] { return !cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo);  // its socket was closed
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo);  // both closed
 }
 
 TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
@@ -135,7 +162,7 @@ TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
 TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultNamespaceFirst) {
   ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached("default"); }));
   ASSERT_FALSE(netns().link("", "va0"));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e1 = statusOf("Ethernet1", "va0", Interface::intfOperDown);
   root->intfStatusDir()->intfStatusIs(e1);
   EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 5 for device va0 refused: No such device"));
@@ -148,7 +175,7 @@ TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultName
 
 TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e2 = addInterface("Ethernet2", "vz0", ns2, Interface::intfOperUp);
   EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 6 for device vz0 refused: No such device"));
   netns().vethPairNew(ns2, "vz0", "vz1");
@@ -163,7 +190,7 @@ TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
 TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
   netns().linkDown(ns2, "vc0");
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   auto e3 = addInterface("Ethernet3", "vc0", ns2, Interface::intfOperDown);
   EXPECT_EQ(netns().link(ns2, "vc0")->operState, IF_OPER_DOWN);
   netns().linkUp(ns2, "vc0");
@@ -172,6 +199,60 @@ TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
   EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_DORMANT));
   EXPECT_FALSE(netns().link(ns2, "vc0")->flags & IFF_RUNNING);
   EXPECT_EQ(trace.size(), 0u);
+}
+
+// The kernel recomputes the state on every carrier change: DORMANT becomes UP again, and under
+// IFLA_LINKMODE dormant UP becomes DORMANT. Each flap takes one request to undo, until convergence is off.
+TEST_F(KernelOperStateKernelTest, DecidedStateOutlastsCarrierFlapsUntilConvergenceIsOff) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2); }));
+  ASSERT_EQ(netns().runIn(ns2, "ip link set dev vc0 mode dormant").status, 0);
+  addInterface("Ethernet1", "va0", ns1, Interface::intfOperDown);
+  addInterface("Ethernet2", "vc0", ns2, Interface::intfOperUp);
+  ASSERT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_DORMANT));
+  struct Case {
+    std::string ns;
+    char const * device;
+    char const * peer;
+    int decided;
+    int kernelOwn;  // what the kernel makes of a flap
+  } const cases[] = {{ns1, "va0", "vb0", IF_OPER_DORMANT, IF_OPER_UP}, {ns2, "vc0", "vd0", IF_OPER_UP, IF_OPER_DORMANT}};
+  uint64_t sent = 0;
+  for (auto const & c : cases) {
+    for (int i = 1; i <= 10; ++i) {
+      flap(c.ns, c.device, c.peer);
+      EXPECT_TRUE(settles(c.ns, c.device, c.decided, ++sent)) << c.device << " flap " << i;
+    }
+  }
+
+  int const withMonitors = IntfsmTest::openDescriptorCount();
+  int const monitors = static_cast<int>(root->kosm()->nsNetlinkSockFds());
+  root->operStateConvergenceIs(false);
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withMonitors - monitors);
+  for (auto const & c : cases) {
+    flap(c.ns, c.device, c.peer);
+    EXPECT_TRUE(settles(c.ns, c.device, c.kernelOwn, sent)) << c.device;
+  }
+}
+
+TEST_F(KernelOperStateKernelTest, DeviceThatAppearsLaterOrIsRecreatedGetsTheDecidedState) {
+  ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
+  addInterface("Ethernet3", "vz0", ns2, Interface::intfOperDown);
+  EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 5 for device vz0 refused: No such device"));
+  int ifIndex = 0;
+  for (char const * round : {"created", "re-created"}) {
+    SCOPED_TRACE(round);
+    auto const start = std::chrono::steady_clock::now();
+    netns().vethPairNew(ns2, "vz0", "vz1");
+    netns().linkUp(ns2, "vz0");
+    netns().linkUp(ns2, "vz1");
+    EXPECT_TRUE(runUntil([&] { return operState(ns2, "vz0") == IF_OPER_DORMANT; }, 1.0));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_NE(netns().link(ns2, "vz0")->ifindex, ifIndex);
+    ifIndex = netns().link(ns2, "vz0")->ifindex;
+    netns().linkDel(ns2, "vz0");
+  }
+  EXPECT_EQ(trace.size(), 1u);
 }
 
 }  // namespace

@@ -90,7 +90,7 @@ TEST_F(NetlinkOperStateKernel, RefusalsAreTracedAndSurvived) {
   netns().linkRename(ns, "vb0", "vb1");
   netns().linkUp(ns, "vb1");
   ASSERT_TRUE(netns().waitForOperState(ns, "va0", IF_OPER_UP));
-  TraceCapture trace{{"Interface", 1}};
+  IntfsmTest::TraceCapture trace{{"Interface", 1}};
   for (char const * device : {"nosuch0", "vc0", "vb0"}) {
     EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, device, 111, IF_OPER_DORMANT)) << device;
   }

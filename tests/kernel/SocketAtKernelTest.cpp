@@ -27,8 +27,7 @@ ino_t ownNamespaceInode() {
 int ifindexVia(int sd, char const * device) {
   ifreq request{};
   std::strncpy(request.ifr_name, device, IFNAMSIZ - 1);
-  if (::ioctl(sd, SIOCGIFINDEX, &request) < 0) return -errno;
-  return request.ifr_ifindex;
+  return ::ioctl(sd, SIOCGIFINDEX, &request) < 0 ? -errno : request.ifr_ifindex;
 }
 
 uint64_t namespaceCookie(int sd) {
@@ -48,56 +47,42 @@ class SocketAtKernel : public IntfsmTest::NetNsTest {
   ino_t const home = ownNamespaceInode();
 };
 
-TEST_F(SocketAtKernel, SocketSeesTheNamespacesDevicesAndTheThreadComesBack) {
-  std::string const ns = netns().namespaceNew();
-  std::string const other = netns().namespaceNew();
+// Sockets of one namespace share it; another namespace and the caller's own are apart.
+TEST_F(SocketAtKernel, TheSocketSeesTheNamespacesDevicesAndTheThreadComesBack) {
+  std::string const ns = netns().namespaceNew(), other = netns().namespaceNew();
   netns().vethPairNew(ns, "va0", "vb0");
-  auto const va0 = netns().link(ns, "va0");
-  ASSERT_TRUE(va0.has_value());
-
   int const inside = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, ns.c_str());
   ASSERT_GE(inside, 0) << std::strerror(errno);
   EXPECT_EQ(ownNamespaceInode(), home);
-  EXPECT_EQ(ifindexVia(inside, "va0"), va0->ifindex);
-  EXPECT_EQ(ifindexVia(inside, "vb0"), netns().link(ns, "vb0")->ifindex);
-  EXPECT_NE(::fcntl(inside, F_GETFD) & FD_CLOEXEC, 0);
-
-  // Sockets of one namespace share it; another namespace and the caller's own are apart.
+  EXPECT_EQ(ifindexVia(inside, "va0"), netns().link(ns, "va0")->ifindex);
+  EXPECT_TRUE(IntfsmTest::isCloseOnExec(inside));
   int const sameNs = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, ns.c_str());
   int const otherNs = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, other.c_str());
+  int const here = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, nullptr);
   int const reference = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ASSERT_GE(sameNs, 0);
-  ASSERT_GE(otherNs, 0);
   EXPECT_EQ(namespaceCookie(sameNs), namespaceCookie(inside));
   EXPECT_NE(namespaceCookie(otherNs), namespaceCookie(inside));
-  EXPECT_NE(namespaceCookie(reference), namespaceCookie(inside));
-  for (int sd : {sameNs, otherNs, inside}) ::close(sd);
-
-  int const here = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, nullptr);
-  ASSERT_GE(here, 0) << std::strerror(errno);
   EXPECT_EQ(namespaceCookie(here), namespaceCookie(reference));
   EXPECT_EQ(ifindexVia(here, "va0"), -ENODEV);
-  ::close(here);
-  ::close(reference);
+  for (int sd : {sameNs, otherNs, inside, here, reference}) ::close(sd);
   EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
 }
 
+// A namespace that is not there (never made, or deleted), or an address family the kernel does not
+// have (failing inside the namespace).
 TEST_F(SocketAtKernel, FailuresLeaveTheThreadAtHomeAndNothingOpen) {
-  std::string const ns = netns().namespaceNew();
-  std::string const deleted = netns().namespaceNew();
+  std::string const ns = netns().namespaceNew(), deleted = netns().namespaceNew();
   netns().namespaceDel(deleted);
   struct Case {
     char const * ns;
     int domain;
     int error;
   };
-  // An address family the kernel does not have fails inside the namespace.
   for (Case const c : {Case{"intfsmt-no-such-namespace", AF_INET, ENOENT}, Case{deleted.c_str(), AF_INET, ENOENT},
                        Case{ns.c_str(), AF_MAX + 1, EAFNOSUPPORT}}) {
-    SCOPED_TRACE(c.ns);
     errno = 0;
     EXPECT_LT(Ovel::socketAt(c.domain, SOCK_DGRAM, 0, c.ns), 0);
-    EXPECT_EQ(errno, c.error);
+    EXPECT_EQ(errno, c.error) << c.ns;
     EXPECT_EQ(ownNamespaceInode(), home);
   }
   EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);

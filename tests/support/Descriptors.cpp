@@ -1,6 +1,7 @@
 #include "tests/support/Descriptors.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -41,6 +42,11 @@ std::vector<std::string> openDescriptorTargets() {
     targets.push_back(std::to_string(fd) + " -> " + (n < 0 ? std::string("?") : std::string(target, static_cast<size_t>(n))));
   });
   return targets;
+}
+
+bool isCloseOnExec(int fd) {
+  int const flags = ::fcntl(fd, F_GETFD);
+  return flags >= 0 && (flags & FD_CLOEXEC) != 0;
 }
 
 }  // namespace IntfsmTest

@@ -1,8 +1,8 @@
-// Counting this process's open descriptors, for leak checks around code that opens and closes them.
+// This process's open descriptors, for leak checks around code that opens and closes them.
 //
 //   int const before = IntfsmTest::openDescriptorCount();
 //   ... open and close ...
-//   EXPECT_EQ(IntfsmTest::openDescriptorCount(), before);
+//   EXPECT_EQ(IntfsmTest::openDescriptorCount(), before) << testing::PrintToString(IntfsmTest::openDescriptorTargets());
 #pragma once
 
 #include <string>
@@ -13,7 +13,10 @@ namespace IntfsmTest {
 // The number of entries of /proc/self/fd, not counting the one used to read it.
 int openDescriptorCount();
 
-// What each open descriptor refers to ("socket:[1234]", "/dev/null", ...), for failure messages.
+// What each open descriptor refers to ("7 -> socket:[1234]", ...), for failure messages.
 std::vector<std::string> openDescriptorTargets();
+
+// Whether `fd` is open and close-on-exec.
+bool isCloseOnExec(int fd);
 
 }  // namespace IntfsmTest

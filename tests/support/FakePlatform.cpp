@@ -2,26 +2,32 @@
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <type_traits>
 
 namespace IntfsmTest {
 
 namespace {
 
-bool failed(int result) { return result < 0; }
-bool failed(long result) { return result < 0; }
-bool failed(bool result) { return !result; }
-bool failed(FILE * result) { return result == nullptr; }
-bool failed(void * result) { return result == MAP_FAILED; }
+template <class R>
+bool failed(R result) {
+  if constexpr (std::is_same_v<R, void *>) return result == MAP_FAILED;
+  else if constexpr (std::is_pointer_v<R> || std::is_same_v<R, bool>) return !result;
+  else return result < 0;
+}
 
-long asLong(int result) { return result; }
-long asLong(long result) { return result; }
-long asLong(bool result) { return result ? 1 : 0; }
-long asLong(FILE * result) { return result == nullptr ? 0 : 1; }
-long asLong(void * result) { return result == MAP_FAILED ? 0 : 1; }
+template <class R>
+long asLong(R result) {
+  if constexpr (std::is_same_v<R, void *>) return result == MAP_FAILED ? 0 : 1;
+  else if constexpr (std::is_pointer_v<R>) return result == nullptr ? 0 : 1;
+  else return static_cast<long>(result);
+}
 
 // The kernel's default receive buffer (net.core.rmem_default) as SO_RCVBUF reports it.
 constexpr int defaultRcvBuf = 212992;
@@ -39,29 +45,11 @@ std::string bytesOf(void const * data, size_t length) {
 }  // namespace
 
 char const * kindName(FakePlatform::Kind kind) {
-  using Kind = FakePlatform::Kind;
-  switch (kind) {
-    case Kind::socketAt: return "socketAt";
-    case Kind::setNetlinkOperState: return "setNetlinkOperState";
-    case Kind::socket: return "socket";
-    case Kind::bind: return "bind";
-    case Kind::close: return "close";
-    case Kind::setsockopt: return "setsockopt";
-    case Kind::getsockopt: return "getsockopt";
-    case Kind::ioctl: return "ioctl";
-    case Kind::recvmsg: return "recvmsg";
-    case Kind::recvmmsg: return "recvmmsg";
-    case Kind::sendto: return "sendto";
-    case Kind::poll: return "poll";
-    case Kind::open: return "open";
-    case Kind::setns: return "setns";
-    case Kind::lstat: return "lstat";
-    case Kind::stat: return "stat";
-    case Kind::fopen: return "fopen";
-    case Kind::mmap: return "mmap";
-    case Kind::munmap: return "munmap";
-  }
-  return "?";
+  static char const * const names[] = {"socketAt", "setNetlinkOperState", "socket", "bind", "close", "setsockopt",
+                                       "getsockopt", "ioctl", "recvmsg", "recvmmsg", "sendto", "poll", "open",
+                                       "setns", "lstat", "stat", "fopen", "mmap", "munmap"};
+  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::munmap) + 1);
+  return names[static_cast<size_t>(kind)];
 }
 
 FakePlatform::FakePlatform()
@@ -74,6 +62,7 @@ FakePlatform::FakePlatform()
 }
 
 FakePlatform::~FakePlatform() {
+  for (auto const & [fd, peer] : peers_) ::close(fd), ::close(peer);
   for (auto const & [address, length] : mappings_) ::munmap(address, length);
   Platform::calls() = previous_;
   Ovel::socketAtHook() = previousSocketAt_;
@@ -122,6 +111,11 @@ void FakePlatform::fileDel(std::string const & path) { files_.erase(path); }
 void FakePlatform::namespaceIs(std::string const & name) { fileIs("/run/netns/" + name); }
 
 void FakePlatform::queueDatagram(int fd, std::string bytes, sockaddr_storage const * from) {
+  // A real socket is readable while anything is queued: a one-byte token from its peer, sent when the
+  // queue fills and taken back out when it empties.
+  if (auto peer = peers_.find(fd); peer != peers_.end() && queuedDatagrams(fd) == 0) {
+    EXPECT_EQ(::send(peer->second, "", 1, MSG_DONTWAIT), 1);
+  }
   Datagram d{std::move(bytes), {}, 0};
   if (from != nullptr) {
     d.from = *from;
@@ -164,6 +158,16 @@ Result FakePlatform::run(Call call, Result failure, Body && body) {
   return result;
 }
 
+int FakePlatform::newSocket() {
+  if (!realSockets_) return newDescriptor();
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) < 0) return -1;
+  peers_[ends[0]] = ends[1];
+  open_.insert(ends[0]);
+  everHandedOut_.insert(ends[0]);
+  return ends[0];
+}
+
 int FakePlatform::newDescriptor() {
   int const fd = nextDescriptor_++;
   open_.insert(fd);
@@ -179,6 +183,10 @@ ssize_t FakePlatform::deliver(int fd, msghdr * message, int flags) {
   }
   Datagram d = std::move(it->second.front());
   it->second.pop_front();
+  if (peers_.count(fd) != 0 && it->second.empty()) {
+    char token;
+    ::recv(fd, &token, 1, MSG_DONTWAIT);
+  }
   size_t copied = 0;
   for (size_t i = 0; i < message->msg_iovlen && copied < d.bytes.size(); ++i) {
     size_t const n = std::min(message->msg_iov[i].iov_len, d.bytes.size() - copied);
@@ -197,8 +205,8 @@ ssize_t FakePlatform::deliver(int fd, msghdr * message, int flags) {
 
 void FakePlatform::installFakes() {
   Behaviour & b = behaviour_;
-  b.socketAt = [this](int, int, int, char const *) { return newDescriptor(); };
-  b.socket = [this](int, int, int) { return newDescriptor(); };
+  b.socketAt = [this](int, int, int, char const *) { return newSocket(); };
+  b.socket = [this](int, int, int) { return newSocket(); };
   b.setNetlinkOperState = [this](int, char const *, int, int) {
     if (!operStateAccepted_) errno = operStateError_;
     return operStateAccepted_;
@@ -211,6 +219,12 @@ void FakePlatform::installFakes() {
       return -1;
     }
     datagrams_.erase(fd);
+    if (auto peer = peers_.find(fd); peer != peers_.end()) {
+      // The number goes back to the kernel, which may hand it to anyone: no longer a fake one.
+      ::close(fd), ::close(peer->second);
+      peers_.erase(peer);
+      everHandedOut_.erase(fd);
+    }
     return 0;
   };
   b.setsockopt = [this](int fd, int level, int name, void const * value, socklen_t length) {
@@ -317,103 +331,60 @@ void FakePlatform::installFakes() {
   };
 }
 
+template <class C, class R, class... A, class Fill>
+std::function<R(A...)> FakePlatform::recorder(Kind kind, std::function<R(A...)> C::*entry, std::type_identity_t<R> failure,
+                                              Fill fill) {
+  return [this, kind, entry, failure, fill](A... args) -> R {
+    Call c = callOf(kind);
+    fill(c, args...);
+    return run(c, failure, [&] { return (behaviour_.*entry)(args...); });
+  };
+}
+
 void FakePlatform::installRecorders() {
+  using B = Behaviour;
   Platform::Calls & live = Platform::calls();
-  Ovel::socketAtHook() = [this](int domain, int type, int protocol, char const * nsName) {
-    Call c = callOf(Kind::socketAt);
-    c.a = domain, c.b = type, c.c = protocol, c.text = nsName == nullptr ? "(null)" : nsName;
-    return run(c, -1, [&] { return behaviour_.socketAt(domain, type, protocol, nsName); });
-  };
-  Interface::netlinkOperStateHook() = [this](int sd, char const * deviceName, int tag, int operState) {
-    Call c = callOf(Kind::setNetlinkOperState);
-    c.fd = sd, c.text = deviceName == nullptr ? "(null)" : deviceName, c.a = tag, c.b = operState;
-    return run(c, false, [&] { return behaviour_.setNetlinkOperState(sd, deviceName, tag, operState); });
-  };
-  live.socket = [this](int domain, int type, int protocol) {
-    Call c = callOf(Kind::socket);
-    c.a = domain, c.b = type, c.c = protocol;
-    return run(c, -1, [&] { return behaviour_.socket(domain, type, protocol); });
-  };
-  live.bind = [this](int fd, sockaddr const * address, socklen_t length) {
-    Call c = callOf(Kind::bind);
+  auto const descriptor = [](Call & c, int fd, auto...) { c.fd = fd; };
+  auto const path = [](Call & c, char const * p, auto...) { c.text = p; };
+  auto const socketArgs = [](Call & c, int domain, int type, int protocol) { c.a = domain, c.b = type, c.c = protocol; };
+  Ovel::socketAtHook() = recorder(Kind::socketAt, &B::socketAt, -1, [socketArgs](Call & c, int d, int t, int p, char const * ns) {
+    socketArgs(c, d, t, p);
+    c.text = ns == nullptr ? "(null)" : ns;
+  });
+  Interface::netlinkOperStateHook() =
+      recorder(Kind::setNetlinkOperState, &B::setNetlinkOperState, false, [](Call & c, int sd, char const * name, int tag, int state) {
+        c.fd = sd, c.text = name == nullptr ? "(null)" : name, c.a = tag, c.b = state;
+      });
+  live.socket = recorder(Kind::socket, &B::socket, -1, socketArgs);
+  live.bind = recorder(Kind::bind, &B::bind, -1, [](Call & c, int fd, sockaddr const * address, socklen_t length) {
     c.fd = fd, c.data = bytesOf(address, length);
-    return run(c, -1, [&] { return behaviour_.bind(fd, address, length); });
-  };
-  live.close = [this](int fd) {
-    Call c = callOf(Kind::close);
-    c.fd = fd;
-    return run(c, -1, [&] { return behaviour_.close(fd); });
-  };
-  live.setsockopt = [this](int fd, int level, int name, void const * value, socklen_t length) {
-    Call c = callOf(Kind::setsockopt);
-    c.fd = fd, c.a = level, c.b = name, c.data = bytesOf(value, length);
-    return run(c, -1, [&] { return behaviour_.setsockopt(fd, level, name, value, length); });
-  };
-  live.getsockopt = [this](int fd, int level, int name, void * value, socklen_t * length) {
-    Call c = callOf(Kind::getsockopt);
-    c.fd = fd, c.a = level, c.b = name;
-    return run(c, -1, [&] { return behaviour_.getsockopt(fd, level, name, value, length); });
-  };
-  live.ioctl = [this](int fd, unsigned long request, void * argument) {
-    Call c = callOf(Kind::ioctl);
-    c.fd = fd, c.a = static_cast<long>(request);
-    return run(c, -1, [&] { return behaviour_.ioctl(fd, request, argument); });
-  };
-  live.recvmsg = [this](int fd, msghdr * message, int flags) {
-    Call c = callOf(Kind::recvmsg);
-    c.fd = fd, c.a = flags;
-    return run(c, -1L, [&] { return static_cast<long>(behaviour_.recvmsg(fd, message, flags)); });
-  };
-  live.recvmmsg = [this](int fd, mmsghdr * messages, unsigned count, int flags, timespec * timeout) {
-    Call c = callOf(Kind::recvmmsg);
-    c.fd = fd, c.a = flags;
-    return run(c, -1, [&] { return behaviour_.recvmmsg(fd, messages, count, flags, timeout); });
-  };
-  live.sendto = [this](int fd, void const * data, size_t length, int flags, sockaddr const * to, socklen_t toLength) {
-    Call c = callOf(Kind::sendto);
+  });
+  live.close = recorder(Kind::close, &B::close, -1, descriptor);
+  live.setsockopt = recorder(Kind::setsockopt, &B::setsockopt, -1,
+                             [](Call & c, int fd, int level, int name, void const * value, socklen_t length) {
+                               c.fd = fd, c.a = level, c.b = name, c.data = bytesOf(value, length);
+                             });
+  live.getsockopt = recorder(Kind::getsockopt, &B::getsockopt, -1,
+                             [](Call & c, int fd, int level, int name, auto...) { c.fd = fd, c.a = level, c.b = name; });
+  live.ioctl = recorder(Kind::ioctl, &B::ioctl, -1,
+                        [](Call & c, int fd, unsigned long request, void *) { c.fd = fd, c.a = static_cast<long>(request); });
+  live.recvmsg = recorder(Kind::recvmsg, &B::recvmsg, -1, [](Call & c, int fd, msghdr *, int flags) { c.fd = fd, c.a = flags; });
+  live.recvmmsg = recorder(Kind::recvmmsg, &B::recvmmsg, -1,
+                           [](Call & c, int fd, mmsghdr *, unsigned, int flags, timespec *) { c.fd = fd, c.a = flags; });
+  live.sendto = recorder(Kind::sendto, &B::sendto, -1, [](Call & c, int fd, void const * data, size_t length, int flags, auto...) {
     c.fd = fd, c.a = flags, c.data = bytesOf(data, length);
-    return run(c, -1L, [&] { return static_cast<long>(behaviour_.sendto(fd, data, length, flags, to, toLength)); });
-  };
-  live.poll = [this](pollfd * fds, nfds_t count, int timeoutMs) {
-    Call c = callOf(Kind::poll);
+  });
+  live.poll = recorder(Kind::poll, &B::poll, -1, [](Call & c, pollfd * fds, nfds_t count, int) {
     c.a = static_cast<long>(count), c.fd = count > 0 ? fds[0].fd : -1;
-    return run(c, -1, [&] { return behaviour_.poll(fds, count, timeoutMs); });
-  };
-  live.mmap = [this](void * address, size_t length, int protection, int flags, int fd, off_t offset) {
-    Call c = callOf(Kind::mmap);
-    c.fd = fd, c.a = static_cast<long>(length);
-    return run(c, MAP_FAILED, [&] { return behaviour_.mmap(address, length, protection, flags, fd, offset); });
-  };
-  live.munmap = [this](void * address, size_t length) {
-    Call c = callOf(Kind::munmap);
-    c.a = static_cast<long>(length);
-    return run(c, -1, [&] { return behaviour_.munmap(address, length); });
-  };
-  live.open = [this](char const * path, int flags) {
-    Call c = callOf(Kind::open);
-    c.text = path, c.a = flags;
-    return run(c, -1, [&] { return behaviour_.open(path, flags); });
-  };
-  live.setns = [this](int fd, int nsType) {
-    Call c = callOf(Kind::setns);
-    c.fd = fd, c.a = nsType;
-    return run(c, -1, [&] { return behaviour_.setns(fd, nsType); });
-  };
-  live.lstat = [this](char const * path, struct stat * result) {
-    Call c = callOf(Kind::lstat);
-    c.text = path;
-    return run(c, -1, [&] { return behaviour_.lstat(path, result); });
-  };
-  live.stat = [this](char const * path, struct stat * result) {
-    Call c = callOf(Kind::stat);
-    c.text = path;
-    return run(c, -1, [&] { return behaviour_.stat(path, result); });
-  };
-  live.fopen = [this](char const * path, char const * mode) {
-    Call c = callOf(Kind::fopen);
-    c.text = path;
-    return run(c, static_cast<FILE *>(nullptr), [&] { return behaviour_.fopen(path, mode); });
-  };
+  });
+  live.mmap = recorder(Kind::mmap, &B::mmap, MAP_FAILED,
+                       [](Call & c, void *, size_t length, int, int, int fd, off_t) { c.fd = fd, c.a = static_cast<long>(length); });
+  live.munmap = recorder(Kind::munmap, &B::munmap, -1, [](Call & c, void *, size_t length) { c.a = static_cast<long>(length); });
+  live.open = recorder(Kind::open, &B::open, -1, [](Call & c, char const * p, int flags) { c.text = p, c.a = flags; });
+  live.setns = recorder(Kind::setns, &B::setns, -1, [](Call & c, int fd, int nsType) { c.fd = fd, c.a = nsType; });
+  live.lstat = recorder(Kind::lstat, &B::lstat, -1, path);
+  live.stat = recorder(Kind::stat, &B::stat, -1, path);
+  live.fopen = recorder(Kind::fopen, &B::fopen, nullptr, path);
 }
 
 }  // namespace IntfsmTest

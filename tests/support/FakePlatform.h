@@ -9,7 +9,8 @@
 //   EXPECT_EQ(fake.openDescriptors().size(), 0u);   // every fake socket was closed
 //
 // What the fakes do (each can be replaced through behaviour(), which the recorders call):
-// - socketAt, socket and open hand out fresh fake descriptors, counting up from firstFakeDescriptor.
+// - socketAt, socket and open hand out fresh fake descriptors, counting up from firstFakeDescriptor
+//   (socket and socketAt real ones after realSocketsIs(true), see below).
 //   open succeeds only for paths of the fake file system (see below) and "/run/netns/<name>" for
 //   namespaces made with namespaceIs; anything else fails with ENOENT.
 // - close of a fake descriptor marks it closed (closing it twice fails with EBADF); close of any
@@ -28,16 +29,32 @@
 //   never fills); munmap gives back what the fake mapped. Other mappings go to the previous table.
 // A failure queued with failNext wins over the fake: the call is recorded with the
 // failure and returns it (-1, null or false, with errno).
+//
+// Real sockets, on request: after realSocketsIs(true), socket and socketAt hand out one end of an
+// AF_UNIX datagram socket pair instead of a number from firstFakeDescriptor on, so that a
+// Vorn::FileDescriptor can watch it and the event loop sees it readable for real. Everything else
+// stays fake: queueDatagram queues the datagram (with its source address) as before, and the fake
+// recvmsg / recvmmsg deliver it as before; the other end of the pair holds one byte in the socket
+// while anything is queued, so the descriptor is readable exactly then. close of such a descriptor
+// closes both ends; the fake closes any left open when it dies.
+//
+//   fake.realSocketsIs(true);
+//   pam->enabledIs(true);                          // watched on the loop
+//   fake.queueDatagram(pam->sd(), frame, &from);
+//   loop.runOnce(0);                               // the Pam reads it through its reactor
 #pragma once
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <set>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "intfsm/foundation/interface/NetlinkOperState.h"
@@ -90,6 +107,13 @@ class FakePlatform {
     std::string data;
     long result = 0;
     int error = 0;
+    // `data` read as a T (zero-filled where it is shorter): `call.dataAs<sockaddr_ll>()`.
+    template <class T>
+    T dataAs() const {
+      T value{};
+      std::memcpy(&value, data.data(), std::min(sizeof value, data.size()));
+      return value;
+    }
   };
 
   struct OperStateRequest {
@@ -132,6 +156,9 @@ class FakePlatform {
   // A namespace that socketAt can enter: the file "/run/netns/<name>".
   void namespaceIs(std::string const & name);
 
+  // Whether socket and socketAt hand out real, pollable descriptors (see above); false at first.
+  void realSocketsIs(bool on) { realSockets_ = on; }
+
   // A datagram that recvmsg / recvmmsg on the fake descriptor `fd` will deliver, `from` as its source.
   void queueDatagram(int fd, std::string bytes, sockaddr_storage const * from = nullptr);
   size_t queuedDatagrams(int fd) const;
@@ -161,9 +188,14 @@ class FakePlatform {
 
   template <typename Result, typename Body>
   Result run(Call call, Result failure, Body && body);
+  // The recorder of one entry of the table: fills a Call with `fill(call, args...)`, then runs the
+  // fake `behaviour_.*entry` through run().
+  template <class C, class R, class... A, class Fill>
+  std::function<R(A...)> recorder(Kind kind, std::function<R(A...)> C::*entry, std::type_identity_t<R> failure, Fill fill);
   bool takeFailure(Call & call);
   ssize_t deliver(int fd, msghdr * message, int flags);
   int newDescriptor();
+  int newSocket();
   void installFakes();
   void installRecorders();
 
@@ -181,7 +213,9 @@ class FakePlatform {
   std::map<std::tuple<int, int, int>, std::string> options_;
   std::map<std::string, std::string> files_;
   std::map<int, std::deque<Datagram>> datagrams_;
-  std::map<void *, size_t> mappings_;
+  bool realSockets_ = false;
+  std::map<int, int> peers_;
+  std::map<void *, size_t> mappings_;  // a real socket handed out, and the end the fake keeps
 };
 
 char const * kindName(FakePlatform::Kind kind);

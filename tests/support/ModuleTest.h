@@ -25,31 +25,10 @@
 
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "tests/support/FakePlatform.h"
+#include "tests/support/ScopedLoop.h"
 #include "tests/support/TraceCapture.h"
 
 namespace IntfsmTest {
-
-// Vorn::System::currentTime() is a test time for the life of this object; the real clock comes back after.
-class ScopedTestTime {
- public:
-  static constexpr double start = 1000.0;
-  explicit ScopedTestTime(double t = start);
-  ~ScopedTestTime();
-  ScopedTestTime(ScopedTestTime const &) = delete;
-  ScopedTestTime & operator=(ScopedTestTime const &) = delete;
-
-  double now() const;
-  void advance(double seconds);
-};
-
-// Makes `loop` the process's loop for the life of this object.
-class ScopedLoop {
- public:
-  explicit ScopedLoop(Vorn::ActivityManager & loop) { Vorn::activityManagerIs(&loop); }
-  ~ScopedLoop() { Vorn::activityManagerIs(nullptr); }
-  ScopedLoop(ScopedLoop const &) = delete;
-  ScopedLoop & operator=(ScopedLoop const &) = delete;
-};
 
 class ModuleTest : public ::testing::Test {
  protected:

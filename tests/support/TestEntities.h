@@ -9,7 +9,7 @@
 #include "intfsm/foundation/vorn/Entity.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
-namespace TestSupport {
+namespace IntfsmTest {
 
 class Widget : public Vorn::Entity {
  public:
@@ -75,4 +75,6 @@ class WidgetRecorder : public Widget::NotifieeConst {
   std::vector<std::string> log;
 };
 
-}  // namespace TestSupport
+}  // namespace IntfsmTest
+
+// For the tests that still name the old namespace; goes when they do.

@@ -5,9 +5,20 @@
 #include <ostream>
 #include <sstream>
 
-TraceCapture::TraceCapture() : savedSettings_(Brisklog::settings()), savedSink_(Brisklog::sink()) {
-  Brisklog::sinkIs(this);
+namespace IntfsmTest {
+
+ScopedTraceSettings::ScopedTraceSettings(Start start)
+    : settings_(Brisklog::settings()), sink_(Brisklog::sink()), outputFile_(Brisklog::outputFile()) {
+  if (start == fromNothing) Brisklog::settingsIs(Brisklog::Settings());
 }
+
+ScopedTraceSettings::~ScopedTraceSettings() {
+  Brisklog::sinkIs(sink_);
+  Brisklog::settingsIs(settings_);
+  if (Brisklog::outputFile() != outputFile_) Brisklog::outputFileIs(outputFile_.c_str());
+}
+
+TraceCapture::TraceCapture() { Brisklog::sinkIs(this); }
 
 TraceCapture::TraceCapture(char const * module) : TraceCapture() { enable(module); }
 
@@ -19,10 +30,7 @@ TraceCapture::TraceCapture(std::initializer_list<ModuleLevels> modules) : TraceC
   for (ModuleLevels const & m : modules) enable(m.module, m.mask);
 }
 
-TraceCapture::~TraceCapture() {
-  Brisklog::sinkIs(savedSink_);
-  Brisklog::settingsIs(savedSettings_);
-}
+TraceCapture::~TraceCapture() = default;
 
 void TraceCapture::enable(char const * module, uint16_t mask) { Brisklog::levelsIs(module, mask); }
 
@@ -39,29 +47,21 @@ std::vector<TraceCapture::Line> TraceCapture::lines() const {
   return lines_;
 }
 
-std::vector<std::string> TraceCapture::texts() const {
-  std::lock_guard lock(mutex_);
-  std::vector<std::string> result;
-  for (Line const & l : lines_) result.push_back(l.text);
-  return result;
-}
-
-std::vector<std::string> TraceCapture::texts(std::string_view module) const {
+std::vector<std::string> TraceCapture::textsOf(std::string_view const * module, unsigned const * level) const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> result;
   for (Line const & l : lines_) {
-    if (l.module == module) result.push_back(l.text);
+    if ((!module || l.module == *module) && (!level || l.level == *level)) result.push_back(l.text);
   }
   return result;
 }
+
+std::vector<std::string> TraceCapture::texts() const { return textsOf(nullptr, nullptr); }
+
+std::vector<std::string> TraceCapture::texts(std::string_view module) const { return textsOf(&module, nullptr); }
 
 std::vector<std::string> TraceCapture::texts(std::string_view module, unsigned level) const {
-  std::lock_guard lock(mutex_);
-  std::vector<std::string> result;
-  for (Line const & l : lines_) {
-    if (l.module == module && l.level == level) result.push_back(l.text);
-  }
-  return result;
+  return textsOf(&module, &level);
 }
 
 bool TraceCapture::contains(std::string_view text) const { return count(text) > 0; }
@@ -99,3 +99,5 @@ std::string TraceCapture::dump() const {
 std::ostream & operator<<(std::ostream & os, TraceCapture::Line const & line) {
   return os << line.module << '/' << line.level << ' ' << line.function << ": " << line.text;
 }
+
+}  // namespace IntfsmTest

@@ -4,7 +4,7 @@
 // levels, or the masks given). On destruction it puts back the previous sink and every level as it
 // was, including changes the test itself made with Brisklog::levelsIs or configure.
 //
-//   TraceCapture trace("KernelOperState");
+//   IntfsmTest::TraceCapture trace("KernelOperState");
 //   sm->handleIntfStatus(intfId);
 //   EXPECT_THAT(trace.texts("KernelOperState"), ElementsAre("handleIntfStatus( et1 )", ...));
 //   EXPECT_EQ(trace.count("doSyncIntfStatus( et1 )"), 1u);
@@ -26,6 +26,25 @@
 
 #include "intfsm/foundation/brisklog/Brisklog.h"
 #include "intfsm/foundation/brisklog/Configuration.h"
+
+namespace IntfsmTest {
+
+// Puts the whole trace set-up back as it was when it dies: what was asked for each module, each
+// handle's levels, the sink and the output file. `fromNothing` also starts the test from a set-up
+// where nothing has been asked for, so that a BRISKLOG in the test run's environment does not leak in.
+class ScopedTraceSettings {
+ public:
+  enum Start { asItIs, fromNothing };
+  explicit ScopedTraceSettings(Start start = asItIs);
+  ~ScopedTraceSettings();
+  ScopedTraceSettings(ScopedTraceSettings const &) = delete;
+  ScopedTraceSettings & operator=(ScopedTraceSettings const &) = delete;
+
+ private:
+  Brisklog::Settings settings_;
+  Brisklog::Sink * sink_;
+  std::string outputFile_;
+};
 
 class TraceCapture : public Brisklog::Sink {
  public:
@@ -76,11 +95,16 @@ class TraceCapture : public Brisklog::Sink {
   void lineIs(Brisklog::Line const & line) override;
 
  private:
-  Brisklog::Settings savedSettings_;
-  Brisklog::Sink * savedSink_;
+  // The texts of the module and level given (any when null).
+  std::vector<std::string> textsOf(std::string_view const * module, unsigned const * level) const;
+
+  ScopedTraceSettings saved_;
   mutable std::mutex mutex_;
   std::vector<Line> lines_;
 };
 
 // So that GoogleTest prints recorded lines readably.
 std::ostream & operator<<(std::ostream & os, TraceCapture::Line const & line);
+
+}  // namespace IntfsmTest
+

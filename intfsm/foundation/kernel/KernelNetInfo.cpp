@@ -8,8 +8,8 @@
 
 namespace KernelNetInfo {
 
-Interface::Interface(uint32_t ifIndex, uint32_t flags, Vorn::String const & deviceName)
-    : ifIndex_(ifIndex), flags_(flags) {
+Interface::Interface(uint32_t ifIndex, uint32_t flags, Vorn::String const & deviceName, uint8_t operState)
+    : ifIndex_(ifIndex), flags_(flags), operState_(operState) {
   deviceName_.set(deviceName.view());
 }
 

@@ -1,7 +1,8 @@
 // The kernel's network devices of one namespace, as a collection that reactors can watch.
 //
-// `Interface` is one device as rtnetlink reports it: ifindex, IFF_* flags and device name (kept in a
-// 16-byte PodArray, the kernel's IFNAMSIZ; a longer name raises Vorn::RangeException).
+// `Interface` is one device as rtnetlink reports it: ifindex, IFF_* flags, device name (kept in a
+// 16-byte PodArray, the kernel's IFNAMSIZ; a longer name raises Vorn::RangeException) and operational
+// state (IFLA_OPERSTATE, an RFC 2863 IF_OPER_* value; IF_OPER_UNKNOWN, 0, when not reported).
 //
 // `Root` holds the devices three ways, always consistent with each other:
 // - `interfaceByDeviceName`: device name -> Interface, what readers that know a device by name use;
@@ -44,12 +45,13 @@ class Interface {
   // The empty record (ifindex 0): what lookups of an absent device yield.
   Interface() noexcept = default;
   // A name longer than 16 bytes raises Vorn::RangeException (PodArray's text).
-  Interface(uint32_t ifIndex, uint32_t flags, Vorn::String const & deviceName);
+  Interface(uint32_t ifIndex, uint32_t flags, Vorn::String const & deviceName, uint8_t operState = 0);
 
   uint32_t ifIndex() const noexcept { return ifIndex_; }
   uint32_t flags() const noexcept { return flags_; }
   Vorn::String deviceName() const { return Vorn::String(deviceName_.view()); }
   DeviceName const & deviceNameBytes() const noexcept { return deviceName_; }
+  uint8_t operState() const noexcept { return operState_; }
 
   bool isUp() const noexcept;       // IFF_UP: administratively up
   bool isRunning() const noexcept;  // IFF_RUNNING (0x40): operationally up
@@ -63,6 +65,7 @@ class Interface {
   uint32_t ifIndex_ = 0;
   uint32_t flags_ = 0;
   DeviceName deviceName_;
+  uint8_t operState_ = 0;
 };
 
 // "va0 (ifIndex 3, flags 0x1003)", or "none" for the empty record.

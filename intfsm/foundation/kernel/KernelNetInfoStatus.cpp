@@ -388,6 +388,7 @@ void Status::handleLink(nlmsghdr const * nlh, bool fromDump) {
   struct Attributes {
     char const * name = nullptr;
     uint16_t nameLength = 0;
+    uint8_t operState = 0;
     bool movedAway = false;
   } attributes;
   mnl_attr_parse(
@@ -400,6 +401,9 @@ void Status::handleLink(nlmsghdr const * nlh, bool fromDump) {
               a->name = mnl_attr_get_str(attribute);
               a->nameLength = static_cast<uint16_t>(strnlen(a->name, mnl_attr_get_payload_len(attribute)));
             }
+            break;
+          case IFLA_OPERSTATE:
+            if (mnl_attr_validate(attribute, MNL_TYPE_U8) >= 0) a->operState = mnl_attr_get_u8(attribute);
             break;
           case IFLA_NEW_NETNSID:
             a->movedAway = true;
@@ -425,7 +429,8 @@ void Status::handleLink(nlmsghdr const * nlh, bool fromDump) {
   }
   if (!event.gone) {
     try {
-      event.interface = Interface(ifIndex, ifi->ifi_flags, Vorn::String(attributes.name, attributes.nameLength));
+      event.interface = Interface(ifIndex, ifi->ifi_flags, Vorn::String(attributes.name, attributes.nameLength),
+                                  attributes.operState);
     } catch (Vorn::RangeException const & e) {
       KNI_TRACE(0, "KernelNetInfo::Status ignoring ifIndex " << ifIndex << " in namespace " << netNs_ << ": "
                                                              << e.what());

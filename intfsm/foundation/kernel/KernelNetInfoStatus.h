@@ -3,7 +3,7 @@
 //
 //   auto status = KernelNetInfo::Status::statusNew("kni", Ovel::NamespaceName("blue"));
 //   status->enabledIs(true);           // the Root now holds blue's devices
-//   ... Vorn::activityManager().run(); // and follows them: add, delete, rename, up/down, running
+//   ... Vorn::activityManager().run(); // and follows them: add, delete, rename, up/down, running, operstate
 //   status->root()->interfaceByDeviceName("va0").ifIndex();
 //
 // How it stays right:
@@ -22,8 +22,9 @@
 //   state on the way. A dump whose messages carry NLM_F_DUMP_INTR (the device list changed under it)
 //   only adds and updates, is followed by the held events likewise, and is repeated. A refused dump
 //   request releases the held events at once. Outside dumps, events are applied as they are read.
-// - Events: RTM_NEWLINK adds, updates or renames; RTM_DELLINK deletes. A device that leaves for
-//   another namespace (RTM_DELLINK, or RTM_NEWLINK carrying IFLA_NEW_NETNSID) is a deletion here.
+// - Events: RTM_NEWLINK adds, updates (flags, IFLA_OPERSTATE) or renames; RTM_DELLINK deletes. A
+//   device that leaves for another namespace (RTM_DELLINK, or RTM_NEWLINK carrying IFLA_NEW_NETNSID) is
+//   a deletion here.
 //   Messages of other families (AF_BRIDGE port messages share the group) are ignored.
 // - Lost events: when recvmsg fails with ENOBUFS (the receive buffer overran) or a message was
 //   truncated, the Root may have drifted; `synced` turns false and a re-dump is asked for. It starts

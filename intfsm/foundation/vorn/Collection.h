@@ -124,6 +124,9 @@ class Collection {
 
   Iterator begin() const { return Iterator(this, liveFrom(head_)); }
   Iterator end() const { return Iterator(); }
+  // A walk that starts at `key`'s entry (end() when absent): resuming a walk where an earlier one
+  // stopped costs one lookup.
+  Iterator iteratorAt(K const & key) const { return Iterator(this, lookup(key, hashOf(key))); }
 
   // The value for `key`, or null when absent.
   V const * find(K const & key) const {

@@ -230,7 +230,7 @@ TEST(EthDevPamBundleNamespaceDut, DecidedOnceFromSwiVersion) {
     EXPECT_EXIT(
         {
           IntfsmTest::FakePlatform fake;
-          TraceCapture trace("EthDevPamManagerTypes");
+          IntfsmTest::TraceCapture trace("EthDevPamManagerTypes");
           if (hardware) fake.fileIs("/etc/swi-version");
           bool const dut = EthDevPamBundle::isNamespaceDut();
           hardware ? fake.fileDel("/etc/swi-version") : fake.fileIs("/etc/swi-version");

@@ -1,17 +1,23 @@
 // The kernel oper-state subsystem wired as an agent wires it, over the fake platform: what reaches the
-// kernel (requests, sockets, binds, closes) and what is traced for each change of the inputs, and how
-// failures end or spare the process.
+// kernel (requests, sockets, binds, closes) and what is traced for each change of the inputs, how
+// failures end or spare the process, and what convergence sends for the kernel's link reports.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <sstream>
 
+#include <linux/if.h>
+#include <linux/rtnetlink.h>
+
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/vorn/Exception.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FakeRtnetlink.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/ThrownText.h"
 
@@ -27,7 +33,9 @@ using Sm = KernelOperState::IntfStatusOperStatusSm;
 
 class KernelOperStateTest : public IntfsmTest::ModuleTest {
  protected:
-  KernelOperStateTest() : ModuleTest("KernelOperState") {}
+  // Convergence opens link monitors, which the fake platform's descriptors cannot serve: the tests of
+  // status changes run without it, as an agent that turns it off does.
+  KernelOperStateTest() : ModuleTest("KernelOperState") { root->operStateConvergenceIs(false); }
 
   Vorn::Ptr<KernelOperState::Root> root = KernelOperState::rootFactory("kos");
   Vorn::Ptr<KernelOperState::IntfStatusDir> dir = root->intfStatusDirIs("intfStatus");
@@ -155,26 +163,28 @@ TEST_F(KernelOperStateTest, StartUpThenEveryChangeOfAnInterfaceResyncsItIntoItsN
   auto l = local("Ethernet1", "");
   char const * const onStatus = "handleOperStatusOrDeviceName( Ethernet1 )";
   char const * const onLocal = "handleNetNsName( Ethernet1 )";
+  // The manager keeps one decided state per interface: where its device was before is forgotten.
   struct Step {
     std::function<void()> change;
     char const * firstTrace;  // null: nothing traced
     char const * request;     // "<namespace whose cached socket is used> <device> <operstate>", or null
+    uint32_t decided;         // decided states kept by the manager (Ethernet2's and Ethernet1's)
   } const steps[] = {
-      {[&] { st->operStatusIs(Interface::intfOperNotPresent); }, onStatus, "default et1 5"},
-      {[&] { st->deviceNameIs("et1b"); }, onStatus, "default et1b 5"},
-      {[&] { st->deviceNameIs("et1b"); }, nullptr, nullptr},
-      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, "default et1b 5"},  // empty netNsName
-      {[&] { l->netNsNameIs(NamespaceName("blue")); }, onLocal, "blue et1b 5"},
-      {[&] { st->operStatusIs(Interface::intfOperUp); }, onStatus, "blue et1b 6"},
-      {[&] { dir->intfStatusIs(other); }, onStatus, "blue et9 5"},             // the reactor is rebound
-      {[&] { st->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr},  // no longer watched
-      {[&] { localDir->intfStatusLocalDel(IntfId("Ethernet1")); }, nullptr, nullptr},
-      {[&] { other->operStatusIs(Interface::intfOperUp); }, onStatus, "default et9 6"},
+      {[&] { st->operStatusIs(Interface::intfOperNotPresent); }, onStatus, "default et1 5", 2},
+      {[&] { st->deviceNameIs("et1b"); }, onStatus, "default et1b 5", 2},
+      {[&] { st->deviceNameIs("et1b"); }, nullptr, nullptr, 2},
+      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, "default et1b 5", 2},  // empty netNsName
+      {[&] { l->netNsNameIs(NamespaceName("blue")); }, onLocal, "blue et1b 5", 2},
+      {[&] { st->operStatusIs(Interface::intfOperUp); }, onStatus, "blue et1b 6", 2},
+      {[&] { dir->intfStatusIs(other); }, onStatus, "blue et9 5", 2},             // the reactor is rebound
+      {[&] { st->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr, 2},  // no longer watched
+      {[&] { localDir->intfStatusLocalDel(IntfId("Ethernet1")); }, nullptr, nullptr, 2},
+      {[&] { other->operStatusIs(Interface::intfOperUp); }, onStatus, "default et9 6", 2},
       {[&] { netNs->namespaceIs(NamespaceName("red"), 3); }, "IntfStatusOperStatusSm::handleNsByName(name=red)",
-       nullptr},
-      {[&] { dir->intfStatusDel(IntfId("Ethernet1")); }, nullptr, nullptr},
-      {[&] { other->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr},
-      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, nullptr},  // no status: nothing to sync
+       nullptr, 2},
+      {[&] { dir->intfStatusDel(IntfId("Ethernet1")); }, nullptr, nullptr, 1},
+      {[&] { other->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr, 1},
+      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, nullptr, 1},  // no status: nothing to sync
   };
   for (size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE("step " + std::to_string(i));
@@ -184,10 +194,12 @@ TEST_F(KernelOperStateTest, StartUpThenEveryChangeOfAnInterfaceResyncsItIntoItsN
     EXPECT_EQ(traces().empty() ? "" : traces().front(), steps[i].firstTrace ? steps[i].firstTrace : "");
     std::string sent;
     for (auto const & r : fake.operStateRequests()) {
-      sent += r.sd == cachedSd("default") ? "default" : r.sd == cachedSd("blue") ? "blue" : "?";
-      sent += " " + r.deviceName + " " + std::to_string(r.operState) + (r.tag == 111 ? "" : " bad tag");
+      char const * const ns = r.sd == cachedSd("default") ? "default" : r.sd == cachedSd("blue") ? "blue" : "?";
+      sent += ns + (" " + r.deviceName) + " " + std::to_string(r.operState) + (r.tag == 111 ? "" : " bad tag");
+      EXPECT_EQ(kosm->decidedOperState(NamespaceName(ns), r.deviceName.c_str()), r.operState);
     }
     EXPECT_EQ(sent, steps[i].request ? steps[i].request : "");
+    EXPECT_EQ(kosm->decidedOperStates(), steps[i].decided);
     EXPECT_TRUE(!steps[i].request || trace.contains("doSyncIntfStatus( Ethernet1 )"));
   }
 }
@@ -211,6 +223,86 @@ TEST_F(KernelOperStateTest, NamespacesComingAndGoing) {
   netNs->netNsByNameNotify(NamespaceName("never"));
   EXPECT_THAT(traces(), ElementsAre("IntfStatusOperStatusSm::handleNsByName(name=never)",
                                     "No cached netlink socket fd found. Just return"));
+}
+
+// A link report as the kernel multicasts it: RTM_NEWLINK carrying IFLA_OPERSTATE, or RTM_DELLINK.
+std::string report(uint32_t ifIndex, char const * device, int operState) {
+  if (operState < 0) return IntfsmTest::FakeRtnetlink::linkMessage(RTM_DELLINK, 0, 0, ifIndex, 0, device);
+  std::string m = IntfsmTest::FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, ifIndex, IFF_UP, device);
+  rtattr const attribute{RTA_LENGTH(1), IFLA_OPERSTATE};
+  m.append(reinterpret_cast<char const *>(&attribute), sizeof attribute);
+  m.push_back(static_cast<char>(operState));
+  reinterpret_cast<nlmsghdr *>(m.data())->nlmsg_len = static_cast<uint32_t>(m.size());
+  m.append(NLMSG_ALIGN(m.size()) - m.size(), '\0');
+  return m;
+}
+
+TEST_F(KernelOperStateTest, ConvergenceSendsTheDecidedStateAgainOncePerReportThatTheKernelWouldApply) {
+  IntfsmTest::FakeRtnetlink kernel(fake);
+  NamespaceName const blue("blue");
+  int const fds = IntfsmTest::openDescriptorCount();
+  root->operStateConvergenceIs(true);
+  kosm->nsNetlinkSockFdIs(blue, 77);
+  ASSERT_TRUE(kosm->linkMonitor(blue) && kosm->linkMonitor(blue)->synced());
+  kosm->doSetOperStateInNs("et1", Interface::intfOperUp, blue);
+  kosm->doSetOperStateInNs("et2", Interface::intfOperDown, blue);
+  kosm->doSetOperStateInNs("et3", Interface::intfOperUp, blue);
+  kosm->doSetOperStateInNs("et3", IntfOperStatus(3), blue);  // unmapped: decides nothing, forgets UP
+  EXPECT_EQ(kosm->decidedOperStates(), 2u);
+
+  struct Case {
+    uint32_t ifIndex;
+    char const * device;
+    int kernelState;  // -1: the device is deleted
+    int sent;         // -1: nothing
+  } const cases[] = {
+      {1, "et1", IF_OPER_UP, -1},  // already the decided state
+      {1, "et1", IF_OPER_DORMANT, IF_OPER_UP},        {1, "et1", IF_OPER_LOWERLAYERDOWN, -1},  // no carrier: wait
+      {1, "et1", IF_OPER_UNKNOWN, IF_OPER_UP},        {1, "et1", IF_OPER_TESTING, IF_OPER_UP},
+      {1, "et1", IF_OPER_DOWN, -1},                   {2, "et2", IF_OPER_UP, IF_OPER_DORMANT},
+      {2, "et2", IF_OPER_UNKNOWN, IF_OPER_DORMANT},   {2, "et2", IF_OPER_LOWERLAYERDOWN, -1},
+      {2, "et2", -1, -1},                             {9, "et2", IF_OPER_UP, IF_OPER_DORMANT},  // re-created
+      {3, "et3", IF_OPER_DORMANT, -1},                {4, "et4", IF_OPER_DORMANT, -1},          // never decided
+      {4, "et1", IF_OPER_DORMANT, IF_OPER_UP},  // renamed to a decided name: one report, one request
+      {4, "et1", IF_OPER_DORMANT, -1},          // the same report again, the request not applied: no loop
+  };
+  for (auto const & c : cases) {
+    SCOPED_TRACE(std::string(c.device) + " ifIndex " + std::to_string(c.ifIndex) + " kernel " +
+                 std::to_string(c.kernelState));
+    fake.clearCalls();
+    trace.clear();
+    kernel.send(report(c.ifIndex, c.device, c.kernelState));
+    runUntilIdle();
+    std::vector<Request> sent;
+    std::vector<std::string> reasserted;
+    if (c.sent >= 0) {
+      sent.push_back({77, c.device, 111, c.sent});
+      char const * const names[] = {"UNKNOWN", "", "DOWN", "LOWERLAYERDOWN", "TESTING", "DORMANT", "UP"};
+      reasserted.push_back(std::string("re-asserting operstate of ") + c.device + " in namespace blue: kernel " +
+                           names[c.kernelState] + ", decided " + names[c.sent]);
+    }
+    EXPECT_EQ(fake.operStateRequests(), sent);
+    EXPECT_EQ(trace.texts("KernelOperState", 5), reasserted);
+  }
+  EXPECT_EQ(kosm->reassertions(), std::count_if(std::begin(cases), std::end(cases), [](Case c) { return c.sent >= 0; }));
+
+  // The namespace gone, or convergence off through the root: the monitor closed (the fake kernel's end
+  // of its socket pair stays open). Gone, the namespace's decided states go too.
+  kosm->nsNetlinkSockFdDel(blue);
+  EXPECT_EQ(std::tuple(!kosm->linkMonitor(blue), kosm->decidedOperStates(), IntfsmTest::openDescriptorCount()),
+            std::tuple(true, 0u, fds + 1));
+  kosm->nsNetlinkSockFdIs(blue, 77);
+  root->operStateConvergenceIs(false);
+  EXPECT_EQ(std::tuple(!kosm->linkMonitor(blue), IntfsmTest::openDescriptorCount()), std::tuple(true, fds + 1));
+  // Decided while off: turned on again, the monitor's first dump reports the device and it converges.
+  kosm->doSetOperStateInNs("et1", Interface::intfOperUp, blue);
+  kernel.linkIs(4, IFF_UP, "et1");  // dumped without IFLA_OPERSTATE: UNKNOWN
+  fake.clearCalls();
+  root->operStateConvergenceIs(true);
+  EXPECT_EQ(fake.operStateRequests(), (std::vector<Request>{{77, "et1", 111, IF_OPER_UP}}));
+  root->kosmDel();
+  root->operStateConvergenceIs(false);
+  EXPECT_FALSE(root->kosmIs()->operStateConvergence());  // the root's setting applies to a new manager
 }
 
 TEST_F(KernelOperStateTest, AReactorRemovedFromItsCollectionIsRetiredAtOnceAndNotified) {

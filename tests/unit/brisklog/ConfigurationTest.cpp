@@ -1,3 +1,4 @@
+// The trace configuration text (BRISKLOG), and applying it.
 #include "intfsm/foundation/brisklog/Configuration.h"
 
 #include <gmock/gmock.h>
@@ -8,7 +9,9 @@
 #include <vector>
 
 #include "intfsm/foundation/vorn/Exception.h"
-#include "tests/unit/brisklog/BrisklogFixture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/ThrownText.h"
+#include "tests/support/TraceCapture.h"
 
 using ::testing::HasSubstr;
 
@@ -21,19 +24,6 @@ Brisklog::Configuration modules(std::initializer_list<std::pair<char const *, ui
   c.everyModule = every;
   return c;
 }
-
-std::string parseError(char const * text) {
-  try {
-    Brisklog::parseConfiguration(text);
-  } catch (Vorn::RangeException const & e) {
-    return e.what();
-  }
-  return "(parsed)";
-}
-
-}  // namespace
-
-// ---- Parsing
 
 TEST(BrisklogConfigurationParse, ModulesLevelsRangesStarAndBlanks) {
   std::vector<std::pair<char const *, Brisklog::Configuration>> const cases = {
@@ -52,7 +42,6 @@ TEST(BrisklogConfigurationParse, ModulesLevelsRangesStarAndBlanks) {
 }
 
 TEST(BrisklogConfigurationParse, MalformedTextsSayWhatIsWrong) {
-  std::string const prefix = "Brisklog: malformed trace configuration ";
   std::vector<std::pair<char const *, std::string>> const cases = {
       {"A/12", "\"A/12\": level \"12\" in \"A/12\" is not one of 0-9"},
       {"A/1-2-3", "\"A/1-2-3\": level \"2-3\" in \"A/1-2-3\" is not one of 0-9"},
@@ -62,77 +51,67 @@ TEST(BrisklogConfigurationParse, MalformedTextsSayWhatIsWrong) {
       {"A,,B", "\"A,,B\": item 2 is empty"},
       {"Kernel Oper/3", "\"Kernel Oper/3\": \"Kernel Oper\" is not a module name (letters, digits and _ . : - only)"},
   };
-  for (auto const & [text, reason] : cases) EXPECT_EQ(parseError(text), prefix + reason) << text;
+  for (auto const & [text, reason] : cases) {
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { Brisklog::parseConfiguration(text); }),
+              "Brisklog: malformed trace configuration " + reason);
+  }
 }
 
-// ---- Applying
+class BrisklogConfigure : public testing::Test {
+  IntfsmTest::ScopedTraceSettings saved_{IntfsmTest::ScopedTraceSettings::fromNothing};
+};
 
 // Without "*", the modules named get exactly their levels and the others are left alone; with it,
-// every module gets its levels and earlier requests are forgotten.
-TEST_F(BrisklogTest, ConfigureReplacesTheNamedModulesOrWithStarAllOfThem) {
-  Brisklog::Handle a("BrisklogTest.CfgA");
-  Brisklog::Handle b("BrisklogTest.CfgB", true);
-  Brisklog::Handle c("BrisklogTest.CfgC");
+// every module gets its levels and earlier requests are forgotten. A malformed text changes nothing.
+TEST_F(BrisklogConfigure, ReplacesTheNamedModulesOrWithStarAllOfThemAndMalformedChangesNothing) {
+  Brisklog::Handle a("BrisklogTest.CfgA"), b("BrisklogTest.CfgB", true), c("BrisklogTest.CfgC");
   Brisklog::levelsIs("BrisklogTest.CfgC", 0x3);
   Brisklog::configure("BrisklogTest.CfgA/2-3");
   Brisklog::configure("BrisklogTest.CfgA/9");  // replaces, does not add to, what was there
+  EXPECT_THROW(Brisklog::configure("*/9,BrisklogTest.CfgB/3,BrisklogTest.CfgC/99"), Vorn::RangeException);
+  EXPECT_THROW(Brisklog::configure(modules({{"BrisklogTest.CfgB", 0x800}})), Vorn::RangeException);
   EXPECT_EQ(a.levels(), 0x200);
   EXPECT_EQ(b.levels(), 0x1);
   EXPECT_EQ(c.levels(), 0x3);
+  EXPECT_EQ(Brisklog::Handle("BrisklogTest.BadLater").levels(), 0);  // the "*" of the rejected text did not stick
 
   Brisklog::configure("*/0-1,BrisklogTest.CfgC/5");
   EXPECT_EQ(a.levels(), 0x3);
   EXPECT_EQ(b.levels(), 0x3);
   EXPECT_EQ(c.levels(), 0x23);
-  Brisklog::Handle later("BrisklogTest.CfgLater", true);
-  EXPECT_EQ(later.levels(), 0x3);
+  EXPECT_EQ(Brisklog::Handle("BrisklogTest.CfgLater", true).levels(), 0x3);
   Brisklog::levelsIs("BrisklogTest.CfgA", 0x100);  // asked for afterwards: exactly that
   EXPECT_EQ(a.levels(), 0x100);
   Brisklog::levelsIs("*", 0);
   EXPECT_EQ(a.levels() | c.levels(), 0);
 }
 
-TEST_F(BrisklogTest, MalformedConfigureChangesNothing) {
-  Brisklog::Handle a("BrisklogTest.BadA");
-  Brisklog::Handle b("BrisklogTest.BadB");
-  Brisklog::levelsIs("BrisklogTest.BadA", 0x1);
-  EXPECT_THROW(Brisklog::configure("*/9,BrisklogTest.BadA/3,BrisklogTest.BadB/99"), Vorn::RangeException);
-  EXPECT_THROW(Brisklog::configure("BrisklogTest.BadB/4,"), Vorn::RangeException);
-  EXPECT_EQ(a.levels(), 0x1);
-  EXPECT_EQ(b.levels(), 0);
-  Brisklog::Handle later("BrisklogTest.BadLater");
-  EXPECT_EQ(later.levels(), 0);  // the "*" of the rejected text did not stick
-  Brisklog::Configuration tooHigh = modules({{"BrisklogTest.BadA", 0x800}});
-  EXPECT_THROW(Brisklog::configure(tooHigh), Vorn::RangeException);
-  EXPECT_EQ(a.levels(), 0x1);
-}
-
-// ---- The environment
-
 // BRISKLOG and BRISKLOG_FILE: each applied when good, reported on stderr and ignored when bad.
-TEST_F(BrisklogTest, EnvironmentAppliesLevelsAndOutputFileAndReportsBadValues) {
-  TempFile file;
+TEST_F(BrisklogConfigure, EnvironmentAppliesLevelsAndOutputFileAndReportsBadValues) {
+  IntfsmTest::TempDir tmp;
+  std::string const file = tmp.path() + "/one", other = tmp.path() + "/other";
   Brisklog::Handle h("BrisklogTest.Env");
-  EXPECT_TRUE(Brisklog::environmentIs("BrisklogTest.Env/4-5", file.path()));
+  EXPECT_TRUE(Brisklog::environmentIs("BrisklogTest.Env/4-5", file.c_str()));
   EXPECT_EQ(h.levels(), 0x30);
   BRISKLOG_TRACE(h, 4, "from the environment");
-  EXPECT_THAT(file.contents(), HasSubstr(" BrisklogTest.Env/4 ConfigurationTest.cpp:"));
+  EXPECT_THAT(IntfsmTest::fileContents(file), HasSubstr(" BrisklogTest.Env/4 ConfigurationTest.cpp:"));
   EXPECT_TRUE(Brisklog::environmentIs(nullptr, ""));
   EXPECT_EQ(h.levels(), 0x30);
 
-  TempFile other;
   testing::internal::CaptureStderr();
-  EXPECT_FALSE(Brisklog::environmentIs("BrisklogTest.Env/3,Other/10", other.path()));
+  EXPECT_FALSE(Brisklog::environmentIs("BrisklogTest.Env/3,Other/10", other.c_str()));
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Brisklog: malformed trace configuration \"BrisklogTest.Env/3,Other/10\": level \"10\" in \"Other/10\" "
             "is not one of 0-9 (BRISKLOG ignored)\n");
   EXPECT_EQ(h.levels(), 0x30);
-  EXPECT_EQ(Brisklog::outputFile(), other.path());  // the good value still applies
+  EXPECT_EQ(Brisklog::outputFile(), other);  // the good value still applies
   testing::internal::CaptureStderr();
   EXPECT_FALSE(Brisklog::environmentIs("BrisklogTest.Env/3", "/nonexistent-brisklog-dir/x"));
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Brisklog: cannot open trace file \"/nonexistent-brisklog-dir/x\": No such file or directory "
             "(BRISKLOG_FILE ignored)\n");
   EXPECT_EQ(h.levels(), 0x8);
-  EXPECT_EQ(Brisklog::outputFile(), other.path());
+  EXPECT_EQ(Brisklog::outputFile(), other);
 }
+
+}  // namespace

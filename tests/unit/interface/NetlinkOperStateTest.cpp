@@ -109,7 +109,7 @@ class NetlinkOperStateBody : public ::testing::Test {
   }
 
   FakePlatform fake;
-  TraceCapture trace{"Interface"};
+  IntfsmTest::TraceCapture trace{"Interface"};
   int sd = -1;
   std::vector<Reply> replies;
   sockaddr_nl destination{};

@@ -19,6 +19,7 @@
 #include "tests/support/FakePlatform.h"
 #include "tests/support/FakeRtnetlink.h"
 #include "tests/support/NotificationLog.h"
+#include "tests/support/ScopedLoop.h"
 #include "tests/support/ThrownText.h"
 #include "tests/support/TraceCapture.h"
 
@@ -46,15 +47,11 @@ int intOf(std::string const & bytes) {
 class KernelNetInfoStatus : public ::testing::Test {
  protected:
   KernelNetInfoStatus() {
-    Vorn::System::testTimeIs(start);
     kernel.linkIs(1, loFlags, "lo");
     kernel.linkIs(3, IFF_UP, "va0");
     kernel.linkIs(4, 0, "vb0");
   }
-  ~KernelNetInfoStatus() override {
-    status = nullptr;
-    Vorn::System::testTimeDel();
-  }
+  ~KernelNetInfoStatus() override { status = nullptr; }
 
   // The Root as "ifIndex name flags" rows in ifindex order.
   std::vector<std::string> devices() const {
@@ -71,12 +68,13 @@ class KernelNetInfoStatus : public ::testing::Test {
   void pass() { loop.runOnce(0); }
   // At time `at`, the socket reports ENOBUFS: the events since the last read are lost.
   void loseEvents(double at) {
-    Vorn::System::testTimeIs(at);
+    time.nowIs(at);
     fake.failNext(Kind::recvmsg, ENOBUFS);
     kernel.newLink(1, loFlags, "lo");  // something to read, so that the loop calls the status
     pass();
   }
 
+  IntfsmTest::ScopedTestTime time{start};
   Vorn::ActivityManager loop;
   FakePlatform fake;
   FakeRtnetlink kernel{fake};
@@ -108,7 +106,7 @@ TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturn
 
 TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
   status->enabledIs(true);
-  TraceCapture trace{{"KernelNetInfo", 1}};
+  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
   uint64_t const before = status->events();
   kernel.newLink(5, 0, "vc0");
   pass();
@@ -139,7 +137,7 @@ TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
 
 TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   status->enabledIs(true);
-  TraceCapture trace{{"KernelNetInfo", 1}};
+  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
   // Changes whose events the socket loses.
   kernel.linkDel(4);
   kernel.linkIs(3, IFF_UP | IFF_RUNNING, "va0");
@@ -153,13 +151,13 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   EXPECT_THAT(trace.texts("KernelNetInfo", 0),
               ElementsAre("KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again"));
 
-  Vorn::System::testTimeIs(start + 0.05);
+  time.nowIs(start + 0.05);
   kernel.send(std::string(80 * 1024, '\0'));  // truncated: a loss too
   pass();
   EXPECT_EQ(status->overruns(), 2u);
   EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // still one wanted, still waiting
 
-  Vorn::System::testTimeIs(start + Status::defaultRedumpInterval);
+  time.nowIs(start + Status::defaultRedumpInterval);
   pass();  // the clock starts the re-dump; the fake answers at once
   EXPECT_EQ(kernel.dumpRequests().size(), 2u);
   pass();  // the answer is read
@@ -242,7 +240,7 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   EXPECT_TRUE(status->redumpPending());
 
   kernel.autoAnswerIs(false);
-  Vorn::System::testTimeIs(start + 1 + Status::defaultRedumpInterval);
+  time.nowIs(start + 1 + Status::defaultRedumpInterval);
   pass();
   ASSERT_EQ(kernel.dumpRequests().size(), 3u);
   kernel.newLink(8, IFF_UP, "vf0");  // read while the request is out: applied when it is refused
@@ -253,7 +251,7 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   EXPECT_EQ(status->root()->interfaceByIfIndex(8), Interface(8, IFF_UP, "vf0"));
 
   kernel.autoAnswerIs(true);
-  Vorn::System::testTimeIs(start + 1 + 2 * Status::defaultRedumpInterval);
+  time.nowIs(start + 1 + 2 * Status::defaultRedumpInterval);
   pass();
   pass();
   EXPECT_EQ(kernel.dumpRequests().size(), 4u);
@@ -344,7 +342,7 @@ class KernelNetInfoStatusSetUp : public ::testing::Test {
 };
 
 TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
-  TraceCapture trace{{"KernelNetInfo", 1}};
+  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
   std::vector<std::string> errors;
   fake.failNext(Kind::socketAt, ENOENT);
   errors.push_back(enableError());

@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <sys/socket.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,15 +22,18 @@ using Kind = FakePlatform::Kind;
 class SocketAtBody : public ::testing::Test {
  protected:
   SocketAtBody() {
-    fake.behaviour().socketAt = [](int d, int t, int p, char const * ns) { return Ovel::socketAtThrough(Platform::calls(), d, t, p, ns); };
+    fake.behaviour().socketAt = [](int d, int t, int p, char const * ns) {
+      return Ovel::socketAtThrough(Platform::calls(), d, t, p, ns);
+    };
     fake.namespaceIs("blue");
   }
-  // The kinds of the recorded calls after the outer socketAt, space-separated.
-  std::string innerCalls() const {
+  // The kinds of the calls recorded after the outer socketAt, space-separated; the record starts over.
+  std::string innerCalls() {
     std::string kinds;
     for (auto const & c : fake.calls()) {
       if (c.kind != Kind::socketAt) kinds += std::string(kinds.empty() ? "" : " ") + IntfsmTest::kindName(c.kind);
     }
+    fake.clearCalls();
     return kinds;
   }
   // socketAt in `ns` that is expected to fail; its errno.
@@ -42,78 +46,66 @@ class SocketAtBody : public ::testing::Test {
   FakePlatform fake;
 };
 
-TEST_F(SocketAtBody, DefaultNamespaceOpensAPlainCloseOnExecSocket) {
+TEST_F(SocketAtBody, TheDefaultNamespaceGetsAPlainCloseOnExecSocket) {
   for (char const * name : {static_cast<char const *>(nullptr), "", "default"}) {
-    SCOPED_TRACE(name ? name : "(null)");
-    EXPECT_TRUE(Ovel::isDefaultNsName(name));
-    fake.clearCalls();
     EXPECT_TRUE(fake.isFakeDescriptor(Ovel::socketAt(AF_PACKET, SOCK_RAW, 0x2900, name)));
-    EXPECT_EQ(innerCalls(), "socket");
     auto const c = fake.calls(Kind::socket).at(0);
     EXPECT_EQ(std::vector<long>({c.a, c.b, c.c}), std::vector<long>({AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0x2900}));
+    EXPECT_EQ(innerCalls(), "socket");
   }
   for (char const * name : {"Default", "default ", "blue"}) EXPECT_FALSE(Ovel::isDefaultNsName(name)) << name;
 }
 
-TEST_F(SocketAtBody, NamedNamespaceIsEnteredAndLeftAroundTheSocket) {
+TEST_F(SocketAtBody, ANamedNamespaceIsEnteredAndLeftAroundTheSocket) {
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, 0, "blue");
-  ASSERT_TRUE(fake.isFakeDescriptor(sd));
-  EXPECT_EQ(innerCalls(), "open open setns socket setns close close");
-
   auto const opens = fake.calls(Kind::open);
-  EXPECT_EQ(opens[0].text, "/run/netns/blue");
-  EXPECT_EQ(opens[1].text, "/proc/thread-self/ns/net");
   auto const setns = fake.calls(Kind::setns);
+  EXPECT_EQ(opens.at(0).text, "/run/netns/blue");
+  EXPECT_EQ(opens.at(1).text, "/proc/thread-self/ns/net");
   for (int i : {0, 1}) {
     EXPECT_EQ(opens[i].a, O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(setns[i].fd, opens[i].result);
+    EXPECT_EQ(setns.at(i).fd, opens[i].result);
     EXPECT_EQ(setns[i].a, CLONE_NEWNET);
   }
   EXPECT_EQ(fake.calls(Kind::socket).at(0).b, SOCK_DGRAM | SOCK_CLOEXEC);
+  EXPECT_EQ(innerCalls(), "open open setns socket setns close close");
   EXPECT_EQ(fake.openDescriptors(), std::vector<int>{sd});  // only the new socket stays open
 }
 
+// Each failing step closes what was opened and leaves its own errno, even when a close changes errno.
 TEST_F(SocketAtBody, EveryFailedStepClosesWhatItOpenedAndKeepsItsErrno) {
-  // Closes that disturb errno must not hide the failed step's error.
   fake.behaviour().close = [inner = fake.behaviour().close](int fd) {
     int const r = inner(fd);
     errno = EBADF;
     return r;
   };
-  EXPECT_EQ(failure("green"), ENOENT);
-  EXPECT_EQ(innerCalls(), "open");
-  EXPECT_EQ(fake.calls(Kind::open).at(0).text, "/run/netns/green");
-  EXPECT_TRUE(fake.openDescriptors().empty());
-
-  fake.clearCalls();
-  fake.failNext(Kind::setns, EPERM);
-  EXPECT_EQ(failure("blue"), EPERM);
-  EXPECT_EQ(innerCalls(), "open open setns close close");
-  EXPECT_TRUE(fake.openDescriptors().empty());
-
-  fake.clearCalls();
-  fake.failNext(Kind::socket, EAFNOSUPPORT);
-  EXPECT_EQ(failure("blue"), EAFNOSUPPORT);
-  EXPECT_EQ(innerCalls(), "open open setns socket setns close close");
-  EXPECT_EQ(fake.calls(Kind::setns).at(1).fd, fake.calls(Kind::open).at(1).result);
-  EXPECT_TRUE(fake.openDescriptors().empty());
-
-  fake.clearCalls();
-  fake.fileDel("/proc/thread-self/ns/net");
-  EXPECT_EQ(failure("blue"), ENOENT);
-  EXPECT_EQ(innerCalls(), "open open close");
-  EXPECT_TRUE(fake.openDescriptors().empty());
+  struct Case {
+    char const * ns;
+    std::function<void()> fault;
+    int error;
+    char const * calls;
+  };
+  Case const cases[] = {
+      {"green", [] {}, ENOENT, "open"},  // no such namespace
+      {"blue", [&] { fake.failNext(Kind::setns, EPERM); }, EPERM, "open open setns close close"},
+      {"blue", [&] { fake.failNext(Kind::socket, EAFNOSUPPORT); }, EAFNOSUPPORT, "open open setns socket setns close close"},
+      {"blue", [&] { fake.fileDel("/proc/thread-self/ns/net"); }, ENOENT, "open open close"},
+  };
+  for (Case const & c : cases) {
+    c.fault();
+    EXPECT_EQ(failure(c.ns), c.error) << c.calls;
+    EXPECT_EQ(innerCalls(), c.calls);
+    EXPECT_TRUE(fake.openDescriptors().empty()) << c.calls;
+  }
 }
 
 TEST_F(SocketAtBody, BadNamesFailWithEinvalBeforeAnyCall) {
   std::string const longest(Ovel::maxNsNameBytes, 'n');
   for (std::string const & bad : {longest + "n", std::string("a/b"), std::string("/"), std::string("."), std::string("..")}) {
-    fake.clearCalls();
     EXPECT_EQ(failure(bad.c_str()), EINVAL) << bad;
     EXPECT_EQ(innerCalls(), "") << bad;
   }
   // The longest name accepted is looked up like any other, and names that only look special are ordinary.
-  fake.clearCalls();
   EXPECT_EQ(failure(longest.c_str()), ENOENT);
   EXPECT_EQ(fake.calls(Kind::open).at(0).text, "/run/netns/" + longest);
   fake.namespaceIs("...");
@@ -126,12 +118,7 @@ TEST_F(SocketAtBodyDeathTest, FailingToReturnAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
-        int entries = 0;
-        fake.behaviour().setns = [&entries](int, int) {
-          if (++entries == 1) return 0;
-          errno = EPERM;
-          return -1;
-        };
+        fake.behaviour().setns = [entries = 0](int, int) mutable { return ++entries == 1 ? 0 : (errno = EPERM, -1); };
         Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, 0, "blue");
       },
       "Ovel::socketAt: cannot return to the original network namespace after entering \"blue\": "

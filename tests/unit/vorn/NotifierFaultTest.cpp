@@ -8,8 +8,8 @@
 
 namespace {
 
-using TestSupport::Widget;
-using TestSupport::WidgetRecorder;
+using IntfsmTest::Widget;
+using IntfsmTest::WidgetRecorder;
 
 // Unbinds `victim` during its call, then throws while `throwing` is set.
 struct Thrower : Widget::NotifieeConst {

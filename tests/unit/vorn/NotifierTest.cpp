@@ -5,9 +5,9 @@
 
 #include "tests/support/TestEntities.h"
 
-using TestSupport::Gadget;
-using TestSupport::Widget;
-using TestSupport::WidgetRecorder;
+using IntfsmTest::Gadget;
+using IntfsmTest::Widget;
+using IntfsmTest::WidgetRecorder;
 using Vorn::Ptr;
 
 namespace {

@@ -12,7 +12,7 @@
 namespace {
 
 using ::testing::ElementsAre;
-using TestSupport::Widget;
+using IntfsmTest::Widget;
 
 // An owner with one reactor on a Widget and per-interface reactors on a status directory.
 struct Owner {

@@ -1,0 +1,443 @@
+#include "intfsm/EthDevPamManagerTypes/EthDevPamManager.h"
+
+#include "intfsm/EthDevPamManagerTypes/internal/Trace.h"
+#include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/ovel/EthDevPamInBundle.h"
+#include "intfsm/foundation/ovel/PktManager.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/Reactor.h"
+#include "intfsm/foundation/vorn/System.h"
+
+namespace Interface {
+
+namespace {
+Intfsm::TypeRegistration registration(
+    "Interface::EthDevPamManager", nullptr,
+    {"deviceIntfStatusDir", "netNs", "allMulticast", "sockRcvBuf", "sockPrio", "broadcast", "pktReuse",
+     "createVornFileDescOnEnabled", "separateDot1QHdr", "enableBulkPamRead", "headDropPolicy", "perIntfSocket",
+     "perIntfRlimit", "socketReadLimit", "edpBundle", "ethDevPamBundleActivitySm", "pam", "savedPacket", "defer",
+     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized"});
+}  // namespace
+
+class EthDevPamManager::VornDeviceIntfStatusDir : public Vorn::Reactor<EthDevPamManager, DeviceIntfStatusDir> {
+ public:
+  using Reactor::Reactor;
+  void onIntfStatusAndDeviceName(Ovel::IntfId const & intfId) override {
+    forward(&EthDevPamManager::handleIntf, intfId);
+  }
+};
+
+class EthDevPamManager::VornEthDevPamClock : public Vorn::Reactor<EthDevPamManager, Vorn::Clock> {
+ public:
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&EthDevPamManager::handleEthDevPamClock); }
+};
+
+Vorn::Ptr<EthDevPamManager> ethDevPamManagerFactory(Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir,
+                                                    Vorn::Ptr<EthDevPamCollection> const & pamCollection,
+                                                    Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir) {
+  char const * const missing = !desiredIntfDir ? "desiredIntfDir" : !pamCollection ? "pamCollection"
+                               : !deviceIntfStatusDir                ? "deviceIntfStatusDir"
+                                                                     : nullptr;
+  if (missing) throw Vorn::RangeException(Vorn::nullParameterText(missing, "Interface::EthDevPamManager"));
+  return new EthDevPamManager(desiredIntfDir, pamCollection, deviceIntfStatusDir);
+}
+
+bool deviceExists(EthDevPamManager const & manager, Ovel::IntfId const & intfId) {
+  return manager.desiredIntfDir()->intfDesired(intfId) &&
+         !manager.deviceIntfStatusDir()->intfStatusAndDeviceName(intfId).deviceName.empty();
+}
+
+EthDevPamManager::EthDevPamManager(Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir,
+                                   Vorn::Ptr<EthDevPamCollection> const & pamCollection,
+                                   Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir)
+    : EthDevPamManagerBase(Vorn::Name(), desiredIntfDir, pamCollection),
+      deviceIntfStatusDir_(deviceIntfStatusDir),
+      deviceIntfStatusDirReactor_(Vorn::reactorNew<VornDeviceIntfStatusDir>(this, deviceIntfStatusDir)),
+      // Unbound until handleInitialized; a time asked for before then waits for the binding.
+      ethDevPamClockReactor_(Vorn::reactorNew<VornEthDevPamClock>(this, nullptr)) {}
+
+EthDevPamManager::~EthDevPamManager() {
+  vornDoZombieReactors(true);
+  if (initialized_ && enabled()) doDisable();
+  ethDevPamClockReactor_->timeMinIs(Vorn::Clock::never);
+  deviceIntfStatusDirReactor_ = nullptr;
+  ethDevPamClockReactor_ = nullptr;
+}
+
+void EthDevPamManager::vornDoZombieReactors(bool zombie) {
+  EthDevPamManagerBase::vornDoZombieReactors(zombie);
+  if (deviceIntfStatusDirReactor_) deviceIntfStatusDirReactor_->vornZombieIs(zombie);
+  if (ethDevPamClockReactor_) ethDevPamClockReactor_->vornZombieIs(zombie);
+}
+
+// ---- attributes ------------------------------------------------------------------------------------
+
+void EthDevPamManager::sockPrioIs(uint32_t v) {
+  if (v > maxSockPrio) throw Vorn::RangeException("EthDevPamManager::sockPrio < 0 or > 15 not allowed");
+  set(sockPrio_, v, &NotifieeConst::onSockPrio);
+}
+
+void EthDevPamManager::socketReadLimitIs(int32_t v) {
+  if (v < 1 || v > maxSocketReadLimit) {
+    throw Vorn::RangeException("EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed");
+  }
+  set(socketReadLimit_, v, &NotifieeConst::onSocketReadLimit);
+}
+
+void EthDevPamManager::enabledIs(bool enabled) {
+  if (!enabledStore(enabled)) return;
+  handleEnabled();
+  enabledNotify();
+}
+
+void EthDevPamManager::filterProgramIs(Ovel::SockFilterProgram const & program) {
+  if (!filterProgramStore(program)) return;
+  handleFilterProgram();
+  filterProgramNotify();
+}
+
+Vorn::Ptr<EthDevPamBundle> EthDevPamManager::edpBundleIs(Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir,
+                                                         Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir,
+                                                         Vorn::Ptr<EthDevPamCollection> const & pamCollection) {
+  if (edpBundle_ && edpBundle_->desiredIntfDir() == desiredIntfDir &&
+      edpBundle_->deviceIntfStatusDir() == deviceIntfStatusDir && edpBundle_->pamCollection() == pamCollection) {
+    return edpBundle_;
+  }
+  edpBundle_ = new EthDevPamBundle(desiredIntfDir, deviceIntfStatusDir, pamCollection);
+  notify(&NotifieeConst::onEdpBundle);
+  return edpBundle_;
+}
+
+Vorn::Ptr<EthDevPamBundleActivitySm> EthDevPamManager::ethDevPamBundleActivitySmIs(
+    Vorn::Ptr<Vorn::ActivityConfig> const & config) {
+  if (ethDevPamBundleActivitySm_ && ethDevPamBundleActivitySm_->vornFwkActivity() == config) {
+    return ethDevPamBundleActivitySm_;
+  }
+  ethDevPamBundleActivitySm_ = new EthDevPamBundleActivitySm(config, this);
+  notify(&NotifieeConst::onEthDevPamBundleActivitySm);
+  return ethDevPamBundleActivitySm_;
+}
+
+void EthDevPamManager::ethDevPamBundleActivitySmDel() {
+  if (!ethDevPamBundleActivitySm_) return;
+  ethDevPamBundleActivitySm_ = nullptr;
+  notify(&NotifieeConst::onEthDevPamBundleActivitySm);
+}
+
+Vorn::Ptr<EthDevPamInBundleHolder> EthDevPamManager::pamIs(Ovel::IntfId const & intfId) {
+  if (Vorn::Ptr<EthDevPamInBundleHolder> holder = pam_.get(intfId)) return holder;
+  Vorn::Ptr<EthDevPamInBundleHolder> const holder = ethDevPamInBundleHolderFactory(intfId);
+  holder->parentIs(this);
+  setEntry(pam_, intfId, holder, &NotifieeConst::onPam);
+  return holder;
+}
+
+void EthDevPamManager::pamDel(Ovel::IntfId const & intfId) {
+  Vorn::Ptr<EthDevPamInBundleHolder> const holder = pam_.get(intfId);
+  if (!holder) return;
+  holder->pamDel();
+  delEntry(pam_, intfId, &NotifieeConst::onPam);
+}
+
+void EthDevPamManager::pamDelAll() {
+  while (Ovel::IntfId const * key = pam_.anyKey()) pamDel(Ovel::IntfId(*key));
+}
+
+void EthDevPamManager::savedPacketIs(uint16_t index, Vorn::Ptr<Ovel::Pkt> const & pkt) {
+  if (index >= savedPacket_.size()) {
+    if (!pkt) return;
+    savedPacket_.resize(index + 1u);
+  }
+  if (savedPacket_[index] == pkt) return;
+  savedPacket_[index] = pkt;
+  notify(&NotifieeConst::onSavedPacket, index);
+}
+
+void EthDevPamManager::savedPacketDelAll() {
+  while (!savedPacket_.empty()) {
+    uint16_t const index = static_cast<uint16_t>(savedPacket_.size() - 1);
+    bool const held = savedPacket_.back() != nullptr;
+    savedPacket_.pop_back();
+    if (held) notify(&NotifieeConst::onSavedPacket, index);
+  }
+}
+
+void EthDevPamManager::ethDevPamEventIs(Ovel::IntfId const & intfId) {
+  setEntry(ethDevPamEvent_, intfId, true, &NotifieeConst::onEthDevPamEvent);
+}
+
+void EthDevPamManager::ethDevPamEventDel(Ovel::IntfId const & intfId) {
+  delEntry(ethDevPamEvent_, intfId, &NotifieeConst::onEthDevPamEvent);
+}
+
+void EthDevPamManager::ethDevPamEventDelAll() { delAllEntries(ethDevPamEvent_, &NotifieeConst::onEthDevPamEvent); }
+
+Vorn::Ptr<Vorn::Clock const> EthDevPamManager::ethDevPamClock() const { return ethDevPamClockReactor_->notifier(); }
+
+// ---- per interface ---------------------------------------------------------------------------------
+
+void EthDevPamManager::handleIntf(Ovel::IntfId const & intfId) {
+  if (defer_ && deviceExists(*this, intfId)) {
+    EDPM_TRACE(5, "virtual void Interface::EthDevPamManager::handleIntf(Ovel::IntfId)" << " defer " << intfId);
+    ethDevPamEventIs(intfId);
+    doDeferredRun();
+    return;
+  }
+  doProcessIntf(intfId);
+}
+
+void EthDevPamManager::doDeferredRun() const { ethDevPamClockReactor_->timeMinIs(Vorn::System::currentTime()); }
+
+void EthDevPamManager::doPamRelease(Ovel::EthDevPam & pam) {
+  if (!pam.perIntfSocket() && pam.sd() >= 0) edpBundle_->doUnrefSd(pam.sd());
+  pam.enabledIs(false);
+  pam.sdIs(-1);
+}
+
+void EthDevPamManager::doProcessIntf(Ovel::IntfId const & intfId) {
+  if (!enabled()) {
+    EDPM_TRACE(5, "Not enabled so ignoring notification for " << intfId);
+    return;
+  }
+  EthDevPamBundle & bundle = *edpBundle_;
+  if (!deviceExists(*this, intfId)) {
+    if (Vorn::Ptr<Ovel::Pam> const published = pamCollection()->intfPam(intfId)) {
+      EDPM_TRACE(5, "Deleting pam for " << intfId);
+      if (auto * pam = dynamic_cast<Ovel::EthDevPam *>(published.ptr())) doPamRelease(*pam);
+    }
+    pamCollection()->intfPamDel(intfId);
+    pamDel(intfId);
+    return;
+  }
+
+  IntfStatusAndDeviceName const record = deviceIntfStatusDir_->intfStatusAndDeviceName(intfId);
+  Vorn::Ptr<EthDevPamInBundleHolder> const holder = pamIs(intfId);
+  if (Vorn::Ptr<Ovel::EthDevPamInBundle> const old = holder->pam()) {
+    if (old->ifIndex() == record.ifIndex) {
+      EDPM_TRACE(5, "Pam for " << intfId << " already exists");
+      VORN_ASSERT(pamCollection()->intfPam( intfId ));
+      return;
+    }
+    EDPM_TRACE(5, "Deleting stale pam for " << intfId);
+    doPamRelease(*old);  // its count on the shared socket goes with it
+    pamCollection()->intfPamDel(intfId);
+    holder->pamDel();
+  }
+
+  EDPM_TRACE(5, "Creating pam for " << intfId << " / " << record.deviceName << " ifIndex " << record.ifIndex);
+  Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = holder->pamIs(record.deviceName);
+  pam->ifIndexIs(record.ifIndex);
+  pam->netNsIs(netNs_);
+  pam->ethProtocolIs(ethProtocol());
+  pam->listenAddrIs(listenAddr());
+  pam->allMulticastIs(allMulticast_);
+  pam->broadcastIs(broadcast_);
+  pam->filterProgramIs(filterProgram());
+  pam->sockRcvBufIs(bundle.perIntfSockRcvBuf());
+  pam->sockPrioIs(sockPrio_);
+  pam->maxRxPktDataIs(maxRxPktData());
+  pam->pktReuseIs(pktReuse_);
+  pam->enableBulkPamReadIs(bundle.enableBulkPamRead());
+  pam->perIntfSocketIs(bundle.perIntfSocket());
+  pam->createVornFileDescOnEnabledIs(createVornFileDescOnEnabled_);
+  pam->headDropPolicyIs(headDropPolicy_);
+  if (pktReuse_) {
+    for (int32_t i = 0; i < socketReadLimit_; ++i) {
+      uint16_t const index = static_cast<uint16_t>(i);
+      if (Vorn::Ptr<Ovel::Pkt> const saved = savedPacket(index)) pam->savedPacketIs(index, saved);
+    }
+  }
+  pam->socketReadLimitIs(socketReadLimit_);
+
+  int shared = -1;  // the bundle's descriptor counted for this interface
+  try {
+    if (!bundle.perIntfSocket()) {
+      shared = bundle.doGetSd(record.deviceName);
+      pam->sdIs(shared);
+    }
+    pam->separateDot1QHdrIs(separateDot1QHdr_);
+    pam->enabledIs(true);
+    if (!pam->perIntfSocket()) bundle.doSetRcvBuf(pam->sd());
+  } catch (Vorn::Exception const & e) {
+    auto const * failure = dynamic_cast<Vorn::ErrnoException const *>(&e);
+    EDPM_TRACE(0, "Unable to enable pam for device " << record.deviceName << " for intf " << intfId << " errno "
+                                                     << (failure ? failure->errorNumber() : 0)
+                                                     << (failure ? "" : ": ") << (failure ? "" : e.what()));
+    pam->enabledIs(false);
+    pam->sdIs(-1);
+    pamDel(intfId);
+    if (shared >= 0) {
+      if (shared == bundle.sd() || shared == bundle.sdTap()) {
+        bundle.doUnrefSd(shared);
+      } else {
+        doSharedSocketLost();  // sizing it failed: the bundle closed it under the other Pams
+      }
+    }
+    return;
+  }
+  pamCollection()->intfPamIs(intfId, pam);
+}
+
+void EthDevPamManager::doSharedSocketLost() {
+  EDPM_TRACE(1, "Shared socket closed after a failure: its pams are made again");
+  std::vector<Ovel::IntfId> lost;
+  for (auto const & e : pam_) {
+    if (e.value->pam() && !e.value->pam()->perIntfSocket()) lost.push_back(e.key);
+  }
+  for (Ovel::IntfId const & intfId : lost) {
+    Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = pam_.get(intfId)->pam();
+    EDPM_TRACE(5, "Deleting pam for " << intfId << " / " << pam->name());
+    pam->enabledIs(false);
+    pam->sdIs(-1);  // the number is closed, and may be handed out again
+    pamCollection()->intfPamDel(intfId);
+    pamDel(intfId);
+    ethDevPamEventIs(intfId);
+  }
+  edpBundle_->doSocketClose();  // the other one too: the counts start again from nothing
+  if (!ethDevPamEvent_.empty()) doDeferredRun();
+}
+
+void EthDevPamManager::handleEthDevPamClock() {
+  EDPM_TRACE(8, "void Interface::EthDevPamManager::handleEthDevPamClock()");
+  EventMap::Iterator it = ethDevPamEvent_.iteratorAt(ethDevPamEventBookmark_);
+  if (it == ethDevPamEvent_.end()) {
+    ethDevPamEventBookmarkIs(Ovel::IntfId());
+    it = ethDevPamEvent_.begin();
+    if (it == ethDevPamEvent_.end()) return;
+  }
+  Ovel::IntfId const intfId = it->key;
+  ethDevPamEventDel(intfId);
+  doProcessIntf(intfId);
+  ++it;
+  if (it != ethDevPamEvent_.end()) ethDevPamEventBookmarkIs(it->key);
+  if (!ethDevPamEvent_.empty()) doDeferredRun();  // the next one on the next pass
+}
+
+// ---- enabling --------------------------------------------------------------------------------------
+
+void EthDevPamManager::handleEnabled() {
+  if (!initialized_) {
+    VORN_ASSERT(! enabled());
+    return;
+  }
+  EDPM_TRACE(5, "Enabled became " << enabled());
+  double const start = Vorn::System::currentTime();
+  if (enabled()) {
+    doEnable();
+  } else {
+    doDisable();
+  }
+  EDPM_TRACE(5, "time taken to enable/disable: " << Vorn::System::currentTime() - start);
+}
+
+void EthDevPamManager::doEnable() {
+  Ovel::PktManager & packets = Ovel::globalPktManager();
+  EthDevPamBundle & bundle = *edpBundleIs(desiredIntfDir(), deviceIntfStatusDir_, pamCollection());
+  bundle.enableBulkPamReadIs(enableBulkPamRead_);
+  savedPacketDelAll();
+  if (!pktReuse_) {
+    EDPM_TRACE(1, "Turning off enableBulkPamRead as the pkts cannot be reused");
+    bundle.enableBulkPamReadIs(false);
+  } else {
+    for (int32_t i = 0; i < socketReadLimit_; ++i) savedPacketIs(static_cast<uint16_t>(i), packets.newPkt());
+  }
+  bundle.netNsIs(netNs_);
+  bundle.allMulticastIs(allMulticast_);
+  bundle.broadcastIs(broadcast_);
+  bundle.pktReuseIs(pktReuse_);
+  bundle.perIntfSockRcvBufIs(sockRcvBuf_);
+  bundle.sockPrioIs(sockPrio_);
+  bundle.ethProtocolIs(ethProtocol());
+  bundle.listenAddrIs(listenAddr());
+  bundle.filterProgramIs(filterProgram());
+  bundle.maxRxPktDataIs(maxRxPktData());
+  bundle.perIntfSocketIs(perIntfSocket_);
+  bundle.perIntfRlimitIs(perIntfRlimit_);
+
+  Vorn::Ptr<Vorn::ActivityConfig> const activity = Vorn::activityManager().activityIs(activityName, activityBudget);
+  EDPM_TRACE(5, "Adding EthDevPamBundleActivitySm");
+  ethDevPamBundleActivitySmIs(activity)->ethDevPamBundleIs(edpBundle_);
+
+  bundle.separateDot1QHdrIs(separateDot1QHdr_);
+  bundle.enabledIs(true);
+  for (auto const & e : desiredIntfDir()->intfDesiredIter()) handleIntf(e.key);
+}
+
+void EthDevPamManager::doDisable() {
+  for (auto const & e : pamCollection()->intfPamIter()) {
+    Vorn::Ptr<EthDevPamInBundleHolder> const holder = pam_.get(e.key);
+    if (!holder || holder->pam() != e.value) continue;  // not one of ours
+    Ovel::IntfId const intfId = e.key;
+    Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = holder->pam();
+    EDPM_TRACE(5, "Deleting pam for " << intfId << " / " << pam->name());
+    pam->enabledIs(false);
+    pam->sdIs(-1);
+    pamCollection()->intfPamDel(intfId);
+    pamDel(intfId);
+  }
+  pamDelAll();
+  ethDevPamBundleActivitySmDel();
+  if (edpBundle_) edpBundle_->enabledIs(false);
+  savedPacketDelAll();
+  ethDevPamEventDelAll();
+}
+
+// ---- filter ----------------------------------------------------------------------------------------
+
+void EthDevPamManager::handleFilterProgram() {
+  if (!initialized_ || !enabled()) {
+    EDPM_TRACE(5, "Not " << (initialized_ ? "enabled" : "initialized") << ".Ignore");
+    return;
+  }
+  Ovel::SockFilterProgram const & program = filterProgram();
+  EthDevPamBundle & bundle = *edpBundle_;
+  bundle.filterProgramIs(program);  // for the sockets it opens from now on
+  if (!bundle.perIntfSocket()) {
+    if (bundle.sd() == -1) {
+      EDPM_TRACE(5, "Socket not yet created as no EthDevPam enabled yet. Ignore");
+      return;
+    }
+    int sock = bundle.sd();
+    try {
+      attachOrDetachFilter(sock, false, program.filter(), program.len());
+      if (bundle.sdTap() != -1) attachOrDetachFilter(sock = bundle.sdTap(), true, program.filter(), program.len());
+    } catch (Vorn::ErrnoException const &) {
+      bundle.doSocketForget(sock);  // closed by the refusal
+      doSharedSocketLost();
+    }
+    for (auto const & e : pam_) {
+      if (e.value->pam()) e.value->pam()->filterProgramIs(program);  // no socket of their own: stored only
+    }
+    return;
+  }
+  for (auto const & e : pam_) {
+    Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = e.value->pam();
+    if (!pam) continue;
+    EDPM_TRACE(5, "Applying new filter to " << e.key << " pam device");
+    try {
+      pam->filterProgramIs(program);
+    } catch (Vorn::ErrnoException const & failure) {
+      EDPM_TRACE(0, "Unable to apply filter to pam for " << e.key << " errno " << failure.errorNumber());
+    }
+  }
+}
+
+// ---- life cycle ------------------------------------------------------------------------------------
+
+void EthDevPamManager::handleInitialized() {
+  EDPM_TRACE(8, "void Interface::EthDevPamManager::handleInitialized()");
+  ethDevPamClockReactor_->notifierIs(Vorn::activityManager().clock());
+  if (initialized_) return;
+  initialized_ = true;
+  notify(&NotifieeConst::onInitialized);
+}
+
+void EthDevPamManager::handleDestruction() {
+  EDPM_TRACE(8, "void Interface::EthDevPamManager::handleDestruction()");
+  enabledIs(false);
+}
+
+}  // namespace Interface
