@@ -22,6 +22,7 @@
 #include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/NetNs.h"
 
@@ -265,6 +266,50 @@ TEST_F(EthDevPamBundleKernelTest, AReaderThatTakesNothingIsServedAgainOnTheActiv
     sm = nullptr;
     leave();
   }
+}
+
+TEST_F(EthDevPamBundleKernelTest, AFullQueueDropsInThePamNeverInTheKernelAndARefusedRingLeavesNothingOpen) {
+  auto kernelStats = [](int fd) {
+    tpacket_stats stats{};
+    socklen_t length = sizeof stats;
+    getsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, &length);
+    return std::vector<unsigned>({stats.tp_packets, stats.tp_drops});
+  };
+  for (Path path : {single, bulk, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(testProtocol, path);
+    join(0);
+    Ovel::EthDevPamInBundle & pam = *readers[0]->pam;
+    pam.maxRxPktsIs(3);
+    pam.headDropPolicyIs(true);
+    readers[0]->consume = false;
+    // 12 frames in batches of 4: more than the ring's 8 slots, so its slots must come back while
+    // the reader holds on to its frames.
+    for (int batch = 0; batch < 3; ++batch) {
+      for (int k = 0; k < 4; ++k) send(0, frame(char('a' + 4 * batch + k)));
+      ASSERT_TRUE(runUntil([&] { return pam.queueDropCount() + pam.curRxPkts() == 4u * (batch + 1); }));
+    }
+    readers[0]->consume = true;
+    send(0, frame('n'));  // the oldest waiting frame makes room for it
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 3; }));
+    EXPECT_EQ(readers[0]->frames, std::vector<std::string>({frame('k'), frame('l'), frame('n')}));
+    EXPECT_EQ(pam.queueDropCount(), 10u);
+    EXPECT_EQ(kernelStats(bundle->sd()), std::vector<unsigned>({13, 0}));
+    EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
+    leave();
+  }
+  // A block that is not a whole number of pages: the kernel refuses the ring and the socket goes.
+  bundleNew(testProtocol, ring);
+  bundle->rxRingBlockSizeIs(6000);
+  int errorNumber = 0;
+  try {
+    bundle->doGetSd(va(0));
+  } catch (Vorn::ErrnoException const & e) {
+    errorNumber = e.errorNumber();
+  }
+  EXPECT_EQ(std::vector<int>({errorNumber, bundle->sd(), bundle->sdRef(), IntfsmTest::openDescriptorCount() - descriptorsBefore,
+                              mappedSockets() - mappingsBefore}),
+            std::vector<int>({EINVAL, -1, 0, 2, 0}));  // the test's own two sending sockets
 }
 
 TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocketAndDisablingClosesBoth) {
