@@ -594,12 +594,19 @@ void EthDevPamBundle::doGetRxPkt() {
     doGetRxPktIntBulk();
   } else {
     EDPM_TRACE(9, "Non-bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
-    doGetRxPktInt();
+    // Frame by frame, each delivered as it is read, up to bulkReadQuota per readable event: a pass
+    // of the loop per frame would cost more than the read itself. A reader may close the socket.
+    int const sock = currActiveSd_;
+    bool const shared = sock == sd_ || sock == sdTap_;
+    uint32_t const quota = std::max<uint32_t>(bulkReadQuota_, 1);
+    for (uint32_t n = 0; n < quota && doGetRxPktInt(); ++n) {
+      if (!enabled_ || (shared && sock != sd_ && sock != sdTap_)) break;
+    }
   }
 }
 
-void EthDevPamBundle::doGetRxPktInt() {
-  if (!enabled_) return;
+bool EthDevPamBundle::doGetRxPktInt() {
+  if (!enabled_) return false;
   int const sock = currActiveSd_;
   EDPM_TRACE(9, "Get the pkt on EdpBundle's FileDescriptor: " << sock);
   Vorn::Ptr<Ovel::Pkt> pkt;
@@ -608,7 +615,7 @@ void EthDevPamBundle::doGetRxPktInt() {
     pkt = savedPkt_;
     if (!pkt) {
       EDPM_TRACE(0, "Invalid saved pkt ");
-      return;
+      return false;
     }
     rxPkt();  // the last frame, if nobody took it, goes now: its buffer is read into again
     pkt->sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the last frame
@@ -616,7 +623,7 @@ void EthDevPamBundle::doGetRxPktInt() {
     pkt = Ovel::globalPktManager().newPkt();
     if (!pkt) {
       EDPM_TRACE(0, "Invalid pkt ");
-      return;
+      return false;
     }
   }
   uint32_t const maxData = pkt->maxData();
@@ -639,16 +646,16 @@ void EthDevPamBundle::doGetRxPktInt() {
   EDPM_TRACE(9, "recvmsg: " << length << " pkt type: " << unsigned(from.sll_pkttype) << " ifindex: " << ifIndex);
   if (length < 0) {
     EDPM_TRACE(9, "recvmsg errno: " << error);
-    if (error == EAGAIN) return;
+    if (error == EAGAIN) return false;
     EDPM_TRACE(0, "recvmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                   << ")");
     rxErrorsInc(1);
-    return;
+    return false;
   }
   vlanTagApply(*pkt, header);
   if (from.sll_pkttype == PACKET_OUTGOING) {
     EDPM_TRACE(3, "Ignoring outgoing packet received on common sd" << sock);
-    return;
+    return true;
   }
   pkt->dataLenIs(static_cast<uint32_t>(length));
   pkt->ifIndexIs(ifIndex);
@@ -667,6 +674,7 @@ void EthDevPamBundle::doGetRxPktInt() {
     EDPM_TRACE(5, "Recvbuf size: " << allocRcvBuf_ << " used:  " << queued);
   }
   doDeliver(pkt, ifIndex, false);
+  return true;
 }
 
 bool EthDevPamBundle::doRoute(uint32_t ifIndex, bool bulk) {

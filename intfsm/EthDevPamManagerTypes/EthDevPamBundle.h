@@ -27,8 +27,9 @@
 // watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
-// doGetRxPkt: one frame per call, or with enableBulkPamRead up to bulkReadQuota (at most 128) frames
-// per recvmmsg into packets made once. Each frame goes to the Pam published in the Pam collection for
+// doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until
+// none is left or bulkReadQuota frames were read, or with enableBulkPamRead up to bulkReadQuota (at
+// most 128) frames per recvmmsg into packets made once. Each frame goes to the Pam published in the Pam collection for
 // the interface that the device interface-status directory names for the frame's ifindex; a Pam
 // takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see Ovel::EthDevPam). Frames
 // the host sent itself are skipped uncounted; frames of an unknown ifindex count in noPamDropCount,
@@ -279,7 +280,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
   // ---- receive path ----
   void doGetRxPkt() override;
-  void doGetRxPktInt();
+  // Reads and delivers one frame; false when there was none to read (or the read failed).
+  bool doGetRxPktInt();
   void doGetRxPktIntBulk();
   // Reads the ring of currActiveSd (ring mode).
   void doGetRxPktIntRing();

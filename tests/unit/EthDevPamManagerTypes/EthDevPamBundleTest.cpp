@@ -318,6 +318,15 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
     EXPECT_TRUE(trace.contains(row.trace)) << trace.dump();
   }
   EXPECT_EQ(reader->frames[0], std::vector<uint8_t>(60, 7));
+  // One readable event reads what is there, up to bulkReadQuota frames.
+  bundle->bulkReadQuotaIs(2);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+  for (char k : {'a', 'b', 'c'}) fake.queueDatagram(sd, std::string(60, k), &from);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(std::vector<size_t>({reader->frames.size(), fake.queuedDatagrams(sd)}), std::vector<size_t>({3, 1}));
+  bundle->doGetRxPkt();
+  EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'c'));
   bundle->enabledIs(false);
   fake.queueDatagram(sd, "x");
   bundle->doGetRxPkt();
