@@ -673,8 +673,7 @@ bool EthDevPamBundle::doGetRxPktInt() {
     if (allocRcvBuf_ == 0) doFindRcvBuf(sock);
     EDPM_TRACE(5, "Recvbuf size: " << allocRcvBuf_ << " used:  " << queued);
   }
-  doDeliver(pkt, ifIndex, false);
-  return true;
+  return doDeliver(pkt, ifIndex, false) != Delivery::waiting;
 }
 
 bool EthDevPamBundle::doRoute(uint32_t ifIndex, bool bulk) {
@@ -737,8 +736,9 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Vorn::Ptr<Ovel::Pkt> const 
     return Delivery::notReady;
   }
   if (!bulk) {
-    if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now
-    return Delivery::delivered;
+    Vorn::Ptr<Ovel::Pam> const keep(edp);  // its reader may withdraw it
+    if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now, unless it is deferred
+    return edp->rxPkts() == 0 ? Delivery::delivered : Delivery::waiting;
   }
   EDPM_TRACE(9, "Storing packet to EthDevPamInBundle");
   Vorn::Ptr<Ovel::Pam> const keep(edp);  // a handler of the queue's counters may withdraw the Pam

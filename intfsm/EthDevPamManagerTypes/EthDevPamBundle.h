@@ -27,21 +27,21 @@
 // watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
-// doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until
-// none is left or bulkReadQuota frames were read, or with enableBulkPamRead up to bulkReadQuota (at
-// most 128) frames per recvmmsg into packets made once. Each frame goes to the Pam published in the Pam collection for
-// the interface that the device interface-status directory names for the frame's ifindex; a Pam
-// takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see Ovel::EthDevPam). Frames
-// the host sent itself are skipped uncounted; frames of an unknown ifindex count in noPamDropCount,
-// those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk mode the
-// readers are called after the batch; a reader that leaves its frames is served again on the
-// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them.
-// Frames handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing
-// the buffer, and the next read into that slot takes a fresh buffer while the old one is held. In the
-// single-frame path the frame is also the bundle's own receive packet (rxPkt) until the next read
-// begins; one nobody took is let go then, uncounted.
-// Per frame nothing is allocated in the steady state (pktReuse, bulk slots), nothing formatted unless
-// a trace level is on, and every lookup is a hash lookup.
+// doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until none is
+// left, bulkReadQuota frames were read, or a reader did not take its frame in place (one on an activity, or
+// a slow one: the frames after it wait in the socket, none is replaced); or, with enableBulkPamRead, up to
+// bulkReadQuota (at most 128) frames per recvmmsg into packets made once. Each frame goes to the Pam
+// published in the Pam collection for the interface that the device interface-status directory names for
+// the frame's ifindex; a Pam takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see
+// Ovel::EthDevPam). Frames the host sent itself are skipped uncounted; frames of an unknown ifindex count
+// in noPamDropCount, those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk
+// mode the readers are called after the batch; a reader that leaves its frames is served again on the
+// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them. Frames
+// handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing the buffer,
+// and the next read into that slot takes a fresh buffer while the old one is held. In the single-frame path
+// the frame is also the bundle's own receive packet (rxPkt) until the next read begins; one nobody took is
+// let go then, uncounted. Per frame nothing is allocated in the steady state (pktReuse, bulk slots),
+// nothing formatted unless a trace level is on, and every lookup is a hash lookup.
 //
 // Ring mode (rxRing, off by default). Each socket opened while rxRing is on receives through a
 // PACKET_RX_RING of the TPACKET_V2 format that the bundle maps, instead of through recvmsg/recvmmsg:
@@ -280,7 +280,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
   // ---- receive path ----
   void doGetRxPkt() override;
-  // Reads and delivers one frame; false when there was none to read (or the read failed).
+  // Reads and delivers one frame. True when the next frame may be read at once: one was read, and
+  // its Pam's reader took it in place (or it went to no reader).
   bool doGetRxPktInt();
   void doGetRxPktIntBulk();
   // Reads the ring of currActiveSd (ring mode).
@@ -295,7 +296,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
  private:
   // What a frame's ifindex resolves to on the receive path.
-  enum class Delivery { delivered, noIntf, notReady };
+  // waiting: stored for a reader that has not taken it yet (single-frame path only).
+  enum class Delivery { delivered, waiting, noIntf, notReady };
 
   // Finds the Pam of a frame from `ifIndex` and hands `pkt` to it (queued, or queued and its reader
   // told at once in the single-frame path); counts and traces the frames that go nowhere.

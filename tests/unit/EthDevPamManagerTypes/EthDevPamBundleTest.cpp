@@ -327,6 +327,17 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   EXPECT_EQ(std::vector<size_t>({reader->frames.size(), fake.queuedDatagrams(sd)}), std::vector<size_t>({3, 1}));
   bundle->doGetRxPkt();
   EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'c'));
+  // A frame its reader did not take in place (a reader on an activity, a slow one) gets no other on
+  // top of it: the next waits in the socket.
+  reader->notifierIs(nullptr);
+  for (char k : {'d', 'e'}) fake.queueDatagram(sd, std::string(60, k), &from);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(std::vector<size_t>({pam->rxPkts(), fake.queuedDatagrams(sd), pam->queueDropCount()}),
+            std::vector<size_t>({1, 1, 0}));
+  reader->notifierIs(pam);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'e'));
+  EXPECT_EQ(reader->frames.end()[-2], std::vector<uint8_t>(60, 'd'));
   bundle->enabledIs(false);
   fake.queueDatagram(sd, "x");
   bundle->doGetRxPkt();
