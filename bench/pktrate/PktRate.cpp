@@ -6,6 +6,7 @@
 //   build/bench/pkt_rate --quick          # shorter live and latency runs
 //   build/bench/pkt_rate --smoke          # a few seconds: every reader and every measure, tiny sizes
 //   build/bench/pkt_rate --readers recvmsg,ring-v3 --reps 5
+//   build/bench/pkt_rate --readers bundle-ring --measures drain   # e.g. under a profiler
 //
 // Needs root. The lab (Lab.h) is a namespace that dies with the process. The sender (Sender.h) runs
 // on one core and the reader on another when the process may use two; on a veth pair the sender's
@@ -59,6 +60,7 @@ struct Options {
   double latencyRate = 10000.0;
   size_t liveBuffer = 4u << 20;
   std::vector<std::string> readers;  // empty: all
+  std::vector<std::string> measures;  // empty: all
   bool pin = true;
   bool realtime = true;  // the latency test's sender and reader at SCHED_FIFO
   char const * mode = "full";
@@ -401,7 +403,8 @@ void printJson(std::map<std::string, Results> const & results) {
 [[noreturn]] void usage(char const * argv0) {
   std::fprintf(stderr,
                "usage: %s [--quick|--smoke] [--reps N] [--drain FRAMES] [--live SECONDS] [--latency FRAMES]\n"
-               "          [--rate FRAMES_PER_S] [--readers NAME,...] [--no-pin] [--no-rt] [--list]\n",
+               "          [--rate FRAMES_PER_S] [--readers NAME,...] [--measures drain,live,latency] [--no-pin]\n"
+               "          [--no-rt] [--list]\n",
                argv0);
   std::exit(2);
 }
@@ -434,11 +437,12 @@ Options parse(int argc, char ** argv) {
       opt.latencyFrames = std::strtoull(value(), nullptr, 10);
     } else if (a == "--rate") {
       opt.latencyRate = std::atof(value());
-    } else if (a == "--readers") {
+    } else if (a == "--readers" || a == "--measures") {
       std::string list = value();
+      std::vector<std::string> & names = a == "--readers" ? opt.readers : opt.measures;
       for (size_t at = 0; at <= list.size();) {
         size_t const comma = std::min(list.find(',', at), list.size());
-        if (comma > at) opt.readers.push_back(list.substr(at, comma - at));
+        if (comma > at) names.push_back(list.substr(at, comma - at));
         at = comma + 1;
       }
     } else if (a == "--no-pin") {
@@ -483,6 +487,7 @@ int main(int argc, char ** argv) {
     std::map<std::string, Results> results;
     bool const progress = isatty(STDERR_FILENO);
     auto each = [&](char const * what, auto measure) {
+      if (!opt.measures.empty() && std::find(opt.measures.begin(), opt.measures.end(), what) == opt.measures.end()) return;
       for (int rep = 0; rep < opt.reps; ++rep) {
         for (auto const & kind : kinds) {
           if (progress) std::fprintf(stderr, "\r%-8s repetition %d/%d: %-12s", what, rep + 1, opt.reps, kind.name.c_str());

@@ -9,6 +9,7 @@
 #include <linux/if_packet.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -40,7 +41,8 @@ Intfsm::TypeRegistration registration(
      "separateDot1QHdr", "sharedSockBufMax", "noPamDropCount",  "pamNotReadyDropCount", "perIntfSocket",
      "perIntfRlimit",  "enabled",           "currActiveSd",     "sd",                "fileDesc",
      "sdRef",          "sdTap",             "fileDescTap",      "sdTapRef",          "enableBulkPamRead",
-     "bulkReadQuota",  "mmsgInitialized",   "savedBulkPkt",     "maxProcessedPkts",  "schedPktDelivery"});
+     "bulkReadQuota",  "mmsgInitialized",   "savedBulkPkt",     "maxProcessedPkts",  "schedPktDelivery",
+     "rxRing",         "rxRingBlockSize",   "rxRingBlockCount", "rxRingFrameSize"});
 
 constexpr char swiVersionPath[] = "/etc/swi-version";
 constexpr char fabricPath[] = "/sys/class/net/fabric";
@@ -71,6 +73,12 @@ struct BulkHeaders {
   EthDevPamBundle const * preparedBy;
 };
 BulkHeaders bulkHeaders;
+
+// Where a TPACKET_V2 slot's address follows its header.
+constexpr size_t ringAddressAt = TPACKET_ALIGN(sizeof(tpacket2_hdr));
+// The kernel puts a frame's link header at TPACKET_ALIGN(TPACKET2_HDRLEN + 16) less the header's
+// length: a slot this long past that point holds the whole frame.
+constexpr uint32_t ringFrameAt = TPACKET_ALIGN(TPACKET2_HDRLEN + 16);
 
 int intOption(int sock, int level, int option, int value) {
   return Platform::calls().setsockopt(sock, level, option, &value, sizeof value);
@@ -165,7 +173,7 @@ void EthDevPamBundle::savedBulkPktIs(uint16_t slot, Vorn::Ptr<Ovel::Pkt> const &
     return;
   }
   if (!savedBulkPkt_.set(slot, pkt)) return;
-  if (slot < maxBulkReadQuota) bulkPkt_[slot] = pkt.ptr();
+  if (slot < maxBulkReadQuota) bulkPkt_[slot] = pkt;
   bulkPreparedQuota_ = UINT32_MAX;  // the headers point at the old packet
   notify(&NotifieeConst::onSavedBulkPkt, slot);
 }
@@ -263,6 +271,7 @@ void EthDevPamBundle::doSocketSetupFailed(int sock, char const * trace, int erro
 
 void EthDevPamBundle::doSocketForget(int sock) {
   if (sock < 0) return;
+  if (RxRing * ring = ringOf(sock)) doRxRingRelease(*ring);
   if (sock == sd_) {
     fdSm_ = nullptr;
     if (fileDesc_) fileDesc_->descriptorIs(-1);
@@ -292,6 +301,7 @@ void EthDevPamBundle::doSocketCreateProto(uint16_t ethProto, bool forSdTap) {
   if (sockPrio_ && intOption(fd, SOL_SOCKET, SO_PRIORITY, static_cast<int>(sockPrio_)) < 0) {
     doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to set PRIORITY, errno: ", errno);
   }
+  if (rxRing_) doRxRingSetUp(fd, rings_[forSdTap ? 1 : 0]);
 
   // From here the socket is the bundle's; a failure puts the buffer sizes back as they were.
   uint32_t const rcvBufBefore = sockRcvBuf_, perIntfBefore = perIntfSockRcvBuf_, allocBefore = allocRcvBuf_;
@@ -452,6 +462,7 @@ void EthDevPamBundle::doSocketClose() {
     EDPM_TRACE(1, "Closing filedesc " << sd_ << " for bundle-socket ");
     // Out of the loop's epoll set before the number can be reused.
     if (fileDesc_) fileDesc_->descriptorIs(-1);
+    doRxRingRelease(rings_[0]);
     os.close(sd_);
     sdIs(-1);
     sdRefIs(0);
@@ -461,6 +472,7 @@ void EthDevPamBundle::doSocketClose() {
   if (sdTap_ != -1) {
     EDPM_TRACE(1, "Closing filedesc " << sdTap_ << " for bundle-socket ");
     if (fileDescTap_) fileDescTap_->descriptorIs(-1);
+    doRxRingRelease(rings_[1]);
     os.close(sdTap_);
     sdTapIs(-1);
     sdTapRefIs(0);
@@ -476,9 +488,51 @@ void EthDevPamBundle::doSocketCloseQuietly() {
   fdSmTap_ = nullptr;
   if (fileDesc_) fileDesc_->descriptorIs(-1);
   if (fileDescTap_) fileDescTap_->descriptorIs(-1);
+  for (RxRing & ring : rings_) doRxRingRelease(ring);
   if (sd_ >= 0) Platform::calls().close(sd_);
   if (sdTap_ >= 0) Platform::calls().close(sdTap_);
   sd_ = sdTap_ = -1;
+}
+
+EthDevPamBundle::RxRing * EthDevPamBundle::ringOf(int sock) {
+  if (sock < 0) return nullptr;
+  if (sock == sd_) return &rings_[0];
+  if (sock == sdTap_) return &rings_[1];
+  return nullptr;
+}
+
+bool EthDevPamBundle::rxRingMapped(int sock) const {
+  RxRing const * ring = const_cast<EthDevPamBundle *>(this)->ringOf(sock);
+  return ring && ring->base;
+}
+
+void EthDevPamBundle::doRxRingSetUp(int fd, RxRing & ring) {
+  Platform::Calls & os = Platform::calls();
+  tpacket_req request{};
+  request.tp_block_size = rxRingBlockSize_;
+  request.tp_block_nr = rxRingBlockCount_;
+  request.tp_frame_size = rxRingFrameSize_ ? rxRingFrameSize_ : TPACKET_ALIGN(ringFrameAt + maxRxPktData());
+  uint32_t const perBlock = request.tp_frame_size ? request.tp_block_size / request.tp_frame_size : 0;
+  request.tp_frame_nr = perBlock * request.tp_block_nr;  // the kernel checks the geometry
+  EDPM_TRACE(5, "EthDevPamBundle::rxRing blocks " << request.tp_block_nr << " x " << request.tp_block_size
+                                                  << " frames " << request.tp_frame_nr << " x " << request.tp_frame_size);
+  if (intOption(fd, SOL_PACKET, PACKET_VERSION, TPACKET_V2) < 0) {
+    doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: ", errno);
+  }
+  if (os.setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &request, sizeof request) < 0) {
+    doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to set PACKET_RX_RING, errno: ", errno);
+  }
+  size_t const bytes = size_t(request.tp_block_size) * request.tp_block_nr;
+  void * base = os.mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (base == MAP_FAILED) doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to map the ring, errno: ", errno);
+  ring = RxRing{static_cast<unsigned char *>(base), bytes, request.tp_block_size, request.tp_block_nr,
+                request.tp_frame_size, perBlock, 0, 0, 0};
+}
+
+void EthDevPamBundle::doRxRingRelease(RxRing & ring) {
+  if (!ring.base) return;
+  Platform::calls().munmap(ring.base, ring.bytes);
+  ring = RxRing{};
 }
 
 void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen) {
@@ -515,12 +569,15 @@ void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter cons
 void EthDevPamBundle::handleEnabled() {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::handleEnabled()");
   EDPM_TRACE(5, "Bundle:Enabled became " << enabled_);
+  route_ = Route{};  // actPamCollection changes
   if (!enabled_) {
     actPamCollection_ = nullptr;
     doSocketClose();
     return;
   }
-  if (!perIntfSocket_ && enableBulkPamRead_) actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
+  if (!perIntfSocket_ && (enableBulkPamRead_ || rxRing_)) {
+    actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
+  }
 }
 
 // ---- receive path ----------------------------------------------------------------------------------
@@ -529,17 +586,27 @@ void EthDevPamBundle::doGetRxPkt() {
   EDPM_TRACE(8, "virtual void Interface::EthDevPamBundle::doGetRxPkt()");
   if (!enabled_) return;
   Vorn::Ptr<EthDevPamBundle> keep(references() ? this : nullptr);  // a reader may drop the last reference
-  if (enableBulkPamRead_) {
+  if (rxRingMapped(currActiveSd_)) {
+    EDPM_TRACE(9, "Ring get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
+    doGetRxPktIntRing();
+  } else if (enableBulkPamRead_) {
     EDPM_TRACE(9, "Bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
     doGetRxPktIntBulk();
   } else {
     EDPM_TRACE(9, "Non-bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
-    doGetRxPktInt();
+    // Frame by frame, each delivered as it is read, up to bulkReadQuota per readable event: a pass
+    // of the loop per frame would cost more than the read itself. A reader may close the socket.
+    int const sock = currActiveSd_;
+    bool const shared = sock == sd_ || sock == sdTap_;
+    uint32_t const quota = std::max<uint32_t>(bulkReadQuota_, 1);
+    for (uint32_t n = 0; n < quota && doGetRxPktInt(); ++n) {
+      if (!enabled_ || (shared && sock != sd_ && sock != sdTap_)) break;
+    }
   }
 }
 
-void EthDevPamBundle::doGetRxPktInt() {
-  if (!enabled_) return;
+bool EthDevPamBundle::doGetRxPktInt() {
+  if (!enabled_) return false;
   int const sock = currActiveSd_;
   EDPM_TRACE(9, "Get the pkt on EdpBundle's FileDescriptor: " << sock);
   Vorn::Ptr<Ovel::Pkt> pkt;
@@ -548,14 +615,15 @@ void EthDevPamBundle::doGetRxPktInt() {
     pkt = savedPkt_;
     if (!pkt) {
       EDPM_TRACE(0, "Invalid saved pkt ");
-      return;
+      return false;
     }
+    rxPkt();  // the last frame, if nobody took it, goes now: its buffer is read into again
     pkt->sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the last frame
   } else {
     pkt = Ovel::globalPktManager().newPkt();
     if (!pkt) {
       EDPM_TRACE(0, "Invalid pkt ");
-      return;
+      return false;
     }
   }
   uint32_t const maxData = pkt->maxData();
@@ -578,16 +646,16 @@ void EthDevPamBundle::doGetRxPktInt() {
   EDPM_TRACE(9, "recvmsg: " << length << " pkt type: " << unsigned(from.sll_pkttype) << " ifindex: " << ifIndex);
   if (length < 0) {
     EDPM_TRACE(9, "recvmsg errno: " << error);
-    if (error == EAGAIN) return;
+    if (error == EAGAIN) return false;
     EDPM_TRACE(0, "recvmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                   << ")");
     rxErrorsInc(1);
-    return;
+    return false;
   }
   vlanTagApply(*pkt, header);
   if (from.sll_pkttype == PACKET_OUTGOING) {
     EDPM_TRACE(3, "Ignoring outgoing packet received on common sd" << sock);
-    return;
+    return true;
   }
   pkt->dataLenIs(static_cast<uint32_t>(length));
   pkt->ifIndexIs(ifIndex);
@@ -605,11 +673,13 @@ void EthDevPamBundle::doGetRxPktInt() {
     if (allocRcvBuf_ == 0) doFindRcvBuf(sock);
     EDPM_TRACE(5, "Recvbuf size: " << allocRcvBuf_ << " used:  " << queued);
   }
-  doDeliver(*pkt, ifIndex, false);
+  return doDeliver(pkt, ifIndex, false) != Delivery::waiting;
 }
 
-EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk) {
+bool EthDevPamBundle::doRoute(uint32_t ifIndex, bool bulk) {
   static Vorn::String const cpuIntfName("Cpu");
+  Route & route = route_;
+  route = Route{};
   Ovel::IntfId const * intfId = nullptr;
   Ovel::IntfId converted;
   if (auto const * entry = deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().find(ifIndex)
@@ -630,14 +700,34 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t i
   if (!intfId) {
     noPamDropCountInc(1);
     EDPM_TRACE(6, "No intfstatus entry for ifindex: " << ifIndex);
-    return Delivery::noIntf;
+    return false;
   }
+  route.intfId = *intfId;
   auto const * found = pamCollection_ ? pamCollection_->intfPamIter().find(*intfId) : nullptr;
   Ovel::Pam * const pam = found ? found->ptr() : nullptr;
-  Ovel::EthDevPam * const edp = bulk ? dynamic_cast<Ovel::EthDevPamInBundle *>(pam) : dynamic_cast<Ovel::EthDevPam *>(pam);
+  route.pam = bulk ? dynamic_cast<Ovel::EthDevPamInBundle *>(pam) : dynamic_cast<Ovel::EthDevPam *>(pam);
+  if (route.pam && !ethDevPamManagerTypesTrace.enabled(9)) {  // a hit would skip the traces above
+    route.known = true;
+    route.ifIndex = ifIndex;
+    route.bulk = bulk;
+    route.devices = deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().version() : 0;
+    route.pams = pamCollection_->intfPamIter().version();
+  }
+  return true;
+}
+
+EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Vorn::Ptr<Ovel::Pkt> const & frame, uint32_t ifIndex, bool bulk) {
+  Route & route = route_;
+  // The last frame's way is this one's while neither directory changed since (most frames follow the
+  // one before): no lookup, no cast.
+  bool const known = route.known && route.ifIndex == ifIndex && route.bulk == bulk &&
+                     route.pams == pamCollection_->intfPamIter().version() &&
+                     route.devices == (deviceIntfStatusDir_ ? deviceIntfStatusDir_->intfStatusByIfIndexIter().version() : 0);
+  if (!known && !doRoute(ifIndex, bulk)) return Delivery::noIntf;
+  Ovel::EthDevPam * const edp = route.pam;
   if (!edp || !edp->usable()) {
     pamNotReadyDropCountInc(1);
-    EDPM_TRACE(6, "Pam not ready for intfId: " << *intfId);
+    EDPM_TRACE(6, "Pam not ready for intfId: " << route.intfId);
     return Delivery::notReady;
   }
   EDPM_TRACE(9, "Pam found for ifindex: " << ifIndex);
@@ -645,19 +735,29 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Ovel::Pkt & pkt, uint32_t i
     pamNotReadyDropCountInc(1);
     return Delivery::notReady;
   }
-  Vorn::Ptr<Ovel::Pkt> const frame(&pkt);
   if (!bulk) {
-    if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now
-    return Delivery::delivered;
+    Vorn::Ptr<Ovel::Pam> const keep(edp);  // its reader may withdraw it
+    if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now, unless it is deferred
+    return edp->rxPkts() == 0 ? Delivery::delivered : Delivery::waiting;
   }
   EDPM_TRACE(9, "Storing packet to EthDevPamInBundle");
+  Vorn::Ptr<Ovel::Pam> const keep(edp);  // a handler of the queue's counters may withdraw the Pam
   static_cast<Ovel::EthDevPamInBundle *>(edp)->writeNewRxPkt(frame);
-  if (!actPamCollection_) actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
-  actPamCollection_->intfPamIs(*intfId, *found);
+  if (!actPamCollection_) {
+    actPamCollection_ = ethDevPamCollectionFactory("actPamCollection");
+    route.inAct = false;
+  }
+  // Once per Pam and read: the collection's version tells whether it is still there since the last frame.
+  if (!route.inAct || route.actVersion != actPamCollection_->intfPamIter().version()) {
+    Ovel::IntfId const intf = route.intfId;  // a handler may change the route
+    actPamCollection_->intfPamIs(intf, keep);
+    route.inAct = true;
+    route.actVersion = actPamCollection_->intfPamIter().version();
+  }
   return Delivery::delivered;
 }
 
-void EthDevPamBundle::doBulkSlotsPrepare() {
+void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
   uint32_t const quota = bulkReadQuota_;
   uint32_t const size = maxRxPktData();
   if (!mmsgInitialized_) {
@@ -667,32 +767,42 @@ void EthDevPamBundle::doBulkSlotsPrepare() {
     }
     mmsgInitializedIs(true);
   }
-  bool const all = bulkHeaders.preparedBy != this || bulkPreparedQuota_ != quota || bulkPreparedSize_ != size;
-  uint32_t const prepare = all ? quota : bulkSlotsDirty_;
-  for (uint32_t i = 0; i < prepare; ++i) {
+  bool const all = bulkPreparedQuota_ != quota || bulkPreparedSize_ != size;
+  uint32_t const packets = all ? quota : bulkSlotsDirty_;
+  // The headers point into the packets: all of them again when another bundle or a ring read moved them.
+  uint32_t const count = headers && (all || bulkHeaders.preparedBy != this) ? quota : packets;
+  for (uint32_t i = 0; i < count; ++i) {
     uint16_t const slot = static_cast<uint16_t>(i);
-    if (!bulkPkt_[i]) {  // a quota raised after the first read, or a slot deleted from outside
-      savedBulkPktIs(slot, Ovel::globalPktManager().newPkt());
-      VORN_ASSERT(savedBulkPkt( i ));
+    if (i < packets) {
+      if (!bulkPkt_[i]) {  // a quota raised after the first read, or a slot deleted from outside
+        savedBulkPktIs(slot, Ovel::globalPktManager().newPkt());
+        VORN_ASSERT(savedBulkPkt( i ));
+      }
+      Ovel::Pkt & pkt = *bulkPkt_[i];
+      pkt.sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the frame read into it
+      uint32_t const maxData = pkt.maxData();
+      VORN_ASSERT(maxData >= maxRxPktData());
+      if (!pkt.hasHeadData() || maxData < size) pkt.newSharedHeadData(size);  // else the reset left it ready
     }
-    Ovel::Pkt & pkt = *bulkPkt_[i];
-    pkt.sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the frame read into it
-    uint32_t const maxData = pkt.maxData();
-    VORN_ASSERT(maxData >= maxRxPktData());
-    pkt.newSharedHeadData(size);
-    bulkHeaders.iov[i] = iovec{pkt.data(), size};
-    msghdr & header = bulkHeaders.headers[i].msg_hdr;
-    header.msg_name = &bulkHeaders.from[i];
-    header.msg_namelen = sizeof(sockaddr_ll);
-    header.msg_iov = &bulkHeaders.iov[i];
-    header.msg_iovlen = 1;
-    header.msg_control = bulkHeaders.control[i].bytes;
-    header.msg_controllen = controlBytes;
-    header.msg_flags = 0;
-    bulkHeaders.headers[i].msg_len = 0;
-    savedPacketRxIs(slot, false);
+    if (headers) {
+      bulkHeaders.iov[i] = iovec{bulkPkt_[i]->data(), size};
+      msghdr & header = bulkHeaders.headers[i].msg_hdr;
+      header.msg_name = &bulkHeaders.from[i];
+      header.msg_namelen = sizeof(sockaddr_ll);
+      header.msg_iov = &bulkHeaders.iov[i];
+      header.msg_iovlen = 1;
+      header.msg_control = bulkHeaders.control[i].bytes;
+      header.msg_controllen = controlBytes;
+      header.msg_flags = 0;
+      bulkHeaders.headers[i].msg_len = 0;
+    }
+    if (i < packets) savedPacketRxIs(slot, false);
   }
-  bulkHeaders.preparedBy = this;
+  if (headers) {
+    bulkHeaders.preparedBy = this;
+  } else if (packets && bulkHeaders.preparedBy == this) {
+    bulkHeaders.preparedBy = nullptr;
+  }
   bulkPreparedQuota_ = quota;
   bulkPreparedSize_ = size;
   bulkSlotsDirty_ = 0;
@@ -703,7 +813,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   VORN_ASSERT(pktReuse());
   int const sock = currActiveSd_;
   EDPM_TRACE(9, "Bulk get pkts on EdpBundle's FileDescriptor: " << sock);
-  doBulkSlotsPrepare();
+  doBulkSlotsPrepare(true);
   int const received = Platform::calls().recvmmsg(sock, bulkHeaders.headers, bulkReadQuota_, MSG_DONTWAIT, nullptr);
   int const error = errno;
   EDPM_TRACE(9, "recvmmsg:  " << received << " pkts received ");
@@ -715,23 +825,76 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
     rxErrorsInc(1);
     return;
   }
-  bulkSlotsDirty_ = static_cast<uint32_t>(received);
-  uint64_t processed = 0;
-  for (int i = 0; i < received; ++i) {
-    uint16_t const slot = static_cast<uint16_t>(i);
+  uint32_t const count = static_cast<uint32_t>(received);
+  bulkSlotsDirty_ = count;
+  for (uint32_t i = 0; i < count; ++i) {
     sockaddr_ll const & from = bulkHeaders.from[i];
-    uint32_t const ifIndex = static_cast<uint32_t>(from.sll_ifindex);
-    if (from.sll_pkttype == PACKET_OUTGOING) {
-      EDPM_TRACE(3, "Ignoring outgoing packet received on single socket " << ifIndex);
+    Ovel::Pkt & pkt = *bulkPkt_[i];
+    pkt.ifIndexIs(static_cast<uint32_t>(from.sll_ifindex));
+    pkt.pktTypeIs(from.sll_pkttype);
+    if (from.sll_pkttype == PACKET_OUTGOING) continue;
+    vlanTagApply(pkt, bulkHeaders.headers[i].msg_hdr);
+    pkt.dataLenIs(bulkHeaders.headers[i].msg_len);
+  }
+  doBulkSlotsDeliver(sock, count);
+}
+
+uint32_t EthDevPamBundle::doRxRingTake(RxRing & ring) {
+  uint32_t const quota = bulkReadQuota_;
+  uint32_t const size = maxRxPktData();
+  uint32_t taken = 0;
+  while (taken < quota) {
+    auto * slot = reinterpret_cast<tpacket2_hdr *>(ring.base + ring.offset);
+    uint32_t const status = __atomic_load_n(&slot->tp_status, __ATOMIC_ACQUIRE);
+    if (!(status & TP_STATUS_USER)) break;
+    auto const & from = *reinterpret_cast<sockaddr_ll const *>(reinterpret_cast<unsigned char *>(slot) + ringAddressAt);
+    Ovel::Pkt & pkt = *bulkPkt_[taken];
+    pkt.ifIndexIs(static_cast<uint32_t>(from.sll_ifindex));
+    pkt.pktTypeIs(from.sll_pkttype);
+    if (from.sll_pkttype != PACKET_OUTGOING) {
+      uint32_t const length = std::min(slot->tp_snaplen, size);
+      std::memcpy(pkt.data(), reinterpret_cast<unsigned char *>(slot) + slot->tp_mac, length);
+      pkt.dataLenIs(length);
+      if (separateDot1QHdr_ && (status & TP_STATUS_VLAN_VALID)) {
+        pkt.newSeparateVlanTag(slot->tp_vlan_tci,
+                               (status & TP_STATUS_VLAN_TPID_VALID) ? slot->tp_vlan_tpid : Ovel::Pkt::defaultVlanTpid);
+      }
+    }
+    __atomic_store_n(&slot->tp_status, TP_STATUS_KERNEL, __ATOMIC_RELEASE);  // the kernel may refill it now
+    ++taken;
+    ring.offset += ring.frameSize;
+    if (++ring.inBlock == ring.perBlock) {
+      ring.inBlock = 0;
+      if (++ring.block == ring.blocks) ring.block = 0;
+      ring.offset = size_t(ring.block) * ring.blockSize;
+    }
+  }
+  return taken;
+}
+
+void EthDevPamBundle::doGetRxPktIntRing() {
+  VORN_ASSERT(bulkReadQuota() <= 128);
+  int const sock = currActiveSd_;
+  RxRing * ring = ringOf(sock);
+  doBulkSlotsPrepare(false);
+  // Every frame is out of the ring before anything is delivered: a reader may close the socket.
+  uint32_t const count = doRxRingTake(*ring);
+  EDPM_TRACE(9, "ring:  " << count << " pkts received ");
+  bulkSlotsDirty_ = count;
+  doBulkSlotsDeliver(sock, count);
+}
+
+void EthDevPamBundle::doBulkSlotsDeliver(int sock, uint32_t count) {
+  uint64_t processed = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    uint16_t const slot = static_cast<uint16_t>(i);
+    Vorn::Ptr<Ovel::Pkt> const & pkt = bulkPkt_[i];
+    if (pkt->pktType() == PACKET_OUTGOING) {
+      EDPM_TRACE(3, "Ignoring outgoing packet received on single socket " << pkt->ifIndex());
       continue;
     }
     savedPacketRxIs(slot, true);
-    Ovel::Pkt & pkt = *bulkPkt_[i];
-    vlanTagApply(pkt, bulkHeaders.headers[i].msg_hdr);
-    pkt.dataLenIs(bulkHeaders.headers[i].msg_len);
-    pkt.ifIndexIs(ifIndex);
-    pkt.pktTypeIs(from.sll_pkttype);
-    if (doDeliver(pkt, ifIndex, true) == Delivery::delivered) {
+    if (doDeliver(pkt, pkt->ifIndex(), true) == Delivery::delivered) {
       ++processed;
     } else {
       savedPacketRxIs(slot, false);  // its buffer is free for the next read
@@ -747,8 +910,9 @@ void EthDevPamBundle::doPamNotifications() {
   Vorn::Ptr<EthDevPamCollection> const active = actPamCollection_;  // a reader may disable the bundle
   if (!active) return;
   Vorn::Ptr<EthDevPamBundle> keep(references() ? this : nullptr);
-  // Readers that took nothing; empty (no allocation) while every reader keeps up.
-  std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> saved;
+  // Readers that took nothing; the vector's room is kept between calls (a reader calling back in
+  // starts with an empty one).
+  std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> saved = std::move(savedPams_);
   while (!active->empty()) {
     for (auto const & entry : active->intfPamIter()) {
       Ovel::IntfId const intf = entry.key;  // the entry goes away below
@@ -769,7 +933,10 @@ void EthDevPamBundle::doPamNotifications() {
       }
     }
   }
-  if (saved.empty()) return;
+  if (saved.empty()) {
+    savedPams_ = std::move(saved);
+    return;
+  }
   EDPM_TRACE(5, "Saving " << saved.size() << "  pams for delayed processing.");
   for (auto const & [intf, pam] : saved) active->intfPamIs(intf, pam);
   EDPM_TRACE(5, "Saved " << saved.size() << "  pams for delayed  processing.");
@@ -777,6 +944,8 @@ void EthDevPamBundle::doPamNotifications() {
     EDPM_TRACE(5, "Saved Intf/Pams for notification in next iteration" << " Intf: " << intf << " Pam: " << pam->name()
                                                                        << " packet count " << pam->curRxPkts());
   }
+  saved.clear();
+  savedPams_ = std::move(saved);
   EDPM_TRACE(5, "Rescheduling activity for delayed processing");
   schedPktDeliveryInc(1);
 }

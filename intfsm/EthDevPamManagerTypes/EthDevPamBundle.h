@@ -27,30 +27,62 @@
 // watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
-// doGetRxPkt: one frame per call, or with enableBulkPamRead up to bulkReadQuota (at most 128) frames
-// per recvmmsg into packets made once. Each frame goes to the Pam published in the Pam collection for
-// the interface that the device interface-status directory names for the frame's ifindex; a Pam
-// takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see Ovel::EthDevPam). Frames
-// the host sent itself are skipped uncounted; frames of an unknown ifindex count in noPamDropCount,
-// those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk mode the
-// readers are called after the batch; a reader that leaves its frames is served again on the
-// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them.
-// Frames handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing
-// the buffer, and the next read into that slot takes a fresh buffer while the old one is held.
-// Per frame nothing is allocated in the steady state (pktReuse, bulk slots), nothing formatted unless
-// a trace level is on, and every lookup is a hash lookup.
+// doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until none is
+// left, bulkReadQuota frames were read, or a reader did not take its frame in place (one on an activity, or
+// a slow one: the frames after it wait in the socket, none is replaced); or, with enableBulkPamRead, up to
+// bulkReadQuota (at most 128) frames per recvmmsg into packets made once. Each frame goes to the Pam
+// published in the Pam collection for the interface that the device interface-status directory names for
+// the frame's ifindex; a Pam takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see
+// Ovel::EthDevPam). Frames the host sent itself are skipped uncounted; frames of an unknown ifindex count
+// in noPamDropCount, those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk
+// mode the readers are called after the batch; a reader that leaves its frames is served again on the
+// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them. Frames
+// handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing the buffer,
+// and the next read into that slot takes a fresh buffer while the old one is held. In the single-frame path
+// the frame is also the bundle's own receive packet (rxPkt) until the next read begins; one nobody took is
+// let go then, uncounted. Per frame nothing is allocated in the steady state (pktReuse, bulk slots),
+// nothing formatted unless a trace level is on, and every lookup is a hash lookup.
+//
+// Ring mode (rxRing, off by default). Each socket opened while rxRing is on receives through a
+// PACKET_RX_RING of the TPACKET_V2 format that the bundle maps, instead of through recvmsg/recvmmsg:
+//
+//   bundle->rxRingIs(true);               // before the first doGetSd; sockets already open keep their way
+//   bundle->rxRingBlockCountIs(256);      // 256 x 64 KiB = 16 MiB of ring per socket
+//
+// A readable ring is read like the bulk path: up to bulkReadQuota frames per readable event, each
+// copied out of its ring slot into the packet of a bulk slot (savedBulkPkt) and the ring slot handed
+// back to the kernel at once, so a slow reader holds packets, never the ring; then the frames are
+// delivered and the readers called exactly as in bulk mode (same lookup, counters, traces, deferred
+// delivery on the activity). The interface comes from the slot's address (sll_ifindex); frames the
+// host sent (PACKET_OUTGOING) are skipped uncounted; with separateDot1QHdr the VLAN tag comes from
+// the slot header (tp_vlan_tci when TP_STATUS_VLAN_VALID, tp_vlan_tpid when TP_STATUS_VLAN_TPID_VALID,
+// else 0x8100). Ring mode reads into the bulk slots whatever pktReuse and enableBulkPamRead say.
+// Why TPACKET_V2: every frame is the reader's as soon as the kernel has written it, so a frame waits
+// for nothing but the loop (TPACKET_V3 hands frames over a block at a time, when the block is full
+// or its retire timer fires, at least 1 ms later on a quiet link).
+// Geometry, read when a socket is opened: rxRingFrameSize bytes per frame slot (0, the default: the
+// smallest that holds the slot header and maxRxPktData bytes of frame, 1600 for 1518), as many slots
+// per rxRingBlockSize bytes (a multiple of the page size, default 64 KiB) as fit, rxRingBlockCount
+// blocks (default 64). A geometry the kernel refuses fails set-up like any other step. The socket's
+// receive buffer plays no part in ring mode: the ring is the buffer. Frames longer than a slot, or
+// than maxRxPktData, arrive cut to that length. The ring is set up after PACKET_AUXDATA and
+// SO_PRIORITY, before anything else (set-up failures: "failed to set PACKET_VERSION", "failed to set
+// PACKET_RX_RING", "failed to map the ring"), and unmapped whenever its socket is closed.
 //
 // Threading: everything runs on the event loop's one thread; nothing is locked.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "intfsm/EthDevPamManagerTypes/EthDevPamBundleFdSm.h"
 #include "intfsm/EthDevPamManagerTypes/EthDevPamCollection.h"
 #include "intfsm/EthDevPamManagerTypes/PamDesiredIntfDir.h"
 #include "intfsm/foundation/interface/DeviceIntfStatusDir.h"
 #include "intfsm/foundation/ovel/EthDevPamBase.h"
+#include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
 #include "intfsm/foundation/ovel/Pkt.h"
 #include "intfsm/foundation/ovel/SockFilterProgram.h"
@@ -94,6 +126,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
     virtual void onSavedBulkPktvornImmediate() {}
     virtual void onMaxProcessedPkts() {}
     virtual void onSchedPktDelivery() {}
+    virtual void onRxRing() {}
+    virtual void onRxRingBlockSize() {}
+    virtual void onRxRingBlockCount() {}
+    virtual void onRxRingFrameSize() {}
   };
 
   using SavedBulkPktMap = Vorn::Collection<uint16_t, Vorn::Ptr<Ovel::Pkt>>;
@@ -103,6 +139,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   static constexpr uint32_t maxSockPrio = 15;
   // Every this many frames the single-frame path traces how full the socket's queue is.
   static constexpr uint32_t queueProbeInterval = 300;
+  static constexpr uint32_t defaultRxRingBlockSize = 1u << 16;
+  static constexpr uint32_t defaultRxRingBlockCount = 64;
 
   // Ethernet protocols (host order) that decide the socket's protocol.
   static constexpr uint16_t ethPAll = 0x0003;
@@ -201,6 +239,17 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   uint32_t schedPktDelivery() const { return schedPktDelivery_; }
   void schedPktDeliveryIs(uint32_t v) { set(schedPktDelivery_, v, &NotifieeConst::onSchedPktDelivery); }
   void schedPktDeliveryInc(uint32_t n = 1) { schedPktDeliveryIs(schedPktDelivery_ + n); }
+  // Ring mode and its geometry (see Ring mode above); they apply to the sockets opened afterwards.
+  bool rxRing() const { return rxRing_; }
+  void rxRingIs(bool v) { set(rxRing_, v, &NotifieeConst::onRxRing); }
+  uint32_t rxRingBlockSize() const { return rxRingBlockSize_; }
+  void rxRingBlockSizeIs(uint32_t v) { set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize); }
+  uint32_t rxRingBlockCount() const { return rxRingBlockCount_; }
+  void rxRingBlockCountIs(uint32_t v) { set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount); }
+  uint32_t rxRingFrameSize() const { return rxRingFrameSize_; }
+  void rxRingFrameSizeIs(uint32_t v) { set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize); }
+  // Whether `sock` (sd or sdTap) receives through a ring.
+  bool rxRingMapped(int sock) const;
 
   // ---- sockets ----
   // The descriptor that the interface of kernel device `deviceName` shares, counted on it; opens the
@@ -231,8 +280,12 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
   // ---- receive path ----
   void doGetRxPkt() override;
-  void doGetRxPktInt();
+  // Reads and delivers one frame. True when the next frame may be read at once: one was read, and
+  // its Pam's reader took it in place (or it went to no reader).
+  bool doGetRxPktInt();
   void doGetRxPktIntBulk();
+  // Reads the ring of currActiveSd (ring mode).
+  void doGetRxPktIntRing();
   void doPamNotifications();
   void handleScheduledPktDelivery();
   void handleEnabled();
@@ -243,12 +296,51 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
  private:
   // What a frame's ifindex resolves to on the receive path.
-  enum class Delivery { delivered, noIntf, notReady };
+  // waiting: stored for a reader that has not taken it yet (single-frame path only).
+  enum class Delivery { delivered, waiting, noIntf, notReady };
 
   // Finds the Pam of a frame from `ifIndex` and hands `pkt` to it (queued, or queued and its reader
   // told at once in the single-frame path); counts and traces the frames that go nowhere.
-  Delivery doDeliver(Ovel::Pkt & pkt, uint32_t ifIndex, bool bulk);
-  void doBulkSlotsPrepare();
+  Delivery doDeliver(Vorn::Ptr<Ovel::Pkt> const & pkt, uint32_t ifIndex, bool bulk);
+  // Looks `ifIndex` up into route_; false (counted, traced) when it names no interface.
+  bool doRoute(uint32_t ifIndex, bool bulk);
+
+  // The way the last frame took to its Pam. `known`: it holds for frames of `ifIndex` on the same
+  // path while both directories keep the versions noted. `pam` is null when the interface has no Pam
+  // of the kind the path needs. `inAct`: the Pam is in actPamCollection while that keeps `actVersion`.
+  struct Route {
+    bool known = false;
+    uint32_t ifIndex = 0;
+    bool bulk = false;
+    uint64_t devices = 0, pams = 0;
+    Ovel::IntfId intfId;
+    Ovel::EthDevPam * pam = nullptr;
+    bool inAct = false;
+    uint64_t actVersion = 0;
+  };
+  // Makes the bulk slots' packets ready for the next read; with `headers`, the recvmmsg headers too.
+  void doBulkSlotsPrepare(bool headers);
+  // Delivers the frames in bulk slots [0, count) read from `sock`, then calls the readers.
+  void doBulkSlotsDeliver(int sock, uint32_t count);
+
+  // A socket's receive ring: `frames` slots of `frameSize` bytes, `perBlock` of them at the start of
+  // each block of `blockSize` bytes. `next` is the slot the kernel fills after the ones taken, at
+  // byte `offset`, the `inBlock`-th slot of block `block`.
+  struct RxRing {
+    unsigned char * base = nullptr;
+    size_t bytes = 0;
+    uint32_t blockSize = 0, blocks = 0, frameSize = 0, perBlock = 0;
+    uint32_t block = 0, inBlock = 0;
+    size_t offset = 0;
+  };
+  RxRing * ringOf(int sock);
+  // Sets up and maps the ring of the new socket `fd` in `ring`; on failure closes `fd`, traces, raises.
+  void doRxRingSetUp(int fd, RxRing & ring);
+  // Unmaps `ring` (if mapped).
+  static void doRxRingRelease(RxRing & ring);
+  // Copies up to bulkReadQuota frames out of `ring` into the bulk slots and hands their ring slots
+  // back; how many it took.
+  uint32_t doRxRingTake(RxRing & ring);
   // Closes the sockets without notifying anyone (destruction).
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
@@ -288,18 +380,26 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   SavedBulkPktMap savedBulkPkt_;
   uint64_t maxProcessedPkts_ = 0;
   uint32_t schedPktDelivery_ = 0;
+  bool rxRing_ = false;
+  uint32_t rxRingBlockSize_ = defaultRxRingBlockSize;
+  uint32_t rxRingBlockCount_ = defaultRxRingBlockCount;
+  uint32_t rxRingFrameSize_ = 0;
 
   Vorn::Ptr<EthDevPamCollection> actPamCollection_;
   Vorn::Ptr<EthDevPamBundleFdSm> fdSm_;
   Vorn::Ptr<EthDevPamBundleFdSm> fdSmTap_;
 
   // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
-  std::array<Ovel::Pkt *, maxBulkReadQuota> bulkPkt_{};
+  std::array<Vorn::Ptr<Ovel::Pkt>, maxBulkReadQuota> bulkPkt_;
   // Slots [0, bulkSlotsDirty_) were filled by the last read and need preparing again; the others are
   // ready as they are while the quota and the frame size stay those they were prepared for.
   uint32_t bulkSlotsDirty_ = 0;
   uint32_t bulkPreparedQuota_ = UINT32_MAX;
   uint32_t bulkPreparedSize_ = 0;
+  RxRing rings_[2];  // the common socket's, the tap socket's
+  Route route_;
+  // Readers that took nothing in the last notification pass, kept for their capacity.
+  std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> savedPams_;
 };
 
 // Attaches `filter` (filterLen classic BPF instructions) to `sock` with SO_ATTACH_FILTER. With

@@ -4,6 +4,7 @@
 #include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Reactor.h"
+#include "intfsm/foundation/vorn/System.h"
 
 namespace Interface {
 
@@ -14,15 +15,27 @@ Intfsm::TypeRegistration registration("Interface::EthDevPamBundleActivitySm", nu
 class EthDevPamBundleActivitySm::VornEthDevPamBundle : public Vorn::Reactor<EthDevPamBundleActivitySm, EthDevPamBundle> {
  public:
   using Reactor::Reactor;
-  void onSchedPktDelivery() override { forward(&EthDevPamBundleActivitySm::handleScheduledPktDelivery); }
+  void onSchedPktDelivery() override { forward(&EthDevPamBundleActivitySm::handleSchedPktDelivery); }
+};
+
+class EthDevPamBundleActivitySm::VornDeliveryClock : public Vorn::Reactor<EthDevPamBundleActivitySm, Vorn::Clock> {
+ public:
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&EthDevPamBundleActivitySm::handleScheduledPktDelivery); }
 };
 
 EthDevPamBundleActivitySm::EthDevPamBundleActivitySm(Vorn::Ptr<Vorn::ActivityConfig> const & activityConfig,
                                                      EthDevPamManager * manager)
-    : activityConfig_(activityConfig), manager_(manager) {}
+    : activityConfig_(activityConfig), manager_(manager) {
+  deliveryClock_ = Vorn::reactorNew<VornDeliveryClock>(this, nullptr);
+  deliveryClock_->activityIs(Vorn::vornActivitySmFor(activityConfig_).ptr());
+  deliveryClock_->notifierIs(activityConfig_->clock());
+}
 
 EthDevPamBundleActivitySm::~EthDevPamBundleActivitySm() {
   if (bundleReactor_) Vorn::reactorRetire(*bundleReactor_);
+  deliveryClock_->timeMinIs(Vorn::Clock::never);
+  Vorn::reactorRetire(*deliveryClock_);
 }
 
 void EthDevPamBundleActivitySm::ethDevPamBundleIs(Vorn::Ptr<EthDevPamBundle> const & bundle) {
@@ -31,12 +44,13 @@ void EthDevPamBundleActivitySm::ethDevPamBundleIs(Vorn::Ptr<EthDevPamBundle> con
   bundleReactor_ = nullptr;
   ethDevPamBundle_ = bundle;
   if (bundle) {
-    // Bound to the activity before it watches anything, so that no call is ever delivered in place.
-    bundleReactor_ = Vorn::reactorNew<VornEthDevPamBundle>(this, nullptr);
-    bundleReactor_->activityIs(Vorn::vornActivitySmFor(activityConfig_).ptr());
-    bundleReactor_->notifierIs(bundle);
+    bundleReactor_ = Vorn::reactorNew<VornEthDevPamBundle>(this, bundle);
   }
   notify(&NotifieeConst::onEthDevPamBundle);
+}
+
+void EthDevPamBundleActivitySm::handleSchedPktDelivery() {
+  deliveryClock_->timeMinIs(Vorn::System::currentTime());  // fires on a later pass, queued on the activity
 }
 
 void EthDevPamBundleActivitySm::handleScheduledPktDelivery() {

@@ -10,6 +10,11 @@
 // The value 99 is the activity's budget: at most 99 deferred calls run per loop pass, so readers that
 // keep rescheduling cannot starve descriptors and timers.
 //
+// The bundle is watched in place, not on the activity: a reactor bound to an activity has every
+// notification of what it watches queued there, and the bundle notifies several times per frame
+// (its packet, its slot flags, its counters). Only a reschedule reaches the activity, as one firing
+// of a clock reactor bound to it.
+//
 // Threading: one loop thread, nothing locked. The nested reactor holds a reference to the bundle it
 // watches (a bound notifiee keeps its notifier alive), and so does the ethDevPamBundle attribute.
 #pragma once
@@ -41,15 +46,19 @@ class EthDevPamBundleActivitySm : public Vorn::Notifier {
   // Watches `bundle` from now on (null: nothing).
   void ethDevPamBundleIs(Vorn::Ptr<EthDevPamBundle> const & bundle);
 
+  // The bundle rescheduled its readers: handleScheduledPktDelivery runs on the activity, later.
+  void handleSchedPktDelivery();
   void handleScheduledPktDelivery();
 
  private:
   class VornEthDevPamBundle;
+  class VornDeliveryClock;
 
   Vorn::Ptr<Vorn::ActivityConfig> activityConfig_;
   EthDevPamManager * manager_;
   Vorn::Ptr<EthDevPamBundle> ethDevPamBundle_;
   Vorn::Ptr<VornEthDevPamBundle> bundleReactor_;
+  Vorn::Ptr<VornDeliveryClock> deliveryClock_;  // on the activity; armed by each reschedule
 };
 
 }  // namespace Interface

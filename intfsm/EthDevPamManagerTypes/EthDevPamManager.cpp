@@ -18,7 +18,8 @@ Intfsm::TypeRegistration registration(
     {"deviceIntfStatusDir", "netNs", "allMulticast", "sockRcvBuf", "sockPrio", "broadcast", "pktReuse",
      "createVornFileDescOnEnabled", "separateDot1QHdr", "enableBulkPamRead", "headDropPolicy", "perIntfSocket",
      "perIntfRlimit", "socketReadLimit", "edpBundle", "ethDevPamBundleActivitySm", "pam", "savedPacket", "defer",
-     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized"});
+     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRing", "rxRingBlockSize",
+     "rxRingBlockCount", "rxRingFrameSize"});
 }  // namespace
 
 class EthDevPamManager::VornDeviceIntfStatusDir : public Vorn::Reactor<EthDevPamManager, DeviceIntfStatusDir> {
@@ -356,6 +357,10 @@ void EthDevPamManager::doEnable() {
   bundle.maxRxPktDataIs(maxRxPktData());
   bundle.perIntfSocketIs(perIntfSocket_);
   bundle.perIntfRlimitIs(perIntfRlimit_);
+  bundle.rxRingIs(rxRing_);
+  bundle.rxRingBlockSizeIs(rxRingBlockSize_);
+  bundle.rxRingBlockCountIs(rxRingBlockCount_);
+  bundle.rxRingFrameSizeIs(rxRingFrameSize_);
 
   Vorn::Ptr<Vorn::ActivityConfig> const activity = Vorn::activityManager().activityIs(activityName, activityBudget);
   EDPM_TRACE(5, "Adding EthDevPamBundleActivitySm");

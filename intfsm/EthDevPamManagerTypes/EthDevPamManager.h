@@ -18,7 +18,9 @@
 // sockPrio < 0 or > 15 not allowed"), broadcast false, pktReuse false, createVornFileDescOnEnabled
 // true, separateDot1QHdr false, enableBulkPamRead false, headDropPolicy false, perIntfSocket false,
 // perIntfRlimit true, socketReadLimit 15 (1..1024, as a Pam takes it; else Vorn::RangeException
-// "EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed"), defer false. Settings are read when
+// "EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed"), defer false, and the bundle's ring mode:
+// rxRing false, rxRingBlockSize, rxRingBlockCount and rxRingFrameSize as EthDevPamBundle's defaults
+// (64 KiB, 64, 0 = from maxRxPktData), passed to the bundle as they are. Settings are read when
 // a Pam is made and, for the bundle, when the manager is enabled: changing one while enabled reaches
 // the Pams made from then on (the bundle's at the next enabling), except filterProgram, which reaches
 // the open sockets at once.
@@ -89,6 +91,10 @@ class EthDevPamManager : public EthDevPamManagerBase {
     virtual void onPam(Ovel::IntfId const &) {}
     virtual void onSavedPacket(uint16_t /*index*/) {}
     virtual void onDefer() {}
+    virtual void onRxRing() {}
+    virtual void onRxRingBlockSize() {}
+    virtual void onRxRingBlockCount() {}
+    virtual void onRxRingFrameSize() {}
     virtual void onEthDevPamEvent(Ovel::IntfId const &) {}
     virtual void onEthDevPamEventBookmark() {}
     virtual void onInitialized() {}
@@ -139,6 +145,15 @@ class EthDevPamManager : public EthDevPamManagerBase {
   void socketReadLimitIs(int32_t v);
   bool defer() const { return defer_; }
   void deferIs(bool v) { set(defer_, v, &NotifieeConst::onDefer); }
+  // The bundle's ring receive mode and its geometry (see EthDevPamBundle, Ring mode).
+  bool rxRing() const { return rxRing_; }
+  void rxRingIs(bool v) { set(rxRing_, v, &NotifieeConst::onRxRing); }
+  uint32_t rxRingBlockSize() const { return rxRingBlockSize_; }
+  void rxRingBlockSizeIs(uint32_t v) { set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize); }
+  uint32_t rxRingBlockCount() const { return rxRingBlockCount_; }
+  void rxRingBlockCountIs(uint32_t v) { set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount); }
+  uint32_t rxRingFrameSize() const { return rxRingFrameSize_; }
+  void rxRingFrameSizeIs(uint32_t v) { set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize); }
 
   // Stores; a change runs handleEnabled at once, then notifies.
   void enabledIs(bool enabled) override;
@@ -238,6 +253,10 @@ class EthDevPamManager : public EthDevPamManagerBase {
   PamMap pam_;
   std::vector<Vorn::Ptr<Ovel::Pkt>> savedPacket_;
   bool defer_ = false;
+  bool rxRing_ = false;
+  uint32_t rxRingBlockSize_ = EthDevPamBundle::defaultRxRingBlockSize;
+  uint32_t rxRingBlockCount_ = EthDevPamBundle::defaultRxRingBlockCount;
+  uint32_t rxRingFrameSize_ = 0;
   EventMap ethDevPamEvent_;
   Ovel::IntfId ethDevPamEventBookmark_;
   bool initialized_ = false;

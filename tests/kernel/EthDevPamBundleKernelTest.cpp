@@ -1,7 +1,8 @@
 // A bundle's shared packet socket in a namespace of the test's own with three veth devices (va0-va2)
 // whose peers (vb0-vb2) sit in a second namespace, from where raw sockets send the frames. The
 // interfaces join as the packet-access manager will have them join: a Pam per interface with the
-// descriptor from doGetSd, enabled and published in the Pam collection.
+// descriptor from doGetSd, enabled and published in the Pam collection. Each receive path runs: single
+// frames, bulk reads, and ring mode on a ring of 8 slots, which the tests' traffic wraps.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/filter.h>
@@ -13,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/NetNs.h"
 
@@ -30,6 +33,20 @@ namespace {
 
 constexpr uint16_t testProtocol = 0x88b5;  // local experimental EtherType: the table keeps it as it is
 constexpr int pairs = 3;
+
+struct Path {
+  char const * name;
+  bool bulk, ring;
+};
+constexpr Path single{"single", false, false}, bulk{"bulk", true, false}, ring{"ring", false, true};
+
+// Mappings of sockets (packet rings) in this process.
+int mappedSockets() {
+  std::ifstream maps("/proc/self/maps");
+  int n = 0;
+  for (std::string line; std::getline(maps, line);) n += line.find("socket:[") != std::string::npos;
+  return n;
+}
 
 std::string frame(char tag, uint16_t type = testProtocol) {
   std::string f("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01", 12);
@@ -72,6 +89,7 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
     if (IsSkipped()) return;
     (void)loop.watches();  // the loop's own descriptor exists before counting
     descriptorsBefore = IntfsmTest::openDescriptorCount();
+    mappingsBefore = mappedSockets();
     ns = netns().namespaceNew();
     peerNs = netns().namespaceNew();
     for (int i = 0; i < pairs; ++i) {
@@ -94,6 +112,7 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
       close(peer);
       close(own);
       EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptorsBefore);
+      EXPECT_EQ(mappedSockets(), mappingsBefore);
     }
     NetNsTest::TearDown();
   }
@@ -102,13 +121,16 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
   static Ovel::IntfId intfId(int i) { return Ovel::IntfId("Ethernet" + std::to_string(i + 1)); }
   IntfStatusAndDeviceName record(int i) { return {intfStatusFactory(intfId(i)), va(i), ifIndex[i]}; }
 
-  void bundleNew(uint16_t protocol, bool bulk, Ovel::SockFilterProgram const & filter = {}) {
+  void bundleNew(uint16_t protocol, Path path, Ovel::SockFilterProgram const & filter = {}) {
     bundle = new EthDevPamBundle(desired, devices, pams);
     bundle->netNsIs(Ovel::NamespaceName(ns));
     bundle->ethProtocolIs(protocol);
     bundle->filterProgramIs(filter);
     bundle->pktReuseIs(true);
-    bundle->enableBulkPamReadIs(bulk);
+    bundle->enableBulkPamReadIs(path.bulk);
+    bundle->rxRingIs(path.ring);
+    bundle->rxRingBlockSizeIs(4096);  // two 1600-byte slots a block
+    bundle->rxRingBlockCountIs(4);
     bundle->separateDot1QHdrIs(true);
     bundle->enabledIs(true);
   }
@@ -142,7 +164,7 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
   }
 
   Vorn::ActivityManager & loop = Vorn::activityManager();
-  int descriptorsBefore = 0;
+  int descriptorsBefore = 0, mappingsBefore = 0;
   std::string ns, peerNs;
   uint32_t ifIndex[pairs] = {};
   int peerIndex[pairs] = {};
@@ -155,9 +177,9 @@ class EthDevPamBundleKernelTest : public IntfsmTest::NetNsTest {
 };
 
 TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFramesKeepTheirBytes) {
-  for (bool bulk : {false, true}) {
-    SCOPED_TRACE(bulk ? "bulk" : "single");
-    bundleNew(testProtocol, bulk);
+  for (Path path : {single, bulk, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(testProtocol, path);
     join(0);
     join(1);  // Ethernet3 (va2) is known but has no Pam
     std::vector<std::string> sent[2];
@@ -181,16 +203,21 @@ TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFrame
       for (size_t k = 0; k < sent[i].size(); ++k) EXPECT_EQ(bytesOf(*readers[i]->held[k]), sent[i][k]);
       EXPECT_EQ(readers[i]->held[0]->ifIndex(), ifIndex[i]);
     }
-    EXPECT_EQ(bundle->maxProcessedPkts() > 0, bulk);
+    EXPECT_EQ(bundle->maxProcessedPkts() > 0, path.bulk || path.ring);
+    int version = -1;
+    socklen_t length = sizeof version;
+    getsockopt(bundle->sd(), SOL_PACKET, PACKET_VERSION, &version, &length);
+    EXPECT_EQ(std::vector<int>({bundle->rxRingMapped(bundle->sd()), mappedSockets() - mappingsBefore, version}),
+              std::vector<int>({path.ring, path.ring, path.ring ? TPACKET_V2 : TPACKET_V1}));
     leave();
   }
 }
 
 TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFramesNeverArrive) {
-  for (bool bulk : {false, true}) {
-    SCOPED_TRACE(bulk ? "bulk" : "single");
+  for (Path path : {single, bulk, ring}) {
+    SCOPED_TRACE(path.name);
     // Every protocol, so that outgoing frames and tags are seen; the filter keeps the test's EtherType.
-    bundleNew(ETH_P_ALL, bulk, Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
+    bundleNew(ETH_P_ALL, path, Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
                                                        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, testProtocol},
                                                        {BPF_RET | BPF_K, 0, 0, 0xffff},
                                                        {BPF_RET | BPF_K, 0, 0, 0}});
@@ -215,62 +242,116 @@ TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFra
 }
 
 TEST_F(EthDevPamBundleKernelTest, AReaderThatTakesNothingIsServedAgainOnTheActivityUntilItDoes) {
-  bundleNew(testProtocol, true);
-  join(0);
-  auto activity = Vorn::activityManager().activityIs("edpBundleActivity", 99);
-  Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
-  sm->ethDevPamBundleIs(bundle);
-  uint64_t const runBefore = activity->callsRun();
-  readers[0]->consume = false;
-  send(0, frame('a'));
-  send(0, frame('b'));
-  ASSERT_TRUE(runUntil([&] { return bundle->schedPktDelivery() >= 3; }));
-  EXPECT_GE(readers[0]->calls, 3u);  // once after the read, then once per pass of the activity
-  EXPECT_GE(activity->callsRun() - runBefore, 2u);
-  readers[0]->consume = true;
-  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
-  uint32_t const scheduled = bundle->schedPktDelivery();
-  loop.runOnce(0.05);
-  loop.runOnce(0.05);
-  EXPECT_EQ(bundle->schedPktDelivery(), scheduled);
-  EXPECT_TRUE(bundle->actPamCollection()->empty());
-  sm = nullptr;
+  for (Path path : {bulk, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(testProtocol, path);
+    join(0);
+    auto activity = Vorn::activityManager().activityIs("edpBundleActivity", 99);
+    Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
+    sm->ethDevPamBundleIs(bundle);
+    uint64_t const runBefore = activity->callsRun();
+    readers[0]->consume = false;
+    send(0, frame('a'));
+    send(0, frame('b'));
+    ASSERT_TRUE(runUntil([&] { return bundle->schedPktDelivery() >= 3; }));
+    EXPECT_GE(readers[0]->calls, 3u);  // once after the read, then once per pass of the activity
+    EXPECT_GE(activity->callsRun() - runBefore, 2u);
+    readers[0]->consume = true;
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 2; }));
+    uint32_t const scheduled = bundle->schedPktDelivery();
+    loop.runOnce(0.05);
+    loop.runOnce(0.05);
+    EXPECT_EQ(bundle->schedPktDelivery(), scheduled);
+    EXPECT_TRUE(bundle->actPamCollection()->empty());
+    sm = nullptr;
+    leave();
+  }
+}
+
+TEST_F(EthDevPamBundleKernelTest, AFullQueueDropsInThePamNeverInTheKernelAndARefusedRingLeavesNothingOpen) {
+  auto kernelStats = [](int fd) {
+    tpacket_stats stats{};
+    socklen_t length = sizeof stats;
+    getsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, &length);
+    return std::vector<unsigned>({stats.tp_packets, stats.tp_drops});
+  };
+  for (Path path : {single, bulk, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(testProtocol, path);
+    join(0);
+    Ovel::EthDevPamInBundle & pam = *readers[0]->pam;
+    pam.maxRxPktsIs(3);
+    pam.headDropPolicyIs(true);
+    readers[0]->consume = false;
+    // 12 frames in batches of 4: more than the ring's 8 slots, so its slots must come back while
+    // the reader holds on to its frames.
+    for (int batch = 0; batch < 3; ++batch) {
+      for (int k = 0; k < 4; ++k) send(0, frame(char('a' + 4 * batch + k)));
+      ASSERT_TRUE(runUntil([&] { return pam.queueDropCount() + pam.curRxPkts() == 4u * (batch + 1); }));
+    }
+    readers[0]->consume = true;
+    send(0, frame('n'));  // the oldest waiting frame makes room for it
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 3; }));
+    EXPECT_EQ(readers[0]->frames, std::vector<std::string>({frame('k'), frame('l'), frame('n')}));
+    EXPECT_EQ(pam.queueDropCount(), 10u);
+    EXPECT_EQ(kernelStats(bundle->sd()), std::vector<unsigned>({13, 0}));
+    EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
+    leave();
+  }
+  // A block that is not a whole number of pages: the kernel refuses the ring and the socket goes.
+  bundleNew(testProtocol, ring);
+  bundle->rxRingBlockSizeIs(6000);
+  int errorNumber = 0;
+  try {
+    bundle->doGetSd(va(0));
+  } catch (Vorn::ErrnoException const & e) {
+    errorNumber = e.errorNumber();
+  }
+  EXPECT_EQ(std::vector<int>({errorNumber, bundle->sd(), bundle->sdRef(), IntfsmTest::openDescriptorCount() - descriptorsBefore,
+                              mappedSockets() - mappingsBefore}),
+            std::vector<int>({EINVAL, -1, 0, 2, 0}));  // the test's own two sending sockets
 }
 
 TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocketAndDisablingClosesBoth) {
-  bundleNew(0x002a, false, Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
-  join(0);
-  int const sd = bundle->sd(), tap = bundle->sdTap();
-  ASSERT_GE(tap, 0);
-  EXPECT_NE(tap, sd);
-  EXPECT_EQ(readers[0]->pam->sd(), tap);
-  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({0, 1}));
-  auto boundTo = [](int fd) {
-    sockaddr_ll name{};
-    socklen_t length = sizeof name;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&name), &length);
-    return ntohs(name.sll_protocol);
-  };
-  EXPECT_EQ(boundTo(sd), 0x002a);
-  EXPECT_EQ(boundTo(tap), ETH_P_ALL);
-  auto program = [](int fd) {
-    sock_filter f[8];
-    socklen_t n = 8;
-    std::vector<std::vector<uint32_t>> out;
-    if (getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, f, &n) < 0) return out;
-    for (socklen_t i = 0; i < n; ++i) out.push_back({f[i].code, f[i].jt, f[i].jf, f[i].k});
-    return out;
-  };
-  EXPECT_EQ(program(tap), (std::vector<std::vector<uint32_t>>{
-                              {0x20, 0, 0, 0xfffff000}, {0x15, 0, 1, 0x2a}, {0x06, 0, 0, 0}, {0x06, 0, 0, 0xffff}}));
-  EXPECT_EQ(program(sd).size(), 1u);  // the common socket has no guard
-  send(0, frame('g'));
-  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));  // through the tap socket
-  EXPECT_EQ(bundle->currActiveSd(), -1);  // set only while a socket is read
+  for (Path path : {single, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(0x002a, path, Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
+    join(0);
+    int const sd = bundle->sd(), tap = bundle->sdTap();
+    ASSERT_GE(tap, 0);
+    EXPECT_NE(tap, sd);
+    EXPECT_EQ(readers[0]->pam->sd(), tap);
+    EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({0, 1}));
+    auto boundTo = [](int fd) {
+      sockaddr_ll name{};
+      socklen_t length = sizeof name;
+      getsockname(fd, reinterpret_cast<sockaddr *>(&name), &length);
+      return ntohs(name.sll_protocol);
+    };
+    EXPECT_EQ(boundTo(sd), 0x002a);
+    EXPECT_EQ(boundTo(tap), ETH_P_ALL);
+    auto program = [](int fd) {
+      sock_filter f[8];
+      socklen_t n = 8;
+      std::vector<std::vector<uint32_t>> out;
+      if (getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, f, &n) < 0) return out;
+      for (socklen_t i = 0; i < n; ++i) out.push_back({f[i].code, f[i].jt, f[i].jf, f[i].k});
+      return out;
+    };
+    EXPECT_EQ(program(tap), (std::vector<std::vector<uint32_t>>{
+                                {0x20, 0, 0, 0xfffff000}, {0x15, 0, 1, 0x2a}, {0x06, 0, 0, 0}, {0x06, 0, 0, 0xffff}}));
+    EXPECT_EQ(program(sd).size(), 1u);  // the common socket has no guard
+    send(0, frame('g'));
+    ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));  // through the tap socket
+    EXPECT_EQ(bundle->currActiveSd(), -1);  // set only while a socket is read
 
-  bundle->enabledIs(false);
-  EXPECT_EQ(std::vector<int>({bundle->sd(), bundle->sdTap(), fcntl(sd, F_GETFD), fcntl(tap, F_GETFD)}),
-            std::vector<int>({-1, -1, -1, -1}));
+    EXPECT_EQ(mappedSockets() - mappingsBefore, path.ring ? 2 : 0);  // a ring on each socket
+    bundle->enabledIs(false);
+    EXPECT_EQ(std::vector<int>({bundle->sd(), bundle->sdTap(), fcntl(sd, F_GETFD), fcntl(tap, F_GETFD),
+                                mappedSockets() - mappingsBefore}),
+              std::vector<int>({-1, -1, -1, -1, 0}));
+    leave();
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tests/support/FakePlatform.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,13 +17,15 @@ namespace {
 
 template <class R>
 bool failed(R result) {
-  if constexpr (std::is_pointer_v<R> || std::is_same_v<R, bool>) return !result;
+  if constexpr (std::is_same_v<R, void *>) return result == MAP_FAILED;
+  else if constexpr (std::is_pointer_v<R> || std::is_same_v<R, bool>) return !result;
   else return result < 0;
 }
 
 template <class R>
 long asLong(R result) {
-  if constexpr (std::is_pointer_v<R>) return result == nullptr ? 0 : 1;
+  if constexpr (std::is_same_v<R, void *>) return result == MAP_FAILED ? 0 : 1;
+  else if constexpr (std::is_pointer_v<R>) return result == nullptr ? 0 : 1;
   else return static_cast<long>(result);
 }
 
@@ -44,8 +47,8 @@ std::string bytesOf(void const * data, size_t length) {
 char const * kindName(FakePlatform::Kind kind) {
   static char const * const names[] = {"socketAt", "setNetlinkOperState", "socket", "bind", "close", "setsockopt",
                                        "getsockopt", "ioctl", "recvmsg", "recvmmsg", "sendto", "poll", "open",
-                                       "setns", "lstat", "stat", "fopen"};
-  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::fopen) + 1);
+                                       "setns", "lstat", "stat", "fopen", "mmap", "munmap"};
+  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::munmap) + 1);
   return names[static_cast<size_t>(kind)];
 }
 
@@ -60,6 +63,7 @@ FakePlatform::FakePlatform()
 
 FakePlatform::~FakePlatform() {
   for (auto const & [fd, peer] : peers_) ::close(fd), ::close(peer);
+  for (auto const & [address, length] : mappings_) ::munmap(address, length);
   Platform::calls() = previous_;
   Ovel::socketAtHook() = previousSocketAt_;
   Interface::netlinkOperStateHook() = previousSetNetlinkOperState_;
@@ -273,6 +277,16 @@ void FakePlatform::installFakes() {
     }
     return ready;
   };
+  b.mmap = [this](void * address, size_t length, int protection, int flags, int fd, off_t offset) {
+    if (!isFakeDescriptor(fd)) return previous_.mmap(address, length, protection, flags, fd, offset);
+    void * mapped = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped != MAP_FAILED) mappings_[mapped] = length;
+    return mapped;
+  };
+  b.munmap = [this](void * address, size_t length) {
+    if (mappings_.erase(address) == 0) return previous_.munmap(address, length);
+    return ::munmap(address, length);
+  };
   b.open = [this](char const * path, int) {
     if (files_.count(path) == 0) {
       errno = ENOENT;
@@ -355,6 +369,9 @@ void FakePlatform::installRecorders() {
   live.poll = recorder(Kind::poll, &B::poll, -1, [](Call & c, pollfd * fds, nfds_t count, int) {
     c.a = static_cast<long>(count), c.fd = count > 0 ? fds[0].fd : -1;
   });
+  live.mmap = recorder(Kind::mmap, &B::mmap, MAP_FAILED,
+                       [](Call & c, void *, size_t length, int, int, int fd, off_t) { c.fd = fd, c.a = static_cast<long>(length); });
+  live.munmap = recorder(Kind::munmap, &B::munmap, -1, [](Call & c, void *, size_t length) { c.a = static_cast<long>(length); });
   live.open = recorder(Kind::open, &B::open, -1, [](Call & c, char const * p, int flags) { c.text = p, c.a = flags; });
   live.setns = recorder(Kind::setns, &B::setns, -1, [](Call & c, int fd, int nsType) { c.fd = fd, c.a = nsType; });
   live.lstat = recorder(Kind::lstat, &B::lstat, -1, path);

@@ -25,6 +25,8 @@
 // - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
 //   content). "/proc/thread-self/ns/net" is there from the start.
 // - setNetlinkOperState records the request and returns true; replace it with behaviour() to refuse.
+// - mmap of a fake descriptor maps zeroed private memory of that length (a receive ring the kernel
+//   never fills); munmap gives back what the fake mapped. Other mappings go to the previous table.
 // A failure queued with failNext wins over the fake: the call is recorded with the
 // failure and returns it (-1, null or false, with errno).
 //
@@ -81,6 +83,8 @@ class FakePlatform {
     lstat,
     stat,
     fopen,
+    mmap,
+    munmap,
   };
 
   // One call as the code under test made it. Field use by kind:
@@ -93,6 +97,7 @@ class FakePlatform {
   //   open: text = path, a = flags; result = descriptor        setns: fd; a = namespace type
   //   lstat / stat / fopen: text = path
   //   setNetlinkOperState: fd = sd; text = device name; a = tag; b = operState; result = 1 or 0
+  //   mmap: fd; a = length; result = 1 (0 when it failed)        munmap: a = length
   // `error` is the errno of a failed call, 0 otherwise.
   struct Call {
     Kind kind = Kind::socketAt;
@@ -138,6 +143,9 @@ class FakePlatform {
   // Fake descriptors handed out and not yet closed, in ascending order.
   std::vector<int> openDescriptors() const;
   bool isFakeDescriptor(int fd) const;
+
+  // Fake mappings (mmap of a fake descriptor) not yet unmapped.
+  size_t openMappings() const { return mappings_.size(); }
 
   // The fake file system seen by stat, lstat, fopen and open.
   void fileIs(std::string const & path, std::string const & content = "");
@@ -201,7 +209,8 @@ class FakePlatform {
   std::map<std::string, std::string> files_;
   std::map<int, std::deque<Datagram>> datagrams_;
   bool realSockets_ = false;
-  std::map<int, int> peers_;  // a real socket handed out, and the end the fake keeps
+  std::map<int, int> peers_;
+  std::map<void *, size_t> mappings_;  // a real socket handed out, and the end the fake keeps
 };
 
 char const * kindName(FakePlatform::Kind kind);

@@ -71,17 +71,29 @@ Vorn::Ptr<Manager> ManagerIs(Vorn::Ptr<Root> const & root, Vorn::String const & 
   return new Manager(root, directory, loop);
 }
 
-Manager::Manager(Vorn::Ptr<Root> const & root, Vorn::String const & directory, Vorn::ActivityManager & loop)
-    : Entity(root->name()), root_(root), directory_(directory), loop_(loop) {
-  std::string const path(directory.view());
+namespace {
+
+// The directory that holds `path`'s last component: "." for a bare name, "/" for one under the root.
+std::string_view parentOf(std::string_view path) {
   size_t const slash = path.find_last_of('/');
-  if (slash == std::string::npos) {
-    parent_ = ".";
-    base_ = path;
-  } else {
-    parent_ = slash == 0 ? "/" : path.substr(0, slash);
-    base_ = path.substr(slash + 1);
-  }
+  if (slash == std::string_view::npos) return ".";
+  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
+std::string_view baseOf(std::string_view path) {
+  size_t const slash = path.find_last_of('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+Manager::Manager(Vorn::Ptr<Root> const & root, Vorn::String const & directory, Vorn::ActivityManager & loop)
+    : Entity(root->name()),
+      root_(root),
+      directory_(directory),
+      parent_(parentOf(directory.view())),
+      base_(baseOf(directory.view())),
+      loop_(loop) {
   clockReactor_ = Vorn::reactorNew<VornClock>(this, loop_.clock());
 }
 

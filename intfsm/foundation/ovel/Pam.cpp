@@ -56,15 +56,27 @@ void Pam::savedPacketDelAll() {
 }
 
 void Pam::savedPacketRxIs(uint16_t slot, bool received) {
-  if (savedPacketRx_.set(slot, received)) notify(&NotifieeConst::onSavedPacketRx, slot);
+  if (slot >= savedPacketRx_.size()) savedPacketRx_.resize(size_t(slot) + 1, rxFlagAbsent);
+  RxFlag & flag = savedPacketRx_[slot];
+  RxFlag const value = received ? rxFlagSet : rxFlagClear;
+  if (flag == value) return;
+  if (flag == rxFlagAbsent) ++savedPacketRxs_;
+  flag = value;
+  notify(&NotifieeConst::onSavedPacketRx, slot);
 }
 
 void Pam::savedPacketRxDel(uint16_t slot) {
-  if (savedPacketRx_.del(slot)) notify(&NotifieeConst::onSavedPacketRx, slot);
+  if (slot >= savedPacketRx_.size() || savedPacketRx_[slot] == rxFlagAbsent) return;
+  savedPacketRx_[slot] = rxFlagAbsent;
+  --savedPacketRxs_;
+  notify(&NotifieeConst::onSavedPacketRx, slot);
 }
 
 void Pam::savedPacketRxDelAll() {
-  while (uint16_t const * slot = savedPacketRx_.anyKey()) savedPacketRxDel(*slot);
+  // Indexed: a handler may flag slots again (and grow the array).
+  for (size_t slot = 0; slot < savedPacketRx_.size() && savedPacketRxs_; ++slot) {
+    savedPacketRxDel(static_cast<uint16_t>(slot));
+  }
 }
 
 void Pam::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {

@@ -26,7 +26,9 @@
 // that it need not allocate per frame, and `savedPacketRx` (slot -> bool) marks the slots that hold a
 // frame from the last read. Both are ordinary collection attributes: a value is stored as given (false
 // is stored, distinct from absent, so flipping a flag per read allocates nothing); a null packet
-// deletes the slot. Each change notifies onSavedPacket(slot) / onSavedPacketRx(slot).
+// deletes the slot. Each change notifies onSavedPacket(slot) / onSavedPacketRx(slot). The flags are
+// kept in an array indexed by slot, as a receive path flips two per frame: it grows to the highest
+// slot flagged so far and no further.
 //
 // Transmit: `txPkt(pkt)` sends one frame through `doSendPkt`, which an endpoint with a socket
 // implements. It returns true when the kernel took the frame. A refused frame is counted in
@@ -40,6 +42,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "intfsm/foundation/ovel/Pkt.h"
 #include "intfsm/foundation/vorn/Collection.h"
@@ -96,11 +99,11 @@ class Pam : public Vorn::Entity {
   uint32_t savedPackets() const noexcept { return savedPacket_.size(); }
   Vorn::Collection<uint16_t, Vorn::Ptr<Pkt>> const & savedPacketIter() const noexcept { return savedPacket_; }
 
-  bool savedPacketRx(uint16_t slot) const { return savedPacketRx_.get(slot); }
+  bool savedPacketRx(uint16_t slot) const { return slot < savedPacketRx_.size() && savedPacketRx_[slot] == rxFlagSet; }
   void savedPacketRxIs(uint16_t slot, bool received);
   void savedPacketRxDel(uint16_t slot);
   void savedPacketRxDelAll();
-  uint32_t savedPacketRxs() const noexcept { return savedPacketRx_.size(); }
+  uint32_t savedPacketRxs() const noexcept { return savedPacketRxs_; }
 
   // Sends one frame; true when the kernel took it (see Transmit above).
   bool txPkt(Vorn::Ptr<Pkt> const & pkt);
@@ -137,7 +140,10 @@ class Pam : public Vorn::Entity {
   int lastTxErrno_ = 0;
   Vorn::Ptr<Pkt> rxPkt_;
   Vorn::Collection<uint16_t, Vorn::Ptr<Pkt>> savedPacket_;
-  Vorn::Collection<uint16_t, bool> savedPacketRx_;
+  // By slot: absent, false or true.
+  enum RxFlag : int8_t { rxFlagAbsent = -1, rxFlagClear = 0, rxFlagSet = 1 };
+  std::vector<RxFlag> savedPacketRx_;
+  uint32_t savedPacketRxs_ = 0;
 };
 
 }  // namespace Ovel

@@ -23,6 +23,8 @@ Calls makeRealCalls() {
   };
   c.sendto = &::sendto;
   c.poll = &::poll;
+  c.mmap = &::mmap;
+  c.munmap = &::munmap;
   c.open = [](char const * path, int flags) { return ::open(path, flags); };
   c.setns = &::setns;
   c.lstat = [](char const * path, struct stat * result) { return ::lstat(path, result); };

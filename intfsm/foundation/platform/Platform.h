@@ -15,6 +15,7 @@
 #pragma once
 
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -36,6 +37,9 @@ struct Calls {
   std::function<ssize_t(int fd, void const * data, size_t length, int flags, sockaddr const * to, socklen_t toLength)>
       sendto;
   std::function<int(pollfd * fds, nfds_t count, int timeoutMs)> poll;
+  // Mapping a packet socket's receive ring (MAP_FAILED with errno on failure) and giving it back.
+  std::function<void *(void * address, size_t length, int protection, int flags, int fd, off_t offset)> mmap;
+  std::function<int(void * address, size_t length)> munmap;
 
   // Opening namespace files and entering namespaces.
   std::function<int(char const * path, int flags)> open;

@@ -13,6 +13,10 @@
 // an entry added during the walk is visited when it lands ahead of the cursor. A deleted entry
 // releases its value at once; its node stays until no iterator points at it.
 //
+// Memory: a node that leaves the list is kept as a spare for the next insert, up to as many spares
+// as the table has buckets (about the most entries the collection has held), so a collection that
+// grows and shrinks in a steady state allocates nothing; the spares go with the collection.
+//
 // The collection itself notifies nobody: the owning entity's mutators call it and notify with the key.
 #pragma once
 
@@ -20,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -42,6 +47,11 @@ class Collection {
     uint64_t rev;
     uint32_t pins = 0;
     bool dead = false;
+  };
+  static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+  // A node's memory while it waits on the spare list.
+  struct Spare {
+    Spare * next;
   };
 
  public:
@@ -94,13 +104,23 @@ class Collection {
   ~Collection() {
     for (Node * n = head_; n;) {
       Node * next = n->next;
-      delete n;
+      n->~Node();
+      ::operator delete(static_cast<void *>(n));
       n = next;
+    }
+    while (Spare * s = spare_) {
+      spare_ = s->next;
+      ::operator delete(static_cast<void *>(s));
     }
   }
 
   uint32_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
+  // Nodes kept for the next inserts (diagnostics).
+  size_t spareNodes() const { return spares_; }
+  // Grows with every change that set and del make: a reader that remembers what it found for a key
+  // can tell, by one compare, that it is still so.
+  uint64_t version() const { return version_; }
 
   Iterator begin() const { return Iterator(this, liveFrom(head_)); }
   Iterator end() const { return Iterator(); }
@@ -129,10 +149,12 @@ class Collection {
     uint64_t rev = hashOf(key);
     if (Node * n = lookup(key, rev)) {
       if (n->value == value) return false;
+      ++version_;
       [[maybe_unused]] V old = std::exchange(n->value, value);  // the old value may die now and reach back into us
       return true;
     }
-    insert(new Node(key, value, rev));
+    insert(nodeNew(key, value, rev));
+    ++version_;
     return true;
   }
 
@@ -144,6 +166,7 @@ class Collection {
     n->value = V();
     n->dead = true;
     --size_;
+    ++version_;
     if (n->pins == 0) unlink(n);
     return true;  // `old` dies here, after the map is consistent again
   }
@@ -217,7 +240,35 @@ class Collection {
     if (buckets_[b] == n) buckets_[b] = (n->next && bucketOf(n->next->rev) == b) ? n->next : nullptr;
     (n->prev ? n->prev->next : head_) = n->next;
     (n->next ? n->next->prev : tail_) = n->prev;
-    delete n;
+    nodeDelete(n);
+  }
+
+  Node * nodeNew(K const & key, V const & value, uint64_t rev) {
+    void * memory = spare_;
+    if (memory) {
+      spare_ = spare_->next;
+      --spares_;
+    } else {
+      memory = ::operator new(sizeof(Node));
+    }
+    try {
+      return new (memory) Node(key, value, rev);
+    } catch (...) {
+      spareIs(memory);
+      throw;
+    }
+  }
+  void nodeDelete(Node * n) {
+    n->~Node();
+    spareIs(n);
+  }
+  void spareIs(void * memory) {
+    if (spares_ < buckets_.size()) {
+      spare_ = new (memory) Spare{spare_};
+      ++spares_;
+    } else {
+      ::operator delete(memory);
+    }
   }
 
   void unpin(Node * n) const {
@@ -238,6 +289,9 @@ class Collection {
   std::vector<Node *> buckets_;
   unsigned bits_ = 0;
   uint32_t size_ = 0;
+  Spare * spare_ = nullptr;
+  size_t spares_ = 0;
+  uint64_t version_ = 0;
 };
 
 }  // namespace Vorn

@@ -78,11 +78,15 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
     Kind kind;
     int level, option, error;
     std::string trace;  // "{sd}" stands for the socket
+    bool ringOnly = false;
   };
   std::vector<Row> const rows = {
       {Kind::socketAt, 0, 0, EMFILE, "EthDevPamBundle::enabled failed to create socket, errno: 24"},
       {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
       {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},
+      {Kind::setsockopt, SOL_PACKET, PACKET_VERSION, EINVAL, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: 22", true},
+      {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING, errno: 12", true},
+      {Kind::mmap, 0, 0, EAGAIN, "EthDevPamBundle::enabled failed to map the ring, errno: 11", true},
       {Kind::setsockopt, SOL_SOCKET, SO_RCVBUFFORCE, ENOBUFS, "EthDevPamBundle::failed to set rcvbuf size, errno: 105"},
       {Kind::setsockopt, SOL_PACKET, 19, ENOMEM, "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: 12"},
       {Kind::setsockopt, SOL_SOCKET, SO_ATTACH_FILTER, EINVAL, "Failed to attach filter, sd: {sd} errno: 22"},
@@ -96,37 +100,52 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
   bundle->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
   fake.fileIs(statsFile);
   auto const setsockopt = fake.behaviour().setsockopt;
-  for (Row const & row : rows) {
-    SCOPED_TRACE(row.trace);
-    fake.behaviour().setsockopt = setsockopt;
-    if (row.kind == Kind::setsockopt) {
-      setsockoptFails(row.level, row.option, row.error);
-    } else {
-      fake.failNext(row.kind, row.error);
+  for (bool ring : {false, true}) {
+    bundle->rxRingIs(ring);
+    for (Row const & row : rows) {
+      if (row.ringOnly && !ring) continue;
+      SCOPED_TRACE(row.trace);
+      fake.behaviour().setsockopt = setsockopt;
+      if (row.kind == Kind::setsockopt) {
+        setsockoptFails(row.level, row.option, row.error);
+      } else {
+        fake.failNext(row.kind, row.error);
+      }
+      trace.clear();
+      fake.clearCalls();
+      int thrown = 0;
+      try {
+        bundle->doGetSd("et1");
+      } catch (Vorn::ErrnoException const & e) {
+        thrown = e.errorNumber();
+      }
+      EXPECT_EQ(thrown, row.error);
+      std::string text = row.trace;
+      if (auto at = text.find("{sd}"); at != std::string::npos) text.replace(at, 4, std::to_string(fake.calls(Kind::socketAt)[0].result));
+      EXPECT_TRUE(trace.contains(text)) << trace.dump();
+      EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+      EXPECT_EQ(fake.openMappings(), 0u);
+      EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdRef(), bundle->sockRcvBuf(), bundle->perIntfSockRcvBuf(), bundle->allocRcvBuf()}),
+                std::vector<long>({-1, 0, 0, 0, 0}));
+      EXPECT_FALSE(bundle->fileDesc());
     }
-    trace.clear();
-    fake.clearCalls();
-    int thrown = 0;
-    try {
-      bundle->doGetSd("et1");
-    } catch (Vorn::ErrnoException const & e) {
-      thrown = e.errorNumber();
+    // The last row went through every step: filter and buffer before the bind, broadcast after it,
+    // the ring before them all.
+    std::vector<std::string> steps;
+    for (auto const & c : fake.calls()) {
+      if (c.kind == Kind::setsockopt || c.kind == Kind::bind) steps.push_back(std::to_string(c.a) + "/" + std::to_string(c.b));
+      if (c.kind == Kind::mmap) steps.push_back("mmap " + std::to_string(c.a));
+      if (c.kind == Kind::setsockopt && c.b == PACKET_RX_RING) {  // 64 blocks of 64 KiB, 40 slots of 1600 bytes each
+        auto const & r = *reinterpret_cast<tpacket_req const *>(c.data.data());
+        EXPECT_EQ(std::vector<unsigned>({r.tp_block_size, r.tp_block_nr, r.tp_frame_size, r.tp_frame_nr}),
+                  std::vector<unsigned>({65536, 64, 1600, 2560}));
+      }
     }
-    EXPECT_EQ(thrown, row.error);
-    std::string text = row.trace;
-    if (auto at = text.find("{sd}"); at != std::string::npos) text.replace(at, 4, std::to_string(fake.calls(Kind::socketAt)[0].result));
-    EXPECT_TRUE(trace.contains(text)) << trace.dump();
-    EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
-    EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdRef(), bundle->sockRcvBuf(), bundle->perIntfSockRcvBuf(), bundle->allocRcvBuf()}),
-              std::vector<long>({-1, 0, 0, 0, 0}));
-    EXPECT_FALSE(bundle->fileDesc());
+    std::vector<std::string> const ringSteps = {"263/10", "263/5", "mmap 4194304"};
+    std::vector<std::string> expected = {"263/8", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"};
+    if (ring) expected.insert(expected.begin() + 2, ringSteps.begin(), ringSteps.end());
+    EXPECT_EQ(steps, expected);
   }
-  // The last row went through every step: filter and buffer before the bind, broadcast after it.
-  std::vector<std::string> steps;
-  for (auto const & c : fake.calls()) {
-    if (c.kind == Kind::setsockopt || c.kind == Kind::bind) steps.push_back(std::to_string(c.a) + "/" + std::to_string(c.b));
-  }
-  EXPECT_EQ(steps, (std::vector<std::string>{"263/8", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"}));
 }
 
 TEST_F(EthDevPamBundleTest, ReceiveBufferIsSizedForTheInterfacesSharingTheSocket) {
@@ -299,10 +318,84 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
     EXPECT_TRUE(trace.contains(row.trace)) << trace.dump();
   }
   EXPECT_EQ(reader->frames[0], std::vector<uint8_t>(60, 7));
+  // One readable event reads what is there, up to bulkReadQuota frames.
+  bundle->bulkReadQuotaIs(2);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+  for (char k : {'a', 'b', 'c'}) fake.queueDatagram(sd, std::string(60, k), &from);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(std::vector<size_t>({reader->frames.size(), fake.queuedDatagrams(sd)}), std::vector<size_t>({3, 1}));
+  bundle->doGetRxPkt();
+  EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'c'));
+  // A frame its reader did not take in place (a reader on an activity, a slow one) gets no other on
+  // top of it: the next waits in the socket.
+  reader->notifierIs(nullptr);
+  for (char k : {'d', 'e'}) fake.queueDatagram(sd, std::string(60, k), &from);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(std::vector<size_t>({pam->rxPkts(), fake.queuedDatagrams(sd), pam->queueDropCount()}),
+            std::vector<size_t>({1, 1, 0}));
+  reader->notifierIs(pam);
+  bundle->doGetRxPkt();
+  EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'e'));
+  EXPECT_EQ(reader->frames.end()[-2], std::vector<uint8_t>(60, 'd'));
   bundle->enabledIs(false);
   fake.queueDatagram(sd, "x");
   bundle->doGetRxPkt();
   EXPECT_EQ(fake.queuedDatagrams(sd), 1u);  // disabled: nothing read
+}
+
+// Frames of one ifindex after another take a remembered way to their Pam: every change of either
+// directory, and of the Pam's state, must still decide where the next frame goes.
+TEST_F(EthDevPamBundleTest, FramesFollowEveryChangeOfTheWayToTheirPam) {
+  Brisklog::levelsIs("EthDevPamManagerTypes", Brisklog::levelRange(0, 8));  // per-frame traces off
+  int const sd = fakeSocket();
+  Ovel::IntfId const cpu("Cpu");
+  Ptr<Ovel::EthDevPamInBundle> a = new Ovel::EthDevPamInBundle("a"), b = new Ovel::EthDevPamInBundle("b");
+  for (auto const & p : {a, b}) {
+    p->ifIndexIs(7);
+    p->sdIs(sd);
+    p->enabledIs(true);
+  }
+  Ptr<Reader> readers[] = {new Reader(a), new Reader(b)};
+  struct Row {
+    char const * what;
+    std::function<void()> change;
+    std::vector<uint32_t> counts;  // frames at a, at b, noPam, notReady
+  };
+  std::vector<Row> const rows = {
+      {"first frame", [] {}, {1, 0, 0, 0}},
+      {"the same way again", [] {}, {2, 0, 0, 0}},
+      {"another Pam for the interface", [&] { pams->intfPamIs(cpu, b); }, {2, 1, 0, 0}},
+      {"the ifindex names another interface", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "et5", 7}); }, {2, 1, 0, 1}},
+      {"and back", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7}); }, {2, 2, 0, 1}},
+      {"the Pam disabled", [&] { b->enabledIs(false); }, {2, 2, 0, 2}},
+      {"enabled", [&] { b->enabledIs(true); }, {2, 3, 0, 2}},
+      {"the Pam withdrawn", [&] { pams->intfPamDel(cpu); }, {2, 3, 0, 3}},
+      {"the ifindex gone", [&] { pams->intfPamIs(cpu, a); devices->intfStatusByIfIndexDel(7); }, {2, 3, 1, 3}},
+      {"back", [&] { devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7}); }, {3, 3, 1, 3}},
+  };
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    bundle = new EthDevPamBundle(desired, devices, pams);
+    bundle->pktReuseIs(true);
+    bundle->enableBulkPamReadIs(bulk);
+    bundle->enabledIs(true);
+    bundle->currActiveSdIs(sd);
+    devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+    pams->intfPamIs(cpu, a);
+    for (auto & r : readers) r->frames.clear();
+    for (Row const & row : rows) {
+      SCOPED_TRACE(row.what);
+      row.change();
+      sockaddr_storage from{};
+      reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+      fake.queueDatagram(sd, std::string(60, 'f'), &from);
+      bundle->doGetRxPkt();
+      EXPECT_EQ(std::vector<uint32_t>({uint32_t(readers[0]->frames.size()), uint32_t(readers[1]->frames.size()),
+                                       bundle->noPamDropCount(), bundle->pamNotReadyDropCount()}),
+                row.counts);
+    }
+  }
 }
 
 TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
@@ -325,8 +418,9 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
 
   auto const * type = Intfsm::typeRegistry().type("Interface::EthDevPamBundle");
   ASSERT_TRUE(type);
-  EXPECT_EQ(type->attributes().size(), 30u);
-  EXPECT_EQ(type->attributes().back(), "schedPktDelivery");
+  EXPECT_EQ(type->attributes().size(), 34u);
+  EXPECT_EQ(type->attributes()[29], "schedPktDelivery");
+  EXPECT_EQ(type->attributes().back(), "rxRingFrameSize");
   EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
 }
 

@@ -6,8 +6,10 @@
 #include <fcntl.h>
 #include <linux/ethtool.h>
 #include <linux/filter.h>
+#include <linux/if_packet.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -128,6 +130,40 @@ TEST_F(EthDevPamManagerTest, AStatusChangeKeepsThePamUnlessTheIfIndexChanges) {
   EXPECT_EQ(L({first->enabled(), first->sd(), pam(1)->ifIndex(), bundle().sdRef()}), L({0, -1, 9, 1}));  // count given back
   desired->intfDesiredIs(id(1), false);
   EXPECT_EQ(L({pams->intfPams(), manager->pams(), bundle().sdRef()}), L({0, 0, 0}));
+}
+
+TEST_F(EthDevPamManagerTest, RingSettingsReachTheBundleWhenEnabledAndTheRingGoesWithTheSocket) {
+  // The socket pair cannot be mapped: the ring is plain memory here.
+  fake.behaviour().mmap = [](void *, size_t length, int, int, int, off_t) {
+    return ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  };
+  want(1, 7);
+  for (bool ring : {false, true, false}) {
+    SCOPED_TRACE(ring);
+    manager->rxRingIs(ring);
+    manager->rxRingBlockSizeIs(8192);
+    manager->rxRingBlockCountIs(5);
+    manager->rxRingFrameSizeIs(2048);
+    fake.clearCalls();
+    manager->enabledIs(true);
+    std::vector<tpacket_req> requests;
+    for (auto const & c : fake.calls(Kind::setsockopt)) {
+      if (c.b != PACKET_RX_RING) continue;
+      requests.emplace_back();
+      std::memcpy(&requests.back(), c.data.data(), std::min(c.data.size(), sizeof(tpacket_req)));
+    }
+    EXPECT_EQ(L({bundle().rxRing(), bundle().rxRingMapped(bundle().sd()), long(requests.size()), long(fake.count(Kind::mmap))}),
+              L({ring, ring, ring, ring}));
+    if (ring) {
+      tpacket_req const & r = requests[0];
+      EXPECT_EQ(L({r.tp_block_size, r.tp_block_nr, r.tp_frame_size, r.tp_frame_nr, fake.calls(Kind::mmap)[0].a}),
+                L({8192, 5, 2048, 20, 40960}));
+    }
+    int const sd = bundle().sd();
+    manager->enabledIs(false);
+    auto const unmaps = fake.calls(Kind::munmap);
+    EXPECT_EQ(L({long(unmaps.size()), unmaps.empty() ? 0 : unmaps[0].a, fcntl(sd, F_GETFD)}), L({ring, ring ? 40960 : 0, -1}));
+  }
 }
 
 TEST_F(EthDevPamManagerTest, DeferredCreationIsOneInterfacePerPassAndFairWhileWithdrawalIsImmediate) {
