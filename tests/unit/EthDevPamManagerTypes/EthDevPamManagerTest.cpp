@@ -180,7 +180,10 @@ TEST_F(EthDevPamManagerTest, DeferredCreationIsOneInterfacePerPassAndFairWhileWi
     runOnce();
     ++passes;
     ASSERT_LE(count("Creating pam for") + count("Pam for "), 1) << "pass " << passes;
-    if (passes == 1) hot = pams->intfPamIter().begin()->key;
+    if (passes == 1) {
+      ASSERT_EQ(pams->intfPams(), 1u) << "the first pass makes one Pam";
+      hot = pams->intfPamIter().begin()->key;
+    }
     devices->intfStatusAndDeviceNameNotify(hot);
   }
   EXPECT_EQ(L({pams->intfPams(), passes <= n + 2, bool(pams->intfPam(id(n)))}), L({n - 1, 1, 0}));
