@@ -52,6 +52,7 @@ struct Options {
   std::string netNs;
   uint16_t etherType = ETH_P_ALL;  // the sockets' protocol: 0 would receive nothing
   bool bulk = false;
+  bool ring = false;
   unsigned long count = 0;
   double seconds = 0;
   bool quiet = false;
@@ -65,12 +66,13 @@ struct Options {
     std::exit(2);
   }
   std::fprintf(stderr,
-               "usage: pamdump [-i DEVICE]... [-n NAMESPACE] [-e ETHERTYPE] [-B] [-c COUNT] [-d SECONDS] [-q]\n"
+               "usage: pamdump [-i DEVICE]... [-n NAMESPACE] [-e ETHERTYPE] [-B|-R] [-c COUNT] [-d SECONDS] [-q]\n"
                "               [-w FILE] [FILTER]\n"
                "  -i DEVICE   capture on DEVICE (again for more; default: every device of the namespace but lo)\n"
                "  -n NS       the devices' network namespace (default: pamdump's own)\n"
                "  -e TYPE     only frames of this EtherType, e.g. 0x88b5 (default: all)\n"
                "  -B          bulk reads (recvmmsg into reused packets) instead of one frame per read\n"
+               "  -R          ring reads (a receive ring shared with the kernel: no system call per frame)\n"
                "  -c COUNT    stop after COUNT frames          -d SECONDS  stop after SECONDS\n"
                "  -q          count only: no line per frame    -w FILE     write the frames to a pcap file\n"
                "  FILTER      an expression ('vlan 100 and ether proto 0x88b5'), matched on the frame as on the\n"
@@ -89,7 +91,7 @@ std::optional<unsigned long> number(char const * text, unsigned long max) {
 Options optionsOf(int argc, char ** argv) {
   Options o;
   int opt;
-  while ((opt = getopt(argc, argv, "+i:n:e:Bc:d:qw:h")) != -1) {
+  while ((opt = getopt(argc, argv, "+i:n:e:BRc:d:qw:h")) != -1) {
     switch (opt) {
       case 'i': o.devices.push_back(optarg); break;
       case 'n': o.netNs = optarg; break;
@@ -100,6 +102,7 @@ Options optionsOf(int argc, char ** argv) {
         break;
       }
       case 'B': o.bulk = true; break;
+      case 'R': o.ring = true; break;
       case 'c': {
         auto n = number(optarg, 1ul << 40);
         if (!n || !*n) usage(std::string("bad count '") + optarg + "'");
@@ -117,6 +120,7 @@ Options optionsOf(int argc, char ** argv) {
       default: usage("");
     }
   }
+  if (o.bulk && o.ring) usage("-B and -R exclude each other");
   for (int i = optind; i < argc; ++i) o.filter += (o.filter.empty() ? "" : " ") + std::string(argv[i]);
   return o;
 }
@@ -260,9 +264,12 @@ void Capture::start() {
   manager_->ethProtocolIs(o_.etherType);
   manager_->separateDot1QHdrIs(true);
   manager_->maxRxPktDataIs(maxFrameBytes);
-  if (o_.bulk) {
-    manager_->pktReuseIs(true);
-    manager_->enableBulkPamReadIs(true);
+  if (o_.bulk || o_.ring) manager_->pktReuseIs(true);
+  manager_->enableBulkPamReadIs(o_.bulk);
+  if (o_.ring) {
+    // 16 MiB: about a thousand frames of the longest kind, many more of the usual ones.
+    manager_->rxRingIs(true);
+    manager_->rxRingBlockCountIs(256);
   }
   if (filter_.kind() == Tools::Filter::Kind::kernel) manager_->filterProgramIs(filter_.kernelProgram());
   manager_->handleInitialized();
@@ -297,7 +304,7 @@ void Capture::start() {
     deadline_->timeMinIs(Vorn::System::currentTime() + o_.seconds);
   }
   std::fprintf(stderr, "pamdump: capturing on %zu device%s%s%s%s\n", captured_.size(), captured_.size() == 1 ? "" : "s",
-               o_.netNs.empty() ? "" : " in namespace ", o_.netNs.c_str(), o_.bulk ? ", bulk reads" : "");
+               o_.netNs.empty() ? "" : " in namespace ", o_.netNs.c_str(), o_.bulk ? ", bulk reads" : o_.ring ? ", ring reads" : "");
 }
 
 void Capture::handleFrame(Ovel::Pam const & pam, Ovel::Pkt const & pkt) {

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <cstdio>
 #include <regex>
 #include <sstream>
@@ -90,6 +91,13 @@ class Program {
   }
   void signal(int sig) { kill(pid_, sig); }
   std::string const & output() const { return output_; }
+  // Memory the process has mapped from sockets (receive rings).
+  size_t socketMappings() const {
+    std::ifstream maps("/proc/" + std::to_string(pid_) + "/maps");
+    size_t n = 0;
+    for (std::string line; std::getline(maps, line);) n += line.find("socket:[") != std::string::npos;
+    return n;
+  }
 
  private:
   bool readSome(int timeoutMs) {
@@ -217,18 +225,24 @@ TEST_F(ToolsKernelTest, AgentMirrorsOperStatusCountsWatchedFramesAndSends) {
 }
 
 TEST_F(ToolsKernelTest, PamdumpPrintsOneLinePerFrameAndStopsAtTheCount) {
-  Program capture = pamdump({"-n", sw, "-i", "et1", "-i", "et2", "-c", "6"});
-  ASSERT_THAT(capture.readUntil("capturing on 2 devices"), HasSubstr("capturing on 2 devices")) << capture.output();
-  send("1", 3, {"-v", "100"});
-  send("2", 3);
-  ASSERT_EQ(capture.wait(), 0) << capture.output();
-  auto const lines = linesMatching(capture.output(), frameLine);
-  EXPECT_EQ(lines.size(), 6u) << capture.output();
-  EXPECT_EQ(linesMatching(capture.output(), std::regex(" et1 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype 0x88b5, "
-                                                       "vlan 100, length 64$")).size(),
-            3u)
-      << capture.output();
-  EXPECT_THAT(capture.output(), HasSubstr("pamdump: 6 frames captured"));
+  for (std::string const mode : {"", "-B", "-R"}) {  // single, bulk and ring reads
+    SCOPED_TRACE("reads " + mode);
+    std::vector<std::string> args = {"-n", sw, "-i", "et1", "-i", "et2", "-c", "6"};
+    if (!mode.empty()) args.push_back(mode);
+    Program capture = pamdump(args);
+    ASSERT_THAT(capture.readUntil("capturing on 2 devices"), HasSubstr("capturing on 2 devices")) << capture.output();
+    EXPECT_EQ(capture.socketMappings() > 0, mode == "-R");
+    send("1", 3, {"-v", "100"});
+    send("2", 3);
+    ASSERT_EQ(capture.wait(), 0) << capture.output();
+    auto const lines = linesMatching(capture.output(), frameLine);
+    EXPECT_EQ(lines.size(), 6u) << capture.output();
+    EXPECT_EQ(linesMatching(capture.output(), std::regex(" et1 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype 0x88b5, "
+                                                         "vlan 100, length 64$")).size(),
+              3u)
+        << capture.output();
+    EXPECT_THAT(capture.output(), HasSubstr("pamdump: 6 frames captured"));
+  }
 }
 
 TEST_F(ToolsKernelTest, PamdumpWritesAPcapFileThatTcpdumpReads) {
