@@ -439,7 +439,7 @@ std::string Agent::doSend(std::vector<std::string> const & w) {
   std::vector<Port *> const ports = portsNamed(w[1]);
   if (ports.size() != 1) return "no interface '" + w[1] + "'";
   Port & port = *ports.front();
-  Tools::FrameSpec spec;
+  Tools::FrameFields fields;
   unsigned long count = 1;
   for (size_t i = 2; i + 1 < w.size(); i += 2) {
     std::string const & key = w[i];
@@ -448,13 +448,13 @@ std::string Agent::doSend(std::vector<std::string> const & w) {
     if (key == "count" && (n = number(value, 100000))) {
       count = *n;
     } else if (key == "vlan" && (n = number(value, 4095))) {
-      spec.vlan = static_cast<int>(*n);
+      fields.vlan = static_cast<int>(*n);
     } else if (key == "type" && (n = number(value, 0xffff))) {
-      spec.etherType = static_cast<uint16_t>(*n);
+      fields.etherType = static_cast<uint16_t>(*n);
     } else if (key == "length" && (n = number(value, 9216))) {
-      spec.length = static_cast<uint32_t>(*n);
+      fields.length = static_cast<uint32_t>(*n);
     } else if (key == "to" && Ovel::EthAddr::fromText(value)) {
-      spec.destination = *Ovel::EthAddr::fromText(value);
+      fields.destination = *Ovel::EthAddr::fromText(value);
     } else {
       return "send: bad " + key + " '" + value + "'";
     }
@@ -462,7 +462,7 @@ std::string Agent::doSend(std::vector<std::string> const & w) {
   Vorn::Ptr<Ovel::Pam> pam = packets_->pamCollection()->intfPam(port.id);
   if (!pam) return "send: " + w[1] + " is not watched (it has no packet endpoint)";
   for (unsigned long i = 0; i < count; ++i) {
-    Vorn::Ptr<Ovel::Pkt> pkt = Tools::framePktOf(spec, static_cast<uint32_t>(i));
+    Vorn::Ptr<Ovel::Pkt> pkt = Tools::framePktOf(fields, static_cast<uint32_t>(i));
     if (!pkt) return "send: no packet buffer left";
     if (!pam->txPkt(pkt)) {
       return "send: the kernel refused the frame out of " + port.device + ": " + std::strerror(pam->lastTxErrno());
@@ -573,12 +573,12 @@ int main(int argc, char ** argv) {
   while ((opt = getopt(argc, argv, "i:c:f:e:h")) != -1) {
     switch (opt) {
       case 'i': {
-        std::string const spec = optarg;
-        size_t const eq = spec.find('=');
-        if (eq == std::string::npos) usage(("-i wants ID=DEVICE[@NAMESPACE], not '" + spec + "'").c_str());
-        std::string rest = spec.substr(eq + 1);
+        std::string const arg = optarg;
+        size_t const eq = arg.find('=');
+        if (eq == std::string::npos) usage(("-i wants ID=DEVICE[@NAMESPACE], not '" + arg + "'").c_str());
+        std::string rest = arg.substr(eq + 1);
         size_t const at = rest.find('@');
-        portIs(ports, spec.substr(0, eq), rest.substr(0, at), at == std::string::npos ? "" : rest.substr(at + 1));
+        portIs(ports, arg.substr(0, eq), rest.substr(0, at), at == std::string::npos ? "" : rest.substr(at + 1));
         break;
       }
       case 'c': {

@@ -63,7 +63,7 @@ int main(int argc, char ** argv) {
   unsigned long count = 10;
   unsigned long rate = 100;
   unsigned long every = 1;
-  Tools::FrameSpec spec;
+  Tools::FrameFields fields;
   int opt;
   while ((opt = getopt(argc, argv, "i:n:c:r:e:v:V:s:t:l:h")) != -1) {
     switch (opt) {
@@ -71,12 +71,12 @@ int main(int argc, char ** argv) {
       case 'n': netNs = optarg; break;
       case 'c': count = number(optarg, 1ul << 32, "count"); break;
       case 'r': rate = number(optarg, 10000000, "rate"); break;
-      case 'e': spec.etherType = static_cast<uint16_t>(number(optarg, 0xffff, "EtherType")); break;
-      case 'v': spec.vlan = static_cast<int>(number(optarg, 4095, "VLAN id")); break;
+      case 'e': fields.etherType = static_cast<uint16_t>(number(optarg, 0xffff, "EtherType")); break;
+      case 'v': fields.vlan = static_cast<int>(number(optarg, 4095, "VLAN id")); break;
       case 'V': every = number(optarg, 1ul << 20, "tag interval"); break;
-      case 's': spec.source = address(optarg); break;
-      case 't': spec.destination = address(optarg); break;
-      case 'l': spec.length = static_cast<uint32_t>(number(optarg, 9216, "length")); break;
+      case 's': fields.source = address(optarg); break;
+      case 't': fields.destination = address(optarg); break;
+      case 'l': fields.length = static_cast<uint32_t>(number(optarg, 9216, "length")); break;
       default: usage(nullptr);
     }
   }
@@ -88,7 +88,7 @@ int main(int argc, char ** argv) {
   if (!netNs.empty()) pam->netNsIs(Ovel::NamespaceName(netNs));
   pam->perIntfSocketIs(true);
   pam->createVornFileDescOnEnabledIs(false);  // it only sends
-  pam->ethProtocolIs(spec.etherType);
+  pam->ethProtocolIs(fields.etherType);
   try {
     pam->enabledIs(true);
   } catch (Vorn::ErrnoException const & e) {
@@ -105,10 +105,10 @@ int main(int argc, char ** argv) {
   clock_gettime(CLOCK_MONOTONIC, &next);
   long const interval = rate ? static_cast<long>(1000000000ul / rate) : 0;
   unsigned long refused = 0;
-  int const vlan = spec.vlan;
+  int const vlan = fields.vlan;
   for (unsigned long i = 0; count == 0 || i < count; ++i) {
-    spec.vlan = (vlan >= 0 && i % every == 0) ? vlan : -1;
-    Vorn::Ptr<Ovel::Pkt> pkt = Tools::framePktOf(spec, static_cast<uint32_t>(i));
+    fields.vlan = (vlan >= 0 && i % every == 0) ? vlan : -1;
+    Vorn::Ptr<Ovel::Pkt> pkt = Tools::framePktOf(fields, static_cast<uint32_t>(i));
     if (!pkt || !pam->txPkt(pkt)) ++refused;
     if (interval) {
       next.tv_nsec += interval;

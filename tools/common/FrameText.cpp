@@ -23,19 +23,19 @@ std::string macText(uint8_t const * p) {
 }
 }  // namespace
 
-Vorn::Ptr<Ovel::Pkt> framePktOf(FrameSpec const & spec, uint32_t sequence) {
+Vorn::Ptr<Ovel::Pkt> framePktOf(FrameFields const & fields, uint32_t sequence) {
   Vorn::Ptr<Ovel::Pkt> pkt = Ovel::globalPktManager().newPkt();
   if (!pkt) return pkt;
-  uint32_t const tag = spec.vlan >= 0 ? 4 : 0;
-  uint32_t const length = spec.length < ethHeader + tag + 4 ? ethHeader + tag + 4 : spec.length;
+  uint32_t const tag = fields.vlan >= 0 ? 4 : 0;
+  uint32_t const length = fields.length < ethHeader + tag + 4 ? ethHeader + tag + 4 : fields.length;
   std::vector<uint8_t> bytes(length - tag, 0);
-  std::memcpy(bytes.data(), spec.destination.bytes().data(), macBytes);
-  std::memcpy(bytes.data() + macBytes, spec.source.bytes().data(), macBytes);
-  bytes[12] = static_cast<uint8_t>(spec.etherType >> 8);
-  bytes[13] = static_cast<uint8_t>(spec.etherType);
+  std::memcpy(bytes.data(), fields.destination.bytes().data(), macBytes);
+  std::memcpy(bytes.data() + macBytes, fields.source.bytes().data(), macBytes);
+  bytes[12] = static_cast<uint8_t>(fields.etherType >> 8);
+  bytes[13] = static_cast<uint8_t>(fields.etherType);
   for (int i = 0; i < 4; ++i) bytes[ethHeader + i] = static_cast<uint8_t>(sequence >> (24 - 8 * i));
   pkt->dataIs(bytes.data(), static_cast<uint32_t>(bytes.size()));
-  if (spec.vlan >= 0) pkt->newSeparateVlanTag(static_cast<uint16_t>(spec.vlan), Ovel::Pkt::defaultVlanTpid);
+  if (fields.vlan >= 0) pkt->newSeparateVlanTag(static_cast<uint16_t>(fields.vlan), Ovel::Pkt::defaultVlanTpid);
   return pkt;
 }
 

@@ -19,7 +19,7 @@
 namespace Tools {
 
 // A frame to send: addresses, EtherType, an optional VLAN id and the length on the wire.
-struct FrameSpec {
+struct FrameFields {
   Ovel::EthAddr destination{Ovel::EthAddr::Bytes{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}};
   Ovel::EthAddr source{Ovel::EthAddr::Bytes{0x02, 0, 0, 0, 0, 0x01}};
   uint16_t etherType = 0x88b5;  // local experimental
@@ -29,7 +29,7 @@ struct FrameSpec {
 
 // A packet from the process's packet manager holding the frame (payload: `sequence` then zeros),
 // its VLAN tag kept beside the bytes for the transmitter to put in; null when no packet is left.
-Vorn::Ptr<Ovel::Pkt> framePktOf(FrameSpec const & spec, uint32_t sequence);
+Vorn::Ptr<Ovel::Pkt> framePktOf(FrameFields const & fields, uint32_t sequence);
 
 // Fills `out` with the frame's bytes as they were on the wire: when the kernel reported the 802.1Q
 // tag beside the frame, it goes back after the source address (4 more bytes).
