@@ -84,19 +84,6 @@ int intOption(int sock, int level, int option, int value) {
   return Platform::calls().setsockopt(sock, level, option, &value, sizeof value);
 }
 
-// The VLAN tag that the kernel took out of the frame, from its PACKET_AUXDATA message.
-void vlanTagApply(Ovel::Pkt & pkt, msghdr & header) {
-  for (cmsghdr * c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
-    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
-    tpacket_auxdata aux;
-    std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
-    if (!(aux.tp_status & TP_STATUS_VLAN_VALID)) continue;
-    pkt.newSeparateVlanTag(aux.tp_vlan_tci,
-                           (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) ? aux.tp_vlan_tpid : Ovel::Pkt::defaultVlanTpid);
-    return;
-  }
-}
-
 // Whether the driver of `deviceName` is a kernel software device ("tun", "veth").
 bool isSoftwareDevice(int sock, Vorn::String const & deviceName) {
   ifreq request{};
@@ -633,13 +620,8 @@ bool EthDevPamBundle::doGetRxPktInt() {
   sockaddr_ll from{};
   ControlArea control;
   iovec iov{pkt->data(), maxRxPktData()};
-  msghdr header{};
-  header.msg_name = &from;
-  header.msg_namelen = sizeof from;
-  header.msg_iov = &iov;
-  header.msg_iovlen = 1;
-  header.msg_control = control.bytes;
-  header.msg_controllen = sizeof control.bytes;
+  msghdr header;
+  rxMessageIs(header, &from, sizeof from, iov, control.bytes, sizeof control.bytes);
   ssize_t const length = Platform::calls().recvmsg(sock, &header, MSG_DONTWAIT);
   int const error = errno;
   uint32_t const ifIndex = static_cast<uint32_t>(from.sll_ifindex);
@@ -652,7 +634,7 @@ bool EthDevPamBundle::doGetRxPktInt() {
     rxErrorsInc(1);
     return false;
   }
-  vlanTagApply(*pkt, header);
+  vlanTagFromAuxData(*pkt, header);
   if (from.sll_pkttype == PACKET_OUTGOING) {
     EDPM_TRACE(3, "Ignoring outgoing packet received on common sd" << sock);
     return true;
@@ -786,14 +768,8 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
     }
     if (headers) {
       bulkHeaders.iov[i] = iovec{bulkPkt_[i]->data(), size};
-      msghdr & header = bulkHeaders.headers[i].msg_hdr;
-      header.msg_name = &bulkHeaders.from[i];
-      header.msg_namelen = sizeof(sockaddr_ll);
-      header.msg_iov = &bulkHeaders.iov[i];
-      header.msg_iovlen = 1;
-      header.msg_control = bulkHeaders.control[i].bytes;
-      header.msg_controllen = controlBytes;
-      header.msg_flags = 0;
+      rxMessageIs(bulkHeaders.headers[i].msg_hdr, &bulkHeaders.from[i], sizeof(sockaddr_ll), bulkHeaders.iov[i],
+                  bulkHeaders.control[i].bytes, controlBytes);
       bulkHeaders.headers[i].msg_len = 0;
     }
     if (i < packets) savedPacketRxIs(slot, false);
@@ -833,7 +809,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
     pkt.ifIndexIs(static_cast<uint32_t>(from.sll_ifindex));
     pkt.pktTypeIs(from.sll_pkttype);
     if (from.sll_pkttype == PACKET_OUTGOING) continue;
-    vlanTagApply(pkt, bulkHeaders.headers[i].msg_hdr);
+    vlanTagFromAuxData(pkt, bulkHeaders.headers[i].msg_hdr);
     pkt.dataLenIs(bulkHeaders.headers[i].msg_len);
   }
   doBulkSlotsDeliver(sock, count);

@@ -280,13 +280,8 @@ void EthDevPam::doReadSingle() {
     sockaddr_ll from{};
     ControlArea control;
     iovec iov{pkt->data(), maxRxPktData()};
-    msghdr header{};
-    header.msg_name = &from;
-    header.msg_namelen = sizeof from;
-    header.msg_iov = &iov;
-    header.msg_iovlen = 1;
-    header.msg_control = control.bytes;
-    header.msg_controllen = sizeof control.bytes;
+    msghdr header;
+    rxMessageIs(header, &from, sizeof from, iov, control.bytes, sizeof control.bytes);
     ssize_t const length = Platform::calls().recvmsg(fd, &header, MSG_DONTWAIT);
     if (length < 0) {
       readFailed(*this, "recvmsg", fd, errno);
@@ -307,14 +302,8 @@ void EthDevPam::doReadBulk() {
     if (!pkt) break;
     slots.iov[count] = iovec{pkt->data(), maxRxPktData()};
     slots.from[count] = sockaddr_ll{};
-    msghdr & header = slots.headers[count].msg_hdr;
-    header = msghdr{};
-    header.msg_name = &slots.from[count];
-    header.msg_namelen = sizeof(sockaddr_ll);
-    header.msg_iov = &slots.iov[count];
-    header.msg_iovlen = 1;
-    header.msg_control = slots.control[count].bytes;
-    header.msg_controllen = controlBytes;
+    rxMessageIs(slots.headers[count].msg_hdr, &slots.from[count], sizeof(sockaddr_ll), slots.iov[count],
+                slots.control[count].bytes, controlBytes);
     slots.headers[count].msg_len = 0;
     slots.pkts[count] = std::move(pkt);
   }
@@ -334,16 +323,7 @@ void EthDevPam::doReadBulk() {
 bool EthDevPam::doDeliver(Pkt & pkt, msghdr & header, uint32_t length) {
   auto const & from = *static_cast<sockaddr_ll const *>(header.msg_name);
   if (from.sll_pkttype == PACKET_OUTGOING) return true;  // our own transmissions, seen on the way out
-  for (cmsghdr * c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
-    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
-    tpacket_auxdata aux;
-    std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
-    if (aux.tp_status & TP_STATUS_VLAN_VALID) {
-      pkt.newSeparateVlanTag(aux.tp_vlan_tci,
-                             (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) ? aux.tp_vlan_tpid : Pkt::defaultVlanTpid);
-    }
-    break;
-  }
+  vlanTagFromAuxData(pkt, header);
   pkt.dataLenIs(std::min(length, maxRxPktData()));
   pkt.ifIndexIs(from.sll_ifindex > 0 ? static_cast<uint32_t>(from.sll_ifindex) : ifIndex_);
   pkt.pktTypeIs(from.sll_pkttype);
