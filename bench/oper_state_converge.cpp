@@ -47,6 +47,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/BenchNamespace.h"
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
@@ -54,21 +55,9 @@
 namespace {
 
 constexpr int devices = 64;
-char nsPath[256];  // /run/netns/<name> while it exists; read by the signal handler
-std::string nsName;
-
-void removeNamespace() {
-  if (nsPath[0] == '\0') return;
-  umount2(nsPath, MNT_DETACH);
-  unlink(nsPath);
-  nsPath[0] = '\0';
-}
-
-void onSignal(int sig) {
-  removeNamespace();
-  signal(sig, SIG_DFL);
-  raise(sig);
-}
+using Bench::nsName;
+using Bench::nsPath;
+using Bench::removeNamespace;
 
 [[noreturn]] void fail(std::string const & what) {
   std::fprintf(stderr, "oper_state_converge: %s\n", what.c_str());
@@ -266,11 +255,7 @@ int main(int argc, char ** argv) {
   }
   std::string const loadBefore = loadAverage();
 
-  nsName = "intfsmc-" + std::to_string(getpid());
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS}) signal(sig, onSignal);
-  std::atexit(removeNamespace);
-  if (std::system(("ip netns add " + nsName).c_str()) != 0) fail("cannot create the namespace");
-  std::snprintf(nsPath, sizeof nsPath, "/run/netns/%s", nsName.c_str());
+  if (!Bench::namespaceAdd("intfsmc")) fail("cannot create the namespace");
   {
     std::string const batch = "/tmp/" + nsName + ".batch";
     std::ofstream out(batch);

@@ -55,35 +55,20 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchNamespace.h"
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 
 namespace {
 
 constexpr int devices = 256;
-char nsPath[256];  // /run/netns/<name> while it exists; read by the signal handler
-std::string nsName;
-
-void removeNamespace() {
-  if (nsPath[0] == '\0') return;
-  umount2(nsPath, MNT_DETACH);
-  unlink(nsPath);
-  nsPath[0] = '\0';
-}
-
-void onSignal(int sig) {
-  removeNamespace();
-  signal(sig, SIG_DFL);
-  raise(sig);
-}
+using Bench::nsName;
+using Bench::nsPath;
+using Bench::removeNamespace;
 
 [[noreturn]] void fail(std::string const & what) {
   std::fprintf(stderr, "oper_state_rate: %s\n", what.c_str());
   std::exit(2);  // the exit handler removes the namespace
-}
-
-void run(std::string const & cmd) {
-  if (std::system(cmd.c_str()) != 0) fail("failed: " + cmd);
 }
 
 // Writes a sysctl of the namespace: /proc/sys/net belongs to the namespace of whoever opens it.
@@ -261,11 +246,7 @@ int main(int argc, char ** argv) {
     return 2;
   }
 
-  nsName = "intfsmb-" + std::to_string(getpid());
-  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS}) signal(sig, onSignal);
-  std::atexit(removeNamespace);
-  run("ip netns add " + nsName);
-  std::snprintf(nsPath, sizeof nsPath, "/run/netns/%s", nsName.c_str());
+  if (!Bench::namespaceAdd("intfsmb")) fail("cannot create the namespace");
   {
     std::string batch = "/tmp/" + nsName + ".batch";
     std::ofstream out(batch);
