@@ -530,10 +530,8 @@ void Agent::handleRx(Ovel::Pam const & pam, Ovel::IntfId const & intfId, Ovel::P
   }
   ++port.received;
   if (print_) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
     std::string const where = port.id.name().stdString() + "/" + pam.name().stdString();
-    std::printf("%s\n", Tools::frameLine(now, where, wire_.data(), wire_.size()).c_str());
+    std::printf("%s\n", Tools::frameLine(Tools::receiveTime(pkt), where, wire_.data(), wire_.size(), wire_.size()).c_str());
   }
 }
 

@@ -57,4 +57,19 @@ class Filter {
   bpf_program expression_{};
 };
 
+// Compiles `expression` the way a live capture on `device` (in namespace `netNs`, "" for this one)
+// does: libpcap on a handle activated on the device, so that VLAN tests use the tag the kernel keeps
+// beside the frame (a receiving socket never sees the outer tag in the bytes). The program goes to
+// the socket as it is. False with `error` set on a malformed expression or a device libpcap cannot
+// open.
+bool compileForDevice(std::string const & netNs, std::string const & device, std::string const & expression,
+                      Ovel::SockFilterProgram & program, std::string & error);
+
+// Whether the kernel takes `program` as a socket filter, tried on a scratch packet socket that
+// receives nothing; false with the kernel's reason in `error` otherwise.
+bool kernelAccepts(std::string const & netNs, Ovel::SockFilterProgram const & program, std::string & error);
+
+// The classic BPF program as tcpdump -d prints it, one instruction a line ("(000) ldh [12]").
+std::string programText(Ovel::SockFilterProgram const & program);
+
 }  // namespace Tools

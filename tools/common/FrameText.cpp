@@ -1,6 +1,9 @@
 #include "tools/common/FrameText.h"
 
+#include <arpa/inet.h>
 #include <time.h>
+
+#include <cctype>
 
 #include <cstdio>
 #include <cstring>
@@ -57,31 +60,116 @@ void wireFrameOf(Ovel::Pkt const & pkt, std::vector<uint8_t> & out) {
   out.insert(out.end(), data + 2 * macBytes, data + length);
 }
 
-std::string frameLine(timeval const & when, std::string_view device, uint8_t const * wire, size_t length) {
+timespec receiveTime(Ovel::Pkt const &) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+namespace {
+std::string ipv4Text(uint8_t const * p) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%u.%u.%u.%u", p[0], p[1], p[2], p[3]);
+  return text;
+}
+
+std::string ipv6Text(uint8_t const * p) {
+  char text[INET6_ADDRSTRLEN];
+  return inet_ntop(AF_INET6, p, text, sizeof text) ? text : "?";
+}
+
+// "UDP 1234 > 53", "TCP 40000 > 80", "ICMP", "proto 89" for the transport after an IP header.
+std::string transportText(uint8_t protocol, uint8_t const * p, size_t length, bool v6) {
+  char text[48];
+  auto const ports = [&](char const * name) {
+    if (length < 4) return std::string(name);
+    std::snprintf(text, sizeof text, "%s %u > %u", name, be16(p), be16(p + 2));
+    return std::string(text);
+  };
+  switch (protocol) {
+    case 6: return ports("TCP");
+    case 17: return ports("UDP");
+    case 132: return ports("SCTP");
+    case 1: return "ICMP";
+    case 58: return v6 ? "ICMP6" : "proto 58";
+    default: std::snprintf(text, sizeof text, "proto %u", protocol); return text;
+  }
+}
+
+// The first TLV of LLDP whose type is `wanted`, as text (chassis and port ids: a MAC or the bytes).
+std::string lldpField(uint8_t const * p, size_t length, unsigned wanted) {
+  for (size_t at = 0; at + 2 <= length;) {
+    unsigned const type = p[at] >> 1;
+    size_t const size = static_cast<size_t>((p[at] & 1) << 8 | p[at + 1]);
+    if (type == 0 || at + 2 + size > length) break;
+    if (type == wanted && size >= 1) {
+      uint8_t const * v = p + at + 2;
+      if (type != 5 && v[0] == 4 && size == 7) return macText(v + 1);  // chassis/port id subtype MAC
+      std::string out;
+      for (size_t i = type == 5 ? 0 : 1; i < size; ++i) out += std::isprint(v[i]) ? static_cast<char>(v[i]) : '.';
+      return out;
+    }
+    at += 2 + size;
+  }
+  return "?";
+}
+}  // namespace
+
+std::string protocolSummary(uint16_t type, uint8_t const * p, size_t length) {
+  char text[160];
+  if (type == 0x0806 && length >= 28 && be16(p) == 1 && be16(p + 2) == 0x0800) {
+    uint16_t const op = be16(p + 6);
+    if (op == 1) return "ARP, Request who-has " + ipv4Text(p + 24) + " tell " + ipv4Text(p + 14);
+    if (op == 2) return "ARP, Reply " + ipv4Text(p + 14) + " is-at " + macText(p + 8);
+    std::snprintf(text, sizeof text, "ARP, op %u", op);
+    return text;
+  }
+  if (type == 0x0800 && length >= 20 && p[0] >> 4 == 4) {
+    size_t const header = static_cast<size_t>(p[0] & 0x0f) * 4;
+    bool const first = (be16(p + 6) & 0x1fff) == 0;
+    std::string const rest = header <= length && first ? transportText(p[9], p + header, length - header, false)
+                                                       : transportText(p[9], p, 0, false);
+    return "IPv4 " + ipv4Text(p + 12) + " > " + ipv4Text(p + 16) + ", " + rest;
+  }
+  if (type == 0x86dd && length >= 40 && p[0] >> 4 == 6) {
+    return "IPv6 " + ipv6Text(p + 8) + " > " + ipv6Text(p + 24) + ", " + transportText(p[6], p + 40, length - 40, true);
+  }
+  if (type == 0x88cc) return "LLDP, chassis " + lldpField(p, length, 1) + " port " + lldpField(p, length, 2);
+  if (type == 0x8809 && length >= 1 && p[0] == 1 && length >= 22) {
+    // LACPDU: actor information TLV at offset 2: type 1, length 20, priority, system, key, port priority, port, state.
+    std::snprintf(text, sizeof text, "LACP, actor %s key %u port %u state 0x%02x", macText(p + 6).c_str(), be16(p + 12),
+                  be16(p + 16), p[18]);
+    return text;
+  }
+  if (type == 0x8809 && length >= 1 && p[0] == 2) return "LACP marker";
+  return {};
+}
+
+std::string frameLine(timespec const & when, std::string_view device, uint8_t const * wire, size_t caplen, size_t len) {
   tm local{};
   time_t const seconds = when.tv_sec;
   localtime_r(&seconds, &local);
-  char prefix[64];
-  std::snprintf(prefix, sizeof prefix, "%02d:%02d:%02d.%06ld ", local.tm_hour, local.tm_min, local.tm_sec,
-                static_cast<long>(when.tv_usec));
-  std::string line = prefix;
+  char text[80];
+  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%06ld ", local.tm_hour, local.tm_min, local.tm_sec,
+                static_cast<long>(when.tv_nsec / 1000));
+  std::string line = text;
   line.append(device);
-  if (length < ethHeader) {
-    char rest[48];
-    std::snprintf(rest, sizeof rest, " runt frame, length %zu", length);
-    return line + rest;
+  if (caplen < ethHeader) {
+    std::snprintf(text, sizeof text, " runt frame, length %zu", len);
+    return line + text;
   }
   line += " " + macText(wire + macBytes) + " > " + macText(wire);
-  uint16_t type = be16(wire + 2 * macBytes);
-  char rest[80];
-  if (isVlanType(type) && length >= ethHeader + 4) {
-    unsigned const vlan = be16(wire + ethHeader) & 0x0fff;
-    type = be16(wire + ethHeader + 2);
-    std::snprintf(rest, sizeof rest, ", ethertype 0x%04x, vlan %u, length %zu", type, vlan, length);
-  } else {
-    std::snprintf(rest, sizeof rest, ", ethertype 0x%04x, length %zu", type, length);
+  size_t at = 2 * macBytes;
+  uint16_t type = be16(wire + at);
+  for (; isVlanType(type) && at + 6 <= caplen; at += 4, type = be16(wire + at)) {
+    uint16_t const tci = be16(wire + at + 2);
+    std::snprintf(text, sizeof text, ", vlan %u p %u", tci & 0x0fffu, tci >> 13);
+    line += text;
   }
-  return line + rest;
+  std::snprintf(text, sizeof text, ", ethertype 0x%04x, length %zu", type, len);
+  line += text;
+  std::string const summary = protocolSummary(type, wire + at + 2, caplen - at - 2);
+  return summary.empty() ? line : line + ": " + summary;
 }
 
 }  // namespace Tools

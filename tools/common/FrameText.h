@@ -2,11 +2,11 @@
 //
 //   std::vector<uint8_t> wire;
 //   Tools::wireFrameOf(*pkt, wire);                // the frame as on the wire: VLAN tag put back
-//   puts(Tools::frameLine(now, "va0", wire.data(), wire.size()).c_str());
-//   // 14:02:03.123456 va0 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype 0x88b5, vlan 100, length 64
+//   puts(Tools::frameLine(Tools::receiveTime(*pkt), "va0", wire.data(), wire.size(), wire.size()).c_str());
+//   // 14:02:03.123456 va0 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, vlan 100 p 0, ethertype 0x0806, length 64: ARP, Request who-has 10.0.0.2 tell 10.0.0.1
 #pragma once
 
-#include <sys/time.h>
+#include <time.h>
 
 #include <cstdint>
 #include <string>
@@ -35,9 +35,19 @@ Vorn::Ptr<Ovel::Pkt> framePktOf(FrameFields const & fields, uint32_t sequence);
 // tag beside the frame, it goes back after the source address (4 more bytes).
 void wireFrameOf(Ovel::Pkt const & pkt, std::vector<uint8_t> & out);
 
-// One line per frame: local time with microseconds, device, source > destination, EtherType (the
-// inner one of a tagged frame), VLAN id when tagged, and the length on the wire. A frame shorter
-// than an Ethernet header is shown as such.
-std::string frameLine(timeval const & when, std::string_view device, uint8_t const * wire, size_t length);
+// When the frame was received. The one place the programs take a frame's time from: today the time
+// it is handled (the packet carries no receive time yet).
+timespec receiveTime(Ovel::Pkt const & pkt);
+
+// One line per frame: local time with microseconds, device, source > destination, every VLAN tag
+// (id and priority, outer first), the EtherType after them, the length on the wire, and a summary of
+// ARP, IPv4, IPv6 (addresses, protocol, ports), LLDP and LACP. `caplen` bytes of the frame's `len`
+// are at `wire`; what lies beyond them is not decoded. A frame shorter than an Ethernet header is
+// shown as such.
+std::string frameLine(timespec const & when, std::string_view device, uint8_t const * wire, size_t caplen, size_t len);
+
+// The summary after the colon of frameLine (empty for other protocols); `type` is the EtherType after
+// the tags and `payload` what follows it.
+std::string protocolSummary(uint16_t type, uint8_t const * payload, size_t length);
 
 }  // namespace Tools
