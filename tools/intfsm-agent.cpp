@@ -11,6 +11,15 @@
 //
 // The packet side works in the namespace the agent runs in (start it with `ip netns exec NS` to watch
 // the devices of NS); the oper-state side reaches every namespace. `help` lists the commands.
+//
+// Standard input that cannot be watched (/dev/null under a service manager) gives no commands: the
+// agent then runs until SIGINT, SIGTERM or SIGHUP. On a terminal it prompts. The library's trace
+// lines stay out of the output unless BRISKLOG asks for them. Exit status: 0; 1 when the agent could
+// not run, its output was lost, or (with -f) a command of the script failed; 2 for bad arguments.
+//
+// The sockets are bound to every EtherType, so VLAN tags are always seen; -e selects the EtherType in
+// the kernel's socket filter (the type after the outer tag of a tagged frame), and a `filter` program
+// given as text replaces that selection while it is in force.
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/if_ether.h>
@@ -38,10 +47,13 @@
 #include "intfsm/foundation/interface/AllIntfStatusLocalDir.h"
 #include "intfsm/foundation/kernel/KernelNetInfoStatus.h"
 #include "intfsm/foundation/ovel/EthDevPam.h"
+#include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
+#include "intfsm/foundation/brisklog/Brisklog.h"
+#include "tools/common/Common.h"
 #include "tools/common/Filter.h"
 #include "tools/common/FrameText.h"
 #include "tools/common/LinkQuery.h"
@@ -50,13 +62,16 @@ namespace {
 
 char const helpText[] =
     "commands (one per line; # starts a comment):\n"
-    "  oper ID|all STATUS     set the operational status: up down dormant lowerlayerdown notpresent testing unknown\n"
-    "  watch ID|all           give the interface packet access; its frames are counted\n"
+    "  oper ID|all STATUS     set the operational status; what the kernel's operstate becomes:\n"
+    "                         up: UP;  down, dormant, notpresent, lowerlayerdown: DORMANT;\n"
+    "                         testing, unknown: nothing is sent, the kernel keeps what it has\n"
+    "  watch ID|all           give the interface packet access; its frames are counted (devices in\n"
+    "                         the agent's own namespace only)\n"
     "  unwatch ID|all         take it away; its frames become drops\n"
     "  filter EXPR            capture-filter expression, e.g. vlan 100 (matched on the frame as on the wire)\n"
     "  filter { c, jt, jf, k }, ...   classic BPF program for the sockets;  filter none: no filter\n"
     "  send ID [count N] [vlan V] [type T] [to MAC] [length L]   frames out of a watched interface\n"
-    "  show                   the table: device, ifindex, kernel operstate, frames received, drops\n"
+    "  show [ID]              the table: device, ifindex, status set, kernel operstate, frames received, drops\n"
     "  clear                  zero the counters (frames and drops)\n"
     "  print on|off           print every frame received\n"
     "  wait SECONDS           let the loop run (scripts)\n"
@@ -72,6 +87,7 @@ struct Port {
   uint64_t received = 0;
   uint64_t unmatched = 0;
   uint64_t dropsAtClear = 0;  // the Pam's drop count when the counters were last cleared
+  std::string operSet = "-";  // the status the operator set last
 };
 
 std::vector<std::string> words(std::string const & line) {
@@ -81,13 +97,7 @@ std::vector<std::string> words(std::string const & line) {
   return out;
 }
 
-std::optional<unsigned long> number(std::string const & text, unsigned long max) {
-  char * end = nullptr;
-  errno = 0;
-  unsigned long const v = std::strtoul(text.c_str(), &end, 0);
-  if (errno || text.empty() || *end || v > max) return std::nullopt;
-  return v;
-}
+using Tools::number;
 
 std::optional<Interface::IntfOperStatus> operStatusOf(std::string const & text) {
   static std::map<std::string, Interface::IntfOperStatus> const names = {
@@ -122,12 +132,14 @@ class Receiver : public Interface::SimpleTxRxPktManager {
 
 class Agent {
  public:
-  Agent(std::vector<Port> ports, uint16_t etherType);
+  Agent(std::vector<Port> ports, int etherType, bool script);
   ~Agent();
 
   // Reads commands from `fd` (a regular file is read whole; anything else is watched on the loop).
   void inputIs(int fd);
   bool quitting() const { return quit_; }
+  // The exit status the agent ends with.
+  int status() const;
 
   void handleInput();
   void handleWaitOver();
@@ -141,11 +153,6 @@ class Agent {
     void onReadableCount() override { forward(&Agent::handleInput); }
     void onExceptionPendingCount() override { forward(&Agent::handleInput); }
   };
-  class VornSignal : public Vorn::Reactor<Agent, Vorn::FileDescriptor> {
-   public:
-    using Reactor::Reactor;
-    void onReadableCount() override { forward(&Agent::handleSignal); }
-  };
   class VornWait : public Vorn::Reactor<Agent, Vorn::Clock> {
    public:
     using Reactor::Reactor;
@@ -153,13 +160,17 @@ class Agent {
   };
 
   void linesIs(std::string const & text);
+  void prompt();
+  void error(std::string const & text);
+  // Kernel program of -e when no program of the filter command is in force; empty otherwise.
+  Ovel::SockFilterProgram etherTypeProgram() const;
   void pump();
   void execute(std::string const & line);
   std::string doOper(std::vector<std::string> const & w);
   std::string doWatch(std::vector<std::string> const & w, bool watch);
   std::string doFilter(std::string const & text);
   std::string doSend(std::vector<std::string> const & w);
-  void doShow();
+  std::string doShow(std::vector<std::string> const & w);
   void doClear();
   // The ports a command names: one, or all for "all"; empty when there is no such interface.
   std::vector<Port *> portsNamed(std::string const & name);
@@ -177,19 +188,24 @@ class Agent {
   uint32_t notReadyAtClear_ = 0;
   uint32_t noPamAtClear_ = 0;
 
+  int etherType_ = -1;
+  bool script_ = false;
+  unsigned lineNumber_ = 0;
+  unsigned failures_ = 0;
+  bool outputLost_ = false;
   int inputFd_ = -1;
   bool echo_ = false;
+  bool terminal_ = false;
   bool eof_ = false;
   bool waiting_ = false;
   bool quit_ = false;
   std::string partial_;
+  size_t scanned_ = 0;  // partial_ holds no newline before this
   std::deque<std::string> lines_;
   Vorn::Ptr<Vorn::FileDescriptor> input_;
   Vorn::Ptr<VornInput> inputReactor_;
   Vorn::Ptr<VornWait> wait_;
-  int signalFd_ = -1;
-  Vorn::Ptr<Vorn::FileDescriptor> signal_;
-  Vorn::Ptr<VornSignal> signalReactor_;
+  std::unique_ptr<Tools::StopSignals> signals_;
   std::vector<uint8_t> wire_;
 };
 
@@ -198,12 +214,14 @@ void Receiver::handleRx(Vorn::Ptr<Ovel::Pam> const & pam, Ovel::IntfId const & i
   agent_->handleRx(*pam, intfId, *pkt);
 }
 
-Agent::Agent(std::vector<Port> ports, uint16_t etherType) : ports_(std::move(ports)) {
+Agent::Agent(std::vector<Port> ports, int etherType, bool script)
+    : ports_(std::move(ports)), etherType_(etherType), script_(script) {
   allIntfStatus_ = Interface::allIntfStatusDirFactory("allIntfStatus");
   allIntfStatusLocal_ = Interface::allIntfStatusLocalDirFactory("allIntfStatusLocal");
 
   // The oper-state subsystem, wired as its header shows.
   operState_ = KernelOperState::rootFactory("kernelOperState");
+  operState_->operStateConvergenceIs(true);
   operState_->kosmIs();
   operState_->intfStatusDirIs("intfStatus");
   operState_->intfStatusLocalDirIs("intfStatusLocal");
@@ -232,24 +250,15 @@ Agent::Agent(std::vector<Port> ports, uint16_t etherType) : ports_(std::move(por
   packets_->initializedIs(true);
   auto const & manager = packets_->ethDevPamManager();
   manager->handleInitialized();
-  manager->ethProtocolIs(etherType);
+  manager->ethProtocolIs(ETH_P_ALL);  // every EtherType: -e selects in the filter, tags stay visible
   manager->separateDot1QHdrIs(true);  // VLAN tags arrive beside the frame
+  if (etherType_ >= 0) manager->filterProgramIs(etherTypeProgram());
   manager->enabledIs(true);
   receiver_ = new Receiver(this, packets_->deviceIntfStatusDir(), packets_->pamCollection());
   receiver_->desiredIntfDirIs(packets_->desiredIntfDir());
 
-  // Ctrl-C and SIGTERM end the agent cleanly, on the loop.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  signalFd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-  if (signalFd_ >= 0) {
-    signal_ = Vorn::fileDescriptorFactory("signals");
-    signal_->descriptorIs(signalFd_);
-    signalReactor_ = Vorn::reactorNew<VornSignal>(this, signal_);
-  }
+  // SIGINT, SIGTERM and SIGHUP end the agent cleanly, on the loop.
+  signals_ = std::make_unique<Tools::StopSignals>([this] { handleSignal(); });
   wait_ = Vorn::reactorNew<VornWait>(this, Vorn::activityManager().clock());
 }
 
@@ -257,9 +266,7 @@ Agent::~Agent() {
   wait_ = nullptr;
   if (input_) input_->descriptorIs(-1);
   inputReactor_ = nullptr;
-  if (signal_) signal_->descriptorIs(-1);
-  signalReactor_ = nullptr;
-  if (signalFd_ >= 0) close(signalFd_);
+  signals_.reset();
   receiver_ = nullptr;
   packets_ = nullptr;
   kernel_ = nullptr;
@@ -268,7 +275,8 @@ Agent::~Agent() {
 
 void Agent::inputIs(int fd) {
   inputFd_ = fd;
-  echo_ = !isatty(fd);
+  terminal_ = isatty(fd);
+  echo_ = !terminal_;
   struct stat st{};
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
     // A file never blocks, and epoll does not watch files: read it whole.
@@ -279,19 +287,61 @@ void Agent::inputIs(int fd) {
     eof_ = true;
   } else {
     input_ = Vorn::fileDescriptorFactory("commands");
-    input_->descriptorIs(fd);
-    input_->nonBlockingIs(true);
-    inputReactor_ = Vorn::reactorNew<VornInput>(this, input_);
+    try {
+      input_->descriptorIs(fd);
+      input_->nonBlockingIs(true);
+      inputReactor_ = Vorn::reactorNew<VornInput>(this, input_);
+    } catch (Vorn::ErrnoException const & e) {
+      // Not a descriptor epoll can watch (/dev/null): no commands; the agent runs until a signal.
+      if (e.errorNumber() != EPERM) throw;
+      input_->descriptorIs(-1);
+      input_ = nullptr;
+      std::fprintf(stderr, "intfsm-agent: standard input gives no commands; running until SIGINT, SIGTERM or SIGHUP\n");
+      return;
+    }
   }
   pump();
 }
 
 void Agent::linesIs(std::string const & text) {
   partial_ += text;
-  for (size_t nl; (nl = partial_.find('\n')) != std::string::npos;) {
-    lines_.push_back(partial_.substr(0, nl));
-    partial_.erase(0, nl + 1);
+  // Only the new bytes are searched: a long line arriving in pieces is scanned once.
+  size_t from = 0;
+  for (size_t nl; (nl = partial_.find('\n', std::max(from, scanned_))) != std::string::npos; from = nl + 1) {
+    lines_.push_back(partial_.substr(from, nl - from));
+    scanned_ = 0;
   }
+  partial_.erase(0, from);
+  scanned_ = partial_.size();
+}
+
+void Agent::prompt() {
+  if (terminal_ && !eof_ && !quit_ && lines_.empty() && !waiting_) {
+    std::fputs("intfsm> ", stdout);
+    std::fflush(stdout);
+  }
+}
+
+void Agent::error(std::string const & text) {
+  ++failures_;
+  if (script_) {
+    std::fprintf(stderr, "error: line %u: %s\n", lineNumber_, text.c_str());
+  } else {
+    std::fprintf(stderr, "error: %s\n", text.c_str());
+  }
+}
+
+int Agent::status() const {
+  if (outputLost_) return Tools::exitFailed;
+  return script_ && failures_ ? Tools::exitFailed : Tools::exitOk;
+}
+
+Ovel::SockFilterProgram Agent::etherTypeProgram() const {
+  // The EtherType at offset 12: after the outer tag of a tagged frame, which the kernel holds apart.
+  return Ovel::SockFilterProgram{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
+                                 {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<uint32_t>(etherType_)},
+                                 {BPF_RET | BPF_K, 0, 0, 0xffffffff},
+                                 {BPF_RET | BPF_K, 0, 0, 0}};
 }
 
 void Agent::handleInput() {
@@ -306,6 +356,7 @@ void Agent::handleInput() {
     // End of input (or an input that cannot be read any more): what is left still runs.
     if (!partial_.empty()) lines_.push_back(partial_);
     partial_.clear();
+    scanned_ = 0;
     eof_ = true;
     input_->descriptorIs(-1);
     break;
@@ -319,9 +370,6 @@ void Agent::handleWaitOver() {
 }
 
 void Agent::handleSignal() {
-  signalfd_siginfo info{};
-  while (read(signalFd_, &info, sizeof info) == sizeof info) {
-  }
   quit_ = true;
   Vorn::activityManager().stop();
 }
@@ -330,12 +378,18 @@ void Agent::pump() {
   while (!waiting_ && !quit_ && !lines_.empty()) {
     std::string line = lines_.front();
     lines_.pop_front();
+    ++lineNumber_;
     execute(line);
+    if (!Tools::outputOk("intfsm-agent")) {
+      outputLost_ = quit_ = true;
+    }
   }
   if (quit_ || (eof_ && lines_.empty() && !waiting_)) {
     quit_ = true;
     Vorn::activityManager().stop();
+    return;
   }
+  prompt();
 }
 
 std::vector<Port *> Agent::portsNamed(std::string const & name) {
@@ -365,8 +419,8 @@ void Agent::execute(std::string const & raw) {
     error = doFilter(text);
   } else if (verb == "send") {
     error = doSend(w);
-  } else if (verb == "show" && w.size() == 1) {
-    doShow();
+  } else if (verb == "show" && w.size() <= 2) {
+    error = doShow(w);
   } else if (verb == "clear" && w.size() == 1) {
     doClear();
   } else if (verb == "print" && w.size() == 2 && (w[1] == "on" || w[1] == "off")) {
@@ -393,7 +447,7 @@ void Agent::execute(std::string const & raw) {
   } else {
     error = "unknown command '" + verb + "' (try help)";
   }
-  if (!error.empty()) std::fprintf(stderr, "error: %s\n", error.c_str());
+  if (!error.empty()) this->error(error);
 }
 
 std::string Agent::doOper(std::vector<std::string> const & w) {
@@ -402,7 +456,10 @@ std::string Agent::doOper(std::vector<std::string> const & w) {
   if (ports.empty()) return "no interface '" + w[1] + "'";
   auto const status = operStatusOf(w[2]);
   if (!status) return "no status '" + w[2] + "': up down dormant lowerlayerdown notpresent testing unknown";
-  for (Port * p : ports) p->status->operStatusIs(*status);
+  for (Port * p : ports) {
+    p->status->operStatusIs(*status);
+    p->operSet = w[2];
+  }
   return {};
 }
 
@@ -411,7 +468,13 @@ std::string Agent::doWatch(std::vector<std::string> const & w, bool watch) {
   std::vector<Port *> const ports = portsNamed(w[1]);
   if (ports.empty()) return "no interface '" + w[1] + "'";
   for (Port * p : ports) {
-    if (watch) {
+    if (watch && !p->netNs.empty()) {
+      // The packet side opens its sockets in the agent's own namespace only.
+      std::printf("not watching %s: its device %s is in namespace %s; packet access is in the agent's own namespace "
+                  "(start the agent with ip netns exec %s)\n",
+                  p->id.charPtr(), p->device.c_str(), p->netNs.c_str(), p->netNs.c_str());
+      if (w[1] != "all") return "watch: " + w[1] + " is in another namespace";
+    } else if (watch) {
       receiver_->addIntfPam(p->id);
     } else {
       receiver_->delIntfPam(p->id);
@@ -421,13 +484,22 @@ std::string Agent::doWatch(std::vector<std::string> const & w, bool watch) {
 }
 
 std::string Agent::doFilter(std::string const & text) {
+  if (text.empty()) return "filter wants an expression, a program, or none";
+  Tools::Filter next;
   std::string error;
-  if (!filter_.parse(text, error)) return "filter: " + error;
-  // The sockets get the program of the text form. Otherwise they accept everything: a program that
+  if (!next.parse(text, error)) return "filter: " + error;
+  // Tried on a scratch socket first: a program the kernel refuses leaves the one in force alone.
+  if (next.kind() == Tools::Filter::Kind::kernel && !Tools::kernelAccepts("", next.kernelProgram(), error)) {
+    return "filter: " + error;
+  }
+  filter_.parse(text, error);
+  // The sockets get the program of the text form; otherwise -e's selection, or a program that
   // accepts all once one was set (the kernel refuses an empty one), none before.
   auto const & manager = packets_->ethDevPamManager();
   if (filter_.kind() == Tools::Filter::Kind::kernel) {
     manager->filterProgramIs(filter_.kernelProgram());
+  } else if (etherType_ >= 0) {
+    manager->filterProgramIs(etherTypeProgram());
   } else if (!manager->filterProgram().empty()) {
     manager->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffffffff}});
   }
@@ -488,18 +560,21 @@ void Agent::doClear() {
   noPamAtClear_ = bundle ? bundle->noPamDropCount() : 0;
 }
 
-void Agent::doShow() {
-  std::printf("%-12s %-8s %7s  %-15s %-7s %9s %6s\n", "interface", "device", "ifindex", "kernel operstate",
-              "watched", "received", "drops");
-  for (Port const & p : ports_) {
+std::string Agent::doShow(std::vector<std::string> const & w) {
+  std::vector<Port *> const shown = portsNamed(w.size() == 2 ? w[1] : "all");
+  if (shown.empty()) return "no interface '" + w[1] + "'";
+  std::printf("%-12s %-8s %7s  %-14s %-15s %-7s %9s %6s\n", "interface", "device", "ifindex", "status set",
+              "kernel operstate", "watched", "received", "drops");
+  for (Port const * shownPort : shown) {
+    Port const & p = *shownPort;
     auto const link = Tools::queryLink(p.netNs, p.device);
     std::string ifIndex = link ? std::to_string(link->ifIndex) : "-";
     char const * oper = link ? Tools::operStateName(link->operState) : "no device";
     Vorn::Ptr<Ovel::Pam> pam = packets_->pamCollection()->intfPam(p.id);
     // A Pam made since the last clear counts from zero.
     std::string drops = !pam ? "-" : std::to_string(pamDrops(*pam) >= p.dropsAtClear ? pamDrops(*pam) - p.dropsAtClear : pamDrops(*pam));
-    std::printf("%-12s %-8s %7s  %-16s %-7s %9llu %6s\n", p.id.charPtr(), p.device.c_str(), ifIndex.c_str(), oper,
-                pam ? "yes" : "no", static_cast<unsigned long long>(p.received), drops.c_str());
+    std::printf("%-12s %-8s %7s  %-14s %-16s %-7s %9llu %6s\n", p.id.charPtr(), p.device.c_str(), ifIndex.c_str(),
+                p.operSet.c_str(), oper, pam ? "yes" : "no", static_cast<unsigned long long>(p.received), drops.c_str());
   }
   auto const & bundle = packets_->ethDevPamManager()->edpBundle();
   uint64_t unmatched = 0;
@@ -517,6 +592,7 @@ void Agent::doShow() {
                   static_cast<unsigned long long>(unmatched));
       break;
   }
+  return {};
 }
 
 void Agent::handleRx(Ovel::Pam const & pam, Ovel::IntfId const & intfId, Ovel::Pkt const & pkt) {
@@ -532,27 +608,43 @@ void Agent::handleRx(Ovel::Pam const & pam, Ovel::IntfId const & intfId, Ovel::P
   if (print_) {
     std::string const where = port.id.name().stdString() + "/" + pam.name().stdString();
     std::printf("%s\n", Tools::frameLine(Tools::receiveTime(pkt), where, wire_.data(), wire_.size(), wire_.size()).c_str());
+    if (!Tools::outputOk("intfsm-agent")) {
+      outputLost_ = quit_ = true;
+      Vorn::activityManager().stop();
+    }
   }
 }
 
-[[noreturn]] void usage(char const * problem) {
-  if (problem) std::fprintf(stderr, "intfsm-agent: %s\n", problem);
-  std::fprintf(stderr,
-               "usage: intfsm-agent (-i ID=DEVICE[@NAMESPACE])... [-c PORTS-FILE] [-f SCRIPT] [-e ETHERTYPE]\n"
-               "  -i   an interface: its id, kernel device and the device's namespace (default: the agent's own)\n"
-               "  -c   a file of \"ID DEVICE [NAMESPACE]\" lines\n"
-               "  -f   read commands from SCRIPT instead of standard input\n"
-               "  -e   receive only this EtherType (default: all)\n%s",
-               helpText);
-  std::exit(2);
-}
+std::string const usageText = std::string(
+    "usage: intfsm-agent (-i ID=DEVICE[@NAMESPACE])... [-c PORTS-FILE] [-f SCRIPT] [-e ETHERTYPE]\n"
+    "  -i, --interface ID=DEVICE[@NAMESPACE]   an interface: its id, kernel device and the device's namespace\n"
+    "                                          (default: the agent's own)\n"
+    "  -c, --ports FILE     a file of \"ID DEVICE [NAMESPACE]\" lines\n"
+    "  -f, --script FILE    read commands from FILE instead of standard input; a failed command makes\n"
+    "                       the exit status 1\n"
+    "  -e, --ethertype TYPE receive only this EtherType, after the outer VLAN tag (default: all)\n"
+    "  -h, --help           this text\n") + helpText;
+
+Tools::Program const program("intfsm-agent", usageText.c_str());
 
 void portIs(std::vector<Port> & ports, std::string const & id, std::string const & device, std::string const & ns) {
   auto intfId = Ovel::IntfId::fromName(Vorn::String(id));
-  if (!intfId) usage(("bad interface id '" + id + "'").c_str());
-  if (device.empty() || device.size() >= 16) usage(("bad device name '" + device + "' for " + id).c_str());
+  if (!intfId) program.argumentError("bad interface id '" + id + "'");
+  if (device.empty() || device.size() >= 16) program.argumentError("bad device name '" + device + "' for " + id);
+  if (!ns.empty()) {
+    struct stat st{};
+    if (ns.size() > Ovel::maxNsNameBytes || ns.find('/') != std::string::npos || ns == "." || ns == ".." ||
+        stat(("/run/netns/" + ns).c_str(), &st) != 0) {
+      program.argumentError("no network namespace '" + ns + "' (for " + id + ")");
+    }
+  }
   for (Port const & p : ports) {
-    if (p.id == *intfId) usage(("interface " + id + " given twice").c_str());
+    if (p.id == *intfId) program.argumentError("interface " + id + " given twice");
+    // Two interfaces on one device: the packet side keeps one endpoint per device, and the second
+    // would never receive.
+    if (p.device == device && p.netNs == ns) {
+      program.argumentError("interfaces " + p.id.name().stdString() + " and " + id + " on one device " + device);
+    }
   }
   Port p;
   p.id = *intfId;
@@ -561,19 +653,30 @@ void portIs(std::vector<Port> & ports, std::string const & id, std::string const
   ports.push_back(std::move(p));
 }
 
+// Library trace lines are for whoever asked for them with BRISKLOG, not for the operator.
+class Silent : public Brisklog::Sink {
+ public:
+  void lineIs(Brisklog::Line const &) override {}
+};
+
 }  // namespace
 
 int main(int argc, char ** argv) {
+  static option const longOptions[] = {
+      {"interface", required_argument, nullptr, 'i'}, {"ports", required_argument, nullptr, 'c'},
+      {"script", required_argument, nullptr, 'f'},    {"ethertype", required_argument, nullptr, 'e'},
+      {"help", no_argument, nullptr, 'h'},            {nullptr, 0, nullptr, 0},
+  };
   std::vector<Port> ports;
   std::string script;
-  uint16_t etherType = ETH_P_ALL;  // the sockets' protocol: 0 would receive nothing
-  int opt;
-  while ((opt = getopt(argc, argv, "i:c:f:e:h")) != -1) {
+  int etherType = -1;
+  opterr = 0;
+  for (int opt; (opt = getopt_long(argc, argv, "i:c:f:e:h", longOptions, nullptr)) != -1;) {
     switch (opt) {
       case 'i': {
         std::string const arg = optarg;
         size_t const eq = arg.find('=');
-        if (eq == std::string::npos) usage(("-i wants ID=DEVICE[@NAMESPACE], not '" + arg + "'").c_str());
+        if (eq == std::string::npos) program.argumentError("-i wants ID=DEVICE[@NAMESPACE], not '" + arg + "'");
         std::string rest = arg.substr(eq + 1);
         size_t const at = rest.find('@');
         portIs(ports, arg.substr(0, eq), rest.substr(0, at), at == std::string::npos ? "" : rest.substr(at + 1));
@@ -581,11 +684,11 @@ int main(int argc, char ** argv) {
       }
       case 'c': {
         std::ifstream in(optarg);
-        if (!in) usage((std::string("cannot read ") + optarg).c_str());
+        if (!in) program.argumentError(std::string("cannot read ") + optarg);
         for (std::string line; std::getline(in, line);) {
           std::vector<std::string> const w = words(line.substr(0, line.find('#')));
           if (w.empty()) continue;
-          if (w.size() > 3 || w.size() < 2) usage(("bad line in " + std::string(optarg) + ": " + line).c_str());
+          if (w.size() > 3 || w.size() < 2) program.argumentError("bad line in " + std::string(optarg) + ": " + line);
           portIs(ports, w[0], w[1], w.size() == 3 ? w[2] : "");
         }
         break;
@@ -593,30 +696,37 @@ int main(int argc, char ** argv) {
       case 'f': script = optarg; break;
       case 'e': {
         auto n = number(optarg, 0xffff);
-        if (!n) usage((std::string("bad EtherType '") + optarg + "'").c_str());
-        etherType = static_cast<uint16_t>(*n);
+        if (!n) program.argumentError(std::string("bad EtherType '") + optarg + "'");
+        etherType = static_cast<int>(*n);
         break;
       }
-      default: usage(nullptr);
+      case 'h': program.help();
+      default: program.badOption(optopt, argv[optind - 1]);
     }
   }
-  if (optind != argc) usage("unexpected arguments");
-  if (ports.empty()) usage("no interfaces (-i or -c)");
+  if (optind != argc) program.argumentError(std::string("unexpected argument '") + argv[optind] + "'");
+  if (ports.empty()) program.argumentError("no interfaces (-i or -c)");
   int input = STDIN_FILENO;
   if (!script.empty()) {
     input = open(script.c_str(), O_RDONLY | O_CLOEXEC);
-    if (input < 0) usage(("cannot read " + script + ": " + std::strerror(errno)).c_str());
+    if (input < 0) program.argumentError("cannot read " + script + ": " + std::strerror(errno));
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
+  Silent silent;
+  if (!std::getenv("BRISKLOG")) Brisklog::sinkIs(&silent);
 
+  int status = Tools::exitOk;
   try {
-    Agent agent(std::move(ports), etherType);
+    Agent agent(std::move(ports), etherType, !script.empty());
     agent.inputIs(input);
     if (!agent.quitting()) Vorn::activityManager().run();
+    status = agent.status();
   } catch (Vorn::Exception const & e) {
     std::fprintf(stderr, "intfsm-agent: %s\n", e.what());
-    return 1;
+    status = Tools::exitFailed;
   }
+  Brisklog::sinkIs(nullptr);
   if (input != STDIN_FILENO) close(input);
-  return 0;
+  if (!Tools::outputOk("intfsm-agent")) status = Tools::exitFailed;
+  return status;
 }
