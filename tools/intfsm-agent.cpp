@@ -88,7 +88,15 @@ struct Port {
   uint64_t unmatched = 0;
   uint64_t dropsAtClear = 0;  // the Pam's drop count when the counters were last cleared
   std::string operSet = "-";  // the status the operator set last
+  bool ownNamespace = true;   // the device is in the agent's own namespace (named or not)
 };
+
+// Whether namespace `ns` (bound at /run/netns) is the one this process runs in.
+bool isOwnNamespace(std::string const & ns) {
+  struct stat there{}, here{};
+  return stat(("/run/netns/" + ns).c_str(), &there) == 0 && stat("/proc/self/ns/net", &here) == 0 &&
+         there.st_dev == here.st_dev && there.st_ino == here.st_ino;
+}
 
 std::vector<std::string> words(std::string const & line) {
   std::istringstream in(line);
@@ -468,7 +476,7 @@ std::string Agent::doWatch(std::vector<std::string> const & w, bool watch) {
   std::vector<Port *> const ports = portsNamed(w[1]);
   if (ports.empty()) return "no interface '" + w[1] + "'";
   for (Port * p : ports) {
-    if (watch && !p->netNs.empty()) {
+    if (watch && !p->ownNamespace) {
       // The packet side opens its sockets in the agent's own namespace only.
       std::printf("not watching %s: its device %s is in namespace %s; packet access is in the agent's own namespace "
                   "(start the agent with ip netns exec %s)\n",
@@ -607,8 +615,8 @@ void Agent::handleRx(Ovel::Pam const & pam, Ovel::IntfId const & intfId, Ovel::P
   ++port.received;
   if (print_) {
     std::string const where = port.id.name().stdString() + "/" + pam.name().stdString();
-    std::printf("%s\n", Tools::frameLine(Tools::receiveTime(pkt), where, wire_.data(), wire_.size(), wire_.size()).c_str());
-    if (!Tools::outputOk("intfsm-agent")) {
+    std::string const line = Tools::frameLine(Tools::receiveTime(pkt), where, wire_.data(), wire_.size(), wire_.size()) + "\n";
+    if (!Tools::outputIs("intfsm-agent", line) || !Tools::outputOk("intfsm-agent")) {
       outputLost_ = quit_ = true;
       Vorn::activityManager().stop();
     }
@@ -650,6 +658,7 @@ void portIs(std::vector<Port> & ports, std::string const & id, std::string const
   p.id = *intfId;
   p.device = device;
   p.netNs = ns;
+  p.ownNamespace = ns.empty() || isOwnNamespace(ns);
   ports.push_back(std::move(p));
 }
 

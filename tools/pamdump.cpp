@@ -488,7 +488,7 @@ void Capture::handleFrame(Ovel::IntfId const & intfId, Ovel::Pkt const & pkt) {
       size_t const skip = o_.hex == 2 ? 0 : std::min<size_t>(caplen, 14);
       line += hexDump(wire_.data() + skip, caplen - skip, o_.ascii);
     }
-    if (std::fputs(line.c_str(), stdout) < 0) outputLost_ = true;
+    if (!Tools::outputIs("pamdump", line)) outputLost_ = true;
   }
   if (writer_.isOpen() && !writer_.frameIs(when, wire_.data(), caplen, len, pkt.ifIndex(), pkt.pktType())) outputLost_ = true;
   if ((o_.count && total_ >= o_.count) || outputLost_) Vorn::activityManager().stop();

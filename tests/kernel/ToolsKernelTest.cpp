@@ -1,11 +1,17 @@
 // The programs against the real kernel, in a lab the test builds: a "switch" namespace with et1/et2
-// and a "peer" namespace with their veth peers pe1/pe2, where pamsend is the traffic source.
-// - intfsm-agent, driven through its standard input: the kernel's operstate follows its commands,
-//   frames from the peer are counted on watched interfaces only, and a frame it sends reaches the peer;
-// - pamdump: -c N prints exactly N frame lines, -w writes a file that tcpdump -r reads back, and bad
-//   arguments get one line and exit status 2.
+// and a "peer" namespace with their veth peers pe1/pe2, where scapy (tools/frames.py) and pamsend
+// are the traffic sources and tcpdump the reference reader on the same device.
+// - what a socket bound to one EtherType sees of tagged frames (why the programs bind to all);
+// - pamdump: the same frames as live tcpdump for each expression, tags kept with and without
+//   --ethertype, -s, -w -, SLL2 files, lines, promiscuous mode, exit statuses and signals;
+// - intfsm-agent: operstate, counting, sending, and what it does with bad input and lost output;
+// - pamsend: argument errors and signals.
 #include <fcntl.h>
+#include <arpa/inet.h>
 #include <linux/if.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -19,9 +25,11 @@
 #include <cstdio>
 #include <regex>
 #include <sstream>
+#include <thread>
 #include <string>
 #include <vector>
 
+#include "intfsm/foundation/ovel/SocketAt.h"
 #include "tests/support/NetNs.h"
 
 namespace {
@@ -52,6 +60,8 @@ class Program {
     in_ = in[1];
     out_ = out[0];
   }
+  Program(Program const &) = delete;
+  Program & operator=(Program const &) = delete;
   ~Program() {
     if (in_ >= 0) close(in_);
     if (pid_ > 0 && status_ < 0) {
@@ -126,9 +136,9 @@ std::vector<std::string> linesMatching(std::string const & text, std::regex cons
   return out;
 }
 
-// "Ethernet1 ... received drops" row of the agent's last table: the received count.
+// "Ethernet1 ... watched received drops" row of the agent's last table: the received count.
 long receivedOf(std::string const & output, std::string const & intf) {
-  std::regex const row("^" + intf + R"( +\S+ +\S+ +\S+ +(yes|no) +(\d+))");
+  std::regex const row("^" + intf + R"( +\S+ +\S+ +\S+ +\S+ +(yes|no) +(\d+))");
   long last = -1;
   std::istringstream in(output);
   std::smatch m;
@@ -138,7 +148,28 @@ long receivedOf(std::string const & output, std::string const & intf) {
   return last;
 }
 
-std::regex const frameLine(R"(^\d\d:\d\d:\d\d\.\d{6} \S+ ([0-9a-f]{2}:){5}[0-9a-f]{2} > ([0-9a-f]{2}:){5}[0-9a-f]{2}, ethertype 0x[0-9a-f]{4}, .*length \d+$)");
+std::string const tmp = "/tmp/intfsm-tools-" + std::to_string(getpid());
+
+// The frames of tools/frames.py the capture tests send, in order, and pamdump's line for each (after
+// the device).
+struct SentFrame {
+  char const * name;
+  char const * line;
+};
+SentFrame const sentFrames[] = {
+    {"exp", ", ethertype 0x88b5, length 60$"},
+    {"exp-v100", ", vlan 100 p 3, ethertype 0x88b5, length 64$"},
+    {"arp", ", ethertype 0x0806, length 42: ARP, Request who-has 10.0.0.2 tell 10.0.0.1$"},
+    {"arp-v4094", ", vlan 4094 p 5, ethertype 0x0806, length 46: ARP, Request who-has 10.0.0.2 tell 10.0.0.1$"},
+    {"dns", ", ethertype 0x0800, length 62: IPv4 10.0.0.1 > 10.0.0.2, UDP 3333 > 53$"},
+    {"dns-v200", ", vlan 200 p 0, ethertype 0x0800, length 66: IPv4 10.0.0.1 > 10.0.0.2, UDP 3333 > 53$"},
+    {"tcp6", ", ethertype 0x86dd, length 74: IPv6 fd00::1 > fd00::2, TCP 40000 > 80$"},
+    {"qinq", ", vlan 30 p 1, vlan 300 p 2, ethertype 0x0800, length 70: IPv4 10.0.0.1 > 10.0.0.2, UDP 3333 > 53$"},
+    {"dot1q-dot1q", ", vlan 10 p 0, vlan 20 p 0, ethertype 0x88b5, length 68$"},
+    {"lldp", " 01:80:c2:00:00:0e, ethertype 0x88cc, length 60: LLDP, chassis 02:00:00:00:00:01 port port7$"},
+    {"lacp", " 01:80:c2:00:00:02, ethertype 0x8809, length 124: LACP, actor 02:00:00:00:00:09 key 7 port 3 state 0x3d$"},
+    {"big", ", ethertype 0x0800, length 1514: IPv4 10.0.0.1 > 10.0.0.2, UDP 3333 > 53$"},
+};
 
 class ToolsKernelTest : public IntfsmTest::NetNsTest {
  protected:
@@ -168,46 +199,313 @@ class ToolsKernelTest : public IntfsmTest::NetNsTest {
     auto const r = runCommand(argv);
     ASSERT_EQ(r.status, 0) << r.output;
   }
+  // Sends the frames named, in order, from pe1 with scapy.
+  void sendFrames(std::vector<std::string> const & names) {
+    std::string command = std::string("/usr/bin/python3 ") + TOOLS_FRAMES_PY + " pe1";
+    for (auto const & n : names) command += " " + n;
+    auto const r = netns().runIn(peer, command);
+    ASSERT_EQ(r.status, 0) << r.output;
+  }
+  Program in(std::string const & ns, std::vector<std::string> args) {
+    args.insert(args.begin(), {"ip", "netns", "exec", ns});
+    return Program(args);
+  }
   Program pamdump(std::vector<std::string> args) {
-    args.insert(args.begin(), PAMDUMP_PATH);
+    args.insert(args.begin(), {PAMDUMP_PATH, "--netns", sw});
     return Program(args);
   }
 
   std::string sw, peer;
 };
 
+// What the kernel hands a packet socket of et1 bound to one protocol (or to all) of each tagged frame:
+// whether it comes, the tag it reports beside the frame, and the EtherType at offset 12 of the bytes.
+TEST_F(ToolsKernelTest, ASocketBoundToOneEtherTypeSeesTaggedFramesWithoutTheirTag) {
+  struct Case {
+    uint16_t protocol;
+    char const * frame;
+    int tag;          // -1: none reported; -2: the frame does not come
+    uint16_t type;
+  } const cases[] = {
+      {ETH_P_ALL, "arp-v4094", 4094, 0x0806}, {ETH_P_ARP, "arp-v4094", -1, 0x0806},
+      {ETH_P_ALL, "qinq", 30, 0x8100},        {ETH_P_8021Q, "qinq", -1, 0x8100},  {ETH_P_IP, "qinq", -2, 0},
+      {0x88b5, "exp-v100", -1, 0x88b5},       {ETH_P_8021Q, "exp-v100", -2, 0},   {ETH_P_ALL, "exp-v100", 100, 0x88b5},
+  };
+  int const ifIndex = netns().link(sw, "et1")->ifindex;
+  std::vector<int> sockets;
+  for (Case const & c : cases) {
+    int const sd = Ovel::socketAt(AF_PACKET, SOCK_RAW, htons(c.protocol), sw.c_str());
+    ASSERT_GE(sd, 0);
+    int const on = 1;
+    sockaddr_ll where{};
+    where.sll_family = AF_PACKET;
+    where.sll_protocol = htons(c.protocol);
+    where.sll_ifindex = ifIndex;
+    ASSERT_EQ(setsockopt(sd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on), 0);
+    ASSERT_EQ(bind(sd, reinterpret_cast<sockaddr *>(&where), sizeof where), 0);
+    sockets.push_back(sd);
+  }
+  sendFrames({"arp-v4094", "qinq", "exp-v100"});
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    Case const & c = cases[i];
+    SCOPED_TRACE(std::string(c.frame) + " on protocol " + std::to_string(c.protocol));
+    // Each socket sees each frame at most once, in order: read until this case's frame or nothing left.
+    int tag = -2;
+    uint16_t type = 0;
+    for (;;) {
+      uint8_t bytes[2048];
+      char control[256];
+      iovec iov{bytes, sizeof bytes};
+      msghdr m{};
+      m.msg_iov = &iov;
+      m.msg_iovlen = 1;
+      m.msg_control = control;
+      m.msg_controllen = sizeof control;
+      pollfd p{sockets[i], POLLIN, 0};
+      if (poll(&p, 1, 200) <= 0 || recvmsg(sockets[i], &m, MSG_DONTWAIT) < 14) break;
+      auto const * aux = reinterpret_cast<tpacket_auxdata const *>(CMSG_DATA(CMSG_FIRSTHDR(&m)));
+      bool const tagged = aux->tp_status & TP_STATUS_VLAN_VALID;
+      int const id = tagged ? aux->tp_vlan_tci & 0xfff : -1;
+      uint16_t const t = static_cast<uint16_t>(bytes[12] << 8 | bytes[13]);
+      // Frames are told apart by what each carries: 4094 or ARP, 30 or 0x8100 over IP, 100 or 0x88b5.
+      bool const match = (std::string(c.frame) == "arp-v4094" && (id == 4094 || t == 0x0806)) ||
+                         (std::string(c.frame) == "qinq" && (id == 30 || (id == -1 && t == 0x8100 && bytes[16] == 0x08))) ||
+                         (std::string(c.frame) == "exp-v100" && (id == 100 || (id == -1 && t == 0x88b5)));
+      if (match) {
+        tag = id;
+        type = t;
+        break;
+      }
+    }
+    EXPECT_EQ(tag, c.tag);
+    if (c.tag != -2) {
+      EXPECT_EQ(type, c.type);
+    }
+  }
+  for (int sd : sockets) close(sd);
+}
+
+// Every capture of one send of the frames above, side by side: pamdump and live tcpdump (-Q in) on
+// et1 with the same expression write files that read back the same, frame for frame, tags included;
+// pamdump's lines; -w - read by tcpdump -r -; -s; --ethertype keeps the tags.
+TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
+  struct Case {
+    std::vector<std::string> pamdump;  // after -i et1
+    std::string tcpdump;               // tcpdump's expression and options for the same frames
+    size_t frames;
+  } const cases[] = {
+      {{}, "", 12},
+      {{"vlan"}, "vlan", 5},
+      {{"vlan 100"}, "vlan 100", 1},
+      {{"udp port 53"}, "udp port 53", 3},
+      {{"arp"}, "arp", 2},
+      {{"--ethertype", "0x0806"}, "ether proto 0x0806", 2},
+      {{"--ethertype", "0x8100"}, "ether proto 0x8100", 2},
+      {{"--ethertype", "0x88b5", "vlan"}, "ether proto 0x88b5 and vlan", 1},
+      {{"-s", "100", "--bulk"}, "-s 100", 12},
+      {{"--ring", "-B", "4096", "ip"}, "ip", 3},
+  };
+  std::vector<std::unique_ptr<Program>> captures;
+  std::vector<std::string> files;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    files.push_back(tmp + "-" + std::to_string(i));
+    std::vector<std::string> args = {"-i", "et1", "-c", std::to_string(cases[i].frames), "-w", files.back() + ".pam"};
+    args.insert(args.end(), cases[i].pamdump.begin(), cases[i].pamdump.end());
+    args.insert(args.begin(), {PAMDUMP_PATH, "--netns", sw});
+    captures.push_back(std::make_unique<Program>(args));
+    captures.push_back(std::make_unique<Program>(std::vector<std::string>{
+        "ip", "netns", "exec", sw, "sh", "-c",
+        "exec tcpdump -Q in -i et1 -U -c " + std::to_string(cases[i].frames) + " -w " + files.back() + ".tcp " + cases[i].tcpdump}));
+  }
+  Program lines = pamdump({"-i", "et1", "-c", std::to_string(std::size(sentFrames))});
+  Program piped = in(sw, {"sh", "-c", std::string(PAMDUMP_PATH) + " -i et1 -c 3 -w - | tcpdump -r - -nn -e"});
+  for (size_t i = 0; i < captures.size(); ++i) {
+    char const * ready = i % 2 ? "listening on" : "capturing on";
+    ASSERT_THAT(captures[i]->readUntil(ready, std::chrono::seconds(10)), HasSubstr(ready)) << captures[i]->output();
+  }
+  lines.readUntil("capturing on");
+  piped.readUntil("capturing on");
+  std::vector<std::string> names;
+  for (SentFrame const & f : sentFrames) names.push_back(f.name);
+  sendFrames(names);
+
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE("pamdump " + ::testing::PrintToString(cases[i].pamdump));
+    EXPECT_EQ(captures[2 * i]->wait(), 0) << captures[2 * i]->output();
+    EXPECT_EQ(captures[2 * i + 1]->wait(), 0) << captures[2 * i + 1]->output();
+    auto const pam = runCommand({"tcpdump", "-r", files[i] + ".pam", "-nn", "-e", "-t", "-x"});
+    auto const tcp = runCommand({"tcpdump", "-r", files[i] + ".tcp", "-nn", "-e", "-t", "-x"});
+    unlink((files[i] + ".pam").c_str());
+    unlink((files[i] + ".tcp").c_str());
+    EXPECT_EQ(pam.output.substr(pam.output.find('\n')), tcp.output.substr(tcp.output.find('\n')));
+    EXPECT_EQ(linesMatching(pam.output, std::regex("^02:00:00:00:00:01 > ")).size(), cases[i].frames) << pam.output;
+  }
+  EXPECT_EQ(lines.wait(), 0) << lines.output();
+  for (SentFrame const & f : sentFrames) {
+    EXPECT_EQ(linesMatching(lines.output(), std::regex(std::string(R"(^\d\d:\d\d:\d\d\.\d{6} et1 02:00:00:00:00:01 >( ff:ff:ff:ff:ff:ff)?)") + f.line)).size(), 1u)
+        << f.name << "\n" << lines.output();
+  }
+  EXPECT_EQ(piped.wait(), 0) << piped.output();
+  EXPECT_THAT(piped.output(), HasSubstr("link-type EN10MB"));
+  EXPECT_EQ(linesMatching(piped.output(), std::regex("^[0-9:.]+ 02:00:00:00:00:01 > ")).size(), 3u) << piped.output();
+}
+
+// Two devices: Linux cooked (SLL2) records that say which device each frame came from.
+TEST_F(ToolsKernelTest, PamdumpWritesTheDeviceOfEachFrameWhenCapturingOnSeveral) {
+  std::string const file = tmp + ".sll2";
+  Program capture = pamdump({"-i", "et1", "-i", "et2", "-i", "et1", "-c", "5", "-w", file});
+  ASSERT_THAT(capture.readUntil("capturing on"), HasSubstr("capturing on 2 devices")) << capture.output();
+  send("1", 3, {"-v", "7"});
+  send("2", 2);
+  ASSERT_EQ(capture.wait(), 0) << capture.output();
+  auto const r = runCommand({"tcpdump", "-r", file, "-nn", "-e"});
+  unlink(file.c_str());
+  EXPECT_THAT(r.output, HasSubstr("link-type LINUX_SLL2"));
+  for (auto const & [device, count] : {std::pair{"et1", 3u}, std::pair{"et2", 2u}}) {
+    std::string const index = std::to_string(netns().link(sw, device)->ifindex);
+    EXPECT_EQ(linesMatching(r.output, std::regex(" B +ifindex " + index + " 02:00:00:00:00:01 ethertype ")).size(), count) << r.output;
+  }
+  EXPECT_EQ(linesMatching(r.output, std::regex("length 70: vlan 7, p 0, ")).size(), 3u) << r.output;
+}
+
+// Bad arguments: one line and a hint, exit status 2, nothing done; -h and --help: the usage on
+// standard output, exit status 0.
+TEST_F(ToolsKernelTest, ProgramsRefuseBadArgumentsWithOneLineAndHelpOnStandardOutput) {
+  std::string const longName(151, 'n');
+  struct Case {
+    std::vector<std::string> argv;
+    std::string line;
+  } const cases[] = {
+      {{PAMDUMP_PATH, "--netns", sw, "-i", "nosuch0"}, "pamdump: no device 'nosuch0' in namespace " + sw},
+      {{PAMDUMP_PATH, "--netns", "intfsm-no-such-ns"}, "pamdump: no network namespace 'intfsm-no-such-ns'"},
+      {{PAMDUMP_PATH, "--netns", longName}, "pamdump: bad network namespace name"},
+      {{PAMDUMP_PATH, "--netns", sw, "-i", "et1", "vlan and and"}, "pamdump: malformed filter expression \"vlan and and\": "},
+      {{PAMDUMP_PATH, "--netns", sw, "-i", "et1", "{ 0x6, 0, 0 }"}, "pamdump: malformed filter program \"{ 0x6, 0, 0 }\""},
+      {{PAMDUMP_PATH, "--netns", sw, "-i", "et1", "--socket-filter", "{ 0x28, 0, 0, 0xc }"},
+       "pamdump: the kernel refused the socket filter of 1 instructions: Invalid argument"},
+      {{PAMDUMP_PATH, "-c", "x"}, "pamdump: bad count 'x'"},
+      {{PAMDUMP_PATH, "-Q", "out"}, "pamdump: -Q out: pamdump captures received frames only (-Q in)"},
+      {{PAMDUMP_PATH, "-n", "-z"}, "pamdump: bad option -z or its value is missing"},
+      {{INTFSM_AGENT_PATH, "--bogus"}, "intfsm-agent: bad option '--bogus' or its value is missing"},
+      {{INTFSM_AGENT_PATH, "-i", "E1=et1@intfsm-no-such-ns"}, "intfsm-agent: no network namespace 'intfsm-no-such-ns' (for E1)"},
+      {{INTFSM_AGENT_PATH, "-i", "E1=et1@" + sw, "-i", "E2=et1@" + sw}, "intfsm-agent: interfaces E1 and E2 on one device et1"},
+      {{PAMSEND_PATH, "-i", "pe1", "-n", longName}, "pamsend: bad network namespace name"},
+      {{PAMSEND_PATH, "-i", "pe1", "-l", "50"}, "pamsend: length 50 below the shortest frame, 60"},
+      {{PAMSEND_PATH, "-i", "pe1", "-v", "5", "-l", "60"}, "pamsend: length 60 below the shortest frame, 64"},
+      {{PAMSEND_PATH, "-i", "pe1", "-V", "2"}, "pamsend: -V tags every Nth frame of -v: give -v too"},
+      {{PAMSEND_PATH, "-n", peer, "-i", "nosuch0"}, "pamsend: no device nosuch0 in namespace " + peer},
+  };
+  for (Case const & c : cases) {
+    std::vector<std::string> argv = {"timeout", "10"};  // a program that went on to work would not end
+    argv.insert(argv.end(), c.argv.begin(), c.argv.end());
+    auto const r = runCommand(argv);
+    EXPECT_EQ(r.status, 2) << r.output;
+    EXPECT_THAT(r.output, testing::StartsWith(c.line));
+    EXPECT_THAT(r.output, testing::EndsWith(" -h' for help.\n"));
+    EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 2) << r.output;
+  }
+  for (char const * program : {PAMDUMP_PATH, INTFSM_AGENT_PATH, PAMSEND_PATH}) {
+    for (char const * help : {"-h", "--help"}) {
+      auto const r = runCommand({"sh", "-c", std::string(program) + " " + help + " 2>/dev/null"});
+      EXPECT_EQ(r.status, 0) << program << " " << help;
+      EXPECT_THAT(r.output, testing::StartsWith("usage: ")) << program << " " << help;
+    }
+  }
+}
+
+// How the programs end: by count, signal or lost output, with the status that says whether the
+// output is complete; pamdump's devices are promiscuous while it runs (not with -p).
+TEST_F(ToolsKernelTest, ProgramsEndCleanlyOnSignalsAndReportLostOutput) {
+  std::string const file = tmp + ".pcap";
+  Program capture = pamdump({"-i", "et1", "-w", file});
+  Program plain = pamdump({"-i", "et2", "-p", "--count-only"});
+  capture.readUntil("capturing on");
+  plain.readUntil("capturing on");
+  EXPECT_EQ(netns().runIn(sw, "ip -d link show et1 | grep -c 'promiscuity 1'").output, "1\n");
+  EXPECT_EQ(netns().runIn(sw, "ip -d link show et2 | grep -c 'promiscuity 0'").output, "1\n");
+  send("1", 4);
+  capture.signal(SIGHUP);
+  plain.signal(SIGTERM);
+  EXPECT_EQ(capture.wait(), 0) << capture.output();
+  EXPECT_EQ(plain.wait(), 0) << plain.output();
+  EXPECT_EQ(netns().runIn(sw, "ip -d link show et1 | grep -c 'promiscuity 0'").output, "1\n");
+  auto const r = runCommand({"tcpdump", "-r", file, "-nn"});
+  unlink(file.c_str());
+  EXPECT_EQ(linesMatching(r.output, std::regex("^[0-9:.]+ 02:00:00:00:00:01 > ")).size(), 4u) << r.output;
+
+  struct Case {
+    std::string shell;  // run in the switch namespace
+    std::string ending;
+  } const cases[] = {
+      // A reader that leaves: no death by SIGPIPE, and the status says the output is not whole.
+      {std::string(PAMDUMP_PATH) + " -i et1 -c 2000 | head -1 >/dev/null; echo status ${PIPESTATUS[0]}",
+       "pamdump: cannot write standard output: Broken pipe"},
+      {std::string(PAMDUMP_PATH) + " -i et1 -c 1 -w /dev/full; echo status $?", "No space left on device; the file is not complete"},
+      {"(echo watch E1; echo print on; sleep 1) | " + std::string(INTFSM_AGENT_PATH) +
+           " -i E1=et1 | head -3 >/dev/null; echo status ${PIPESTATUS[1]}",
+       "intfsm-agent: cannot write standard output: Broken pipe"},
+  };
+  for (Case const & c : cases) {
+    Program p = in(sw, {"bash", "-c", c.shell});
+    p.readUntil("capturing on", std::chrono::milliseconds(c.shell.find("pamdump") != std::string::npos ? 5000 : 300));
+    send("1", 20, {"-r", "100"});
+    EXPECT_EQ(p.wait(), 0) << p.output();
+    EXPECT_THAT(p.output(), HasSubstr(c.ending)) << c.shell;
+    EXPECT_THAT(p.output(), HasSubstr("status 1\n")) << c.shell;
+  }
+
+  // Under a service manager: no commands, running until SIGHUP. pamsend in the background, SIGINT.
+  Program agent = in(sw, {"sh", "-c", "exec " + std::string(INTFSM_AGENT_PATH) + " -i E1=et1 </dev/null"});
+  Program sender = in(peer, {"sh", "-c", std::string(PAMSEND_PATH) + " -i pe1 -c 0 -r 50 & echo pid $!; wait"});
+  std::smatch pid;
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::string const started = sender.readUntil("\n");
+  ASSERT_TRUE(std::regex_search(started, pid, std::regex("pid ([0-9]+)\n"))) << started;
+  EXPECT_THAT(agent.readUntil("running until"), HasSubstr("standard input gives no commands; running until SIGINT"));
+  agent.signal(SIGHUP);
+  EXPECT_EQ(agent.wait(), 0) << agent.output();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  kill(std::stoi(pid[1]), SIGINT);
+  EXPECT_EQ(sender.wait(), 0) << sender.output();
+  EXPECT_THAT(sender.output(), testing::ContainsRegex("pamsend: stopped after [0-9]+ frames"));
+}
+
 TEST_F(ToolsKernelTest, AgentMirrorsOperStatusCountsWatchedFramesAndSends) {
-  Program agent({"ip", "netns", "exec", sw, INTFSM_AGENT_PATH, "-i", "Ethernet1=et1@" + sw, "-i", "Ethernet2=et2"});
+  Program agent = in(sw, {INTFSM_AGENT_PATH, "-i", "Ethernet1=et1@" + sw, "-i", "Ethernet2=et2", "-e", "0x88b5"});
   agent.write("oper all up\nwatch Ethernet1\nsay ready\n");
   ASSERT_THAT(agent.readUntil("== ready"), HasSubstr("== ready"));
 
-  agent.write("oper Ethernet2 dormant\nsay dormant\n");
-  ASSERT_THAT(agent.readUntil("== dormant"), HasSubstr("== dormant"));
+  agent.write("oper Ethernet2 down\nsay down\n");
+  ASSERT_THAT(agent.readUntil("== down"), HasSubstr("== down"));
   EXPECT_TRUE(netns().waitForOperState(sw, "et2", IF_OPER_DORMANT));
   EXPECT_EQ(netns().link(sw, "et1")->operState, IF_OPER_UP);
   agent.write("oper Ethernet2 up\nsay up\n");
   agent.readUntil("== up");
   EXPECT_TRUE(netns().waitForOperState(sw, "et2", IF_OPER_UP));
 
-  send("1", 5);
+  agent.write("print on\nsay printing\n");
+  agent.readUntil("== printing");
+  send("1", 5, {"-v", "9"});
+  send("1", 2, {"-e", "0x88b6"});  // not the agent's EtherType: the kernel keeps them
   send("2", 4);
-  agent.write("wait 0.3\nshow\nsay counted\n");
+  agent.write("wait 0.3\nshow\nshow Ethernet2\nsay counted\n");
   std::string out = agent.readUntil("== counted");
   EXPECT_EQ(receivedOf(out, "Ethernet1"), 5) << out;
   EXPECT_EQ(receivedOf(out, "Ethernet2"), 0) << out;
+  EXPECT_EQ(linesMatching(out, std::regex("Ethernet1/et1 .*, vlan 9 p 0, ethertype 0x88b5, length 64$")).size(), 5u) << out;
   EXPECT_THAT(out, HasSubstr("dropped: 4 frames of unwatched interfaces")) << out;
-  EXPECT_THAT(out, testing::ContainsRegex("Ethernet2 +et2 +[0-9]+ +UP +no")) << out;
+  EXPECT_EQ(linesMatching(out, std::regex("^Ethernet2 +et2 +[0-9]+ +up +UP +no")).size(), 2u) << out;
 
   // A frame the agent sends out of et1 arrives at pe1.
-  Program capture = pamdump({"-n", peer, "-i", "pe1", "-c", "3", "vlan 7 and ether proto 0x88b7"});
+  Program capture = in(peer, {PAMDUMP_PATH, "-i", "pe1", "-c", "3", "vlan 7 and ether proto 0x88b7"});
   ASSERT_THAT(capture.readUntil("capturing on"), HasSubstr("capturing on")) << capture.output();
-  agent.write("send Ethernet1 count 3 type 0x88b7 vlan 7\nsend Ethernet2\nbogus\nsay sent\n");
+  agent.write("print off\nsend Ethernet1 count 3 type 0x88b7 vlan 7\nsend Ethernet2\nbogus\nsay sent\n");
   out = agent.readUntil("== sent");
   EXPECT_THAT(out, HasSubstr("sent 3 frames out of Ethernet1 (et1)"));
   EXPECT_THAT(out, HasSubstr("error: send: Ethernet2 is not watched"));
   EXPECT_THAT(out, HasSubstr("error: unknown command 'bogus' (try help)"));
   ASSERT_EQ(capture.wait(), 0) << capture.output();
-  EXPECT_EQ(linesMatching(capture.output(), std::regex("^.* pe1 .*ethertype 0x88b7, vlan 7, length 64$")).size(), 3u)
+  EXPECT_EQ(linesMatching(capture.output(), std::regex("^.* pe1 .*vlan 7 p 0, ethertype 0x88b7, length 64$")).size(), 3u)
       << capture.output();
 
   // Unwatched, Ethernet1 loses its endpoint: its frames are drops now, counted from the clear.
@@ -217,68 +515,36 @@ TEST_F(ToolsKernelTest, AgentMirrorsOperStatusCountsWatchedFramesAndSends) {
   agent.write("wait 0.3\nshow\nsay after\n");
   out = agent.readUntil("== after");
   EXPECT_EQ(receivedOf(out, "Ethernet1"), 0) << out;
-  EXPECT_THAT(out, testing::ContainsRegex("Ethernet1 +et1 +[0-9]+ +UP +no")) << out;
+  EXPECT_THAT(out, testing::ContainsRegex("Ethernet1 +et1 +[0-9]+ +up +UP +no")) << out;
   EXPECT_THAT(out, HasSubstr("dropped: 3 frames of unwatched interfaces")) << out;
 
   agent.write("quit\n");
   EXPECT_EQ(agent.wait(), 0) << agent.output();
 }
 
-TEST_F(ToolsKernelTest, PamdumpPrintsOneLinePerFrameAndStopsAtTheCount) {
-  for (std::string const mode : {"", "-B", "-R"}) {  // single, bulk and ring reads
-    SCOPED_TRACE("reads " + mode);
-    std::vector<std::string> args = {"-n", sw, "-i", "et1", "-i", "et2", "-c", "6"};
-    if (!mode.empty()) args.push_back(mode);
-    Program capture = pamdump(args);
-    ASSERT_THAT(capture.readUntil("capturing on 2 devices"), HasSubstr("capturing on 2 devices")) << capture.output();
-    EXPECT_EQ(capture.socketMappings() > 0, mode == "-R");
-    send("1", 3, {"-v", "100"});
-    send("2", 3);
-    ASSERT_EQ(capture.wait(), 0) << capture.output();
-    auto const lines = linesMatching(capture.output(), frameLine);
-    EXPECT_EQ(lines.size(), 6u) << capture.output();
-    EXPECT_EQ(linesMatching(capture.output(), std::regex(" et1 02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype 0x88b5, "
-                                                         "vlan 100, length 64$")).size(),
-              3u)
-        << capture.output();
-    EXPECT_THAT(capture.output(), HasSubstr("pamdump: 6 frames captured"));
+// A script's bad lines: each error with its line, the filter in force kept, the exit status 1.
+TEST_F(ToolsKernelTest, AgentScriptReportsEachFailedLineAndEndsWithStatusOne) {
+  std::string program;
+  for (int i = 0; i < 65536; ++i) program += "{ 0x6, 0, 0, 0xffff } ";
+  std::string const script = tmp + ".script";
+  std::ofstream(script) << "filter vlan 5\nfilter\nfilter " << program << "\nfilter { 0x28, 0, 0, 0xc }\nwatch E2\n"
+                        << "watch all\noper E1 testing\nshow E1\nshow E9\n";
+  auto const r = runCommand({"ip", "netns", "exec", sw, INTFSM_AGENT_PATH, "-i", "E1=et1", "-i", "E2=pe1@" + peer, "-f", script});
+  unlink(script.c_str());
+  EXPECT_EQ(r.status, 1) << r.output;
+  for (std::string const & line : std::vector<std::string>{
+           "error: line 2: filter wants an expression, a program, or none",
+           "error: line 3: filter: filter program of 65536 instructions: at most 65535 fit in a socket filter",
+           "error: line 4: filter: the kernel refused the socket filter of 1 instructions: Invalid argument",
+           "not watching E2: its device pe1 is in namespace " + peer + "; packet access is in the agent's own namespace",
+           "error: line 5: watch: E2 is in another namespace",
+           "error: line 9: no interface 'E9'",
+           "; filter 'vlan 5': 0 frames did not match",
+       }) {
+    EXPECT_THAT(r.output, HasSubstr(line));
   }
-}
-
-TEST_F(ToolsKernelTest, PamdumpWritesAPcapFileThatTcpdumpReads) {
-  std::string const file = "/tmp/intfsm-pamdump-" + std::to_string(getpid()) + ".pcap";
-  Program capture = pamdump({"-n", sw, "-i", "et1", "-B", "-c", "4", "-w", file, "vlan 100"});
-  ASSERT_THAT(capture.readUntil("capturing on"), HasSubstr("capturing on")) << capture.output();
-  send("1", 3);  // untagged: not matching
-  send("1", 4, {"-v", "100"});
-  ASSERT_EQ(capture.wait(), 0) << capture.output();
-  auto const r = runCommand({"tcpdump", "-r", file, "-nn", "-e"});
-  unlink(file.c_str());
-  ASSERT_EQ(r.status, 0) << r.output;
-  auto const frames = linesMatching(r.output, std::regex(R"(02:00:00:00:00:01 > ff:ff:ff:ff:ff:ff, ethertype 802\.1Q \(0x8100\), length 64: vlan 100, .*0x88b5)"));
-  EXPECT_EQ(frames.size(), 4u) << r.output;
-  EXPECT_THAT(capture.output(), HasSubstr("did not match the filter: 3"));
-}
-
-TEST_F(ToolsKernelTest, PamdumpRefusesBadArgumentsWithOneLine) {
-  struct Case {
-    std::vector<std::string> args;
-    std::string line;
-  } const cases[] = {
-      {{"-n", sw, "-i", "nosuch0"}, "pamdump: no device 'nosuch0' in namespace " + sw},
-      {{"-n", "intfsm-no-such-ns", "-i", "et1"}, "pamdump: no network namespace 'intfsm-no-such-ns'"},
-      {{"-n", sw, "-i", "et1", "vlan and and"}, "pamdump: malformed filter expression \"vlan and and\": "},
-      {{"-n", sw, "-i", "et1", "{ 0x6, 0, 0 }"}, "pamdump: malformed filter program \"{ 0x6, 0, 0 }\""},
-      {{"-c", "x"}, "pamdump: bad count 'x'"},
-  };
-  for (Case const & c : cases) {
-    std::vector<std::string> argv = {"timeout", "10", PAMDUMP_PATH};  // a pamdump that captured would not end
-    argv.insert(argv.end(), c.args.begin(), c.args.end());
-    auto const r = runCommand(argv);
-    EXPECT_EQ(r.status, 2) << r.output;
-    EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
-    EXPECT_THAT(r.output, HasSubstr(c.line));
-  }
+  EXPECT_EQ(linesMatching(r.output, std::regex("^not watching E2")).size(), 2u) << r.output;
+  EXPECT_THAT(r.output, testing::ContainsRegex("E1 +et1 +[0-9]+ +testing +UP +yes"));
 }
 
 }  // namespace

@@ -69,15 +69,27 @@ void StopSignals::handleSignal() {
   if (any) onStop_();
 }
 
-bool outputOk(char const * program) {
-  static bool reported = false;
-  if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return true;
-  if (!reported) {
-    int const e = errno;
-    std::fprintf(stderr, "%s: cannot write standard output: %s\n", program, std::strerror(e ? e : EIO));
-    reported = true;
-  }
+namespace {
+bool reported = false;
+
+bool lost(char const * program, int error) {
+  if (!reported) std::fprintf(stderr, "%s: cannot write standard output: %s\n", program, std::strerror(error ? error : EIO));
+  reported = true;
   return false;
+}
+}  // namespace
+
+bool outputIs(char const * program, std::string const & text) {
+  errno = 0;
+  // A line-buffered stream may count the bytes as written and only mark the error.
+  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::ferror(stdout)) return lost(program, errno);
+  return true;
+}
+
+bool outputOk(char const * program) {
+  errno = 0;
+  if (std::fflush(stdout) != 0) return lost(program, errno);
+  return !std::ferror(stdout) || lost(program, EIO);
 }
 
 }  // namespace Tools

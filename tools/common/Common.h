@@ -68,6 +68,8 @@ class StopSignals {
   Vorn::Ptr<VornSignal> reactor_;
 };
 
+// Writes `text` to standard output; false (and one line on standard error, once) when it was lost.
+bool outputIs(char const * program, std::string const & text);
 // Flushes standard output; false (and one line on standard error, once) when anything written to it
 // so far was lost.
 bool outputOk(char const * program);
