@@ -133,7 +133,7 @@ Options optionsOf(int argc, char ** argv) {
   Options o;
   opterr = 0;
   auto const bad = [](char const * what) { program.argumentError(std::string("bad ") + what + " '" + optarg + "'"); };
-  for (int opt; (opt = getopt_long(argc, argv, "+i:c:s:w:UB:penqvxXQ:Ddr:h", longOptions, nullptr)) != -1;) {
+  for (int opt; (opt = getopt_long(argc, argv, "i:c:s:w:UB:penqvxXQ:Ddr:h", longOptions, nullptr)) != -1;) {
     switch (opt) {
       case 'i':
         if (std::string(optarg) == "any") break;

@@ -350,10 +350,12 @@ TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
   EXPECT_EQ(linesMatching(piped.output(), std::regex("^[0-9:.]+ 02:00:00:00:00:01 > ")).size(), 3u) << piped.output();
 }
 
-// Two devices: Linux cooked (SLL2) records that say which device each frame came from.
+// Two devices (one with a name that is no interface id), one given twice: Linux cooked (SLL2)
+// records that say which device each frame came from.
 TEST_F(ToolsKernelTest, PamdumpWritesTheDeviceOfEachFrameWhenCapturingOnSeveral) {
   std::string const file = tmp + ".sll2";
-  Program capture = pamdump({"-i", "et1", "-i", "et2", "-i", "et1", "-c", "5", "-w", file});
+  netns().linkRename(sw, "et2", "etä2");
+  Program capture = pamdump({"-i", "et1", "-i", "etä2", "-i", "et1", "-c", "5", "-w", file});
   ASSERT_THAT(capture.readUntil("capturing on"), HasSubstr("capturing on 2 devices")) << capture.output();
   send("1", 3, {"-v", "7"});
   send("2", 2);
@@ -361,7 +363,7 @@ TEST_F(ToolsKernelTest, PamdumpWritesTheDeviceOfEachFrameWhenCapturingOnSeveral)
   auto const r = runCommand({"tcpdump", "-r", file, "-nn", "-e"});
   unlink(file.c_str());
   EXPECT_THAT(r.output, HasSubstr("link-type LINUX_SLL2"));
-  for (auto const & [device, count] : {std::pair{"et1", 3u}, std::pair{"et2", 2u}}) {
+  for (auto const & [device, count] : {std::pair{"et1", 3u}, std::pair{"etä2", 2u}}) {
     std::string const index = std::to_string(netns().link(sw, device)->ifindex);
     EXPECT_EQ(linesMatching(r.output, std::regex(" B +ifindex " + index + " 02:00:00:00:00:01 ethertype ")).size(), count) << r.output;
   }
