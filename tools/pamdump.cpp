@@ -66,7 +66,7 @@ constexpr uint64_t defaultRingBytes = 32ull << 20;
 constexpr uint32_t ringBlockBytes = 1u << 20;
 
 char const usageText[] =
-    "usage: pamdump [-i DEVICE]... [-c COUNT] [-s SNAPLEN] [-w FILE [-U]] [-B KIB] [-penqvxX] [-Q in] [-D] [-d]\n"
+    "usage: pamdump [-i DEVICE]... [-c COUNT] [-s SNAPLEN] [-w FILE [-U]] [-B KIB] [-penqvlxX] [-Q in] [-D] [-d]\n"
     "               [-r FILE] [--netns NS] [--ethertype TYPE] [--bulk|--ring] [--duration SECONDS]\n"
     "               [--count-only] [--print] [--socket-filter PROGRAM] [EXPRESSION]\n"
     "  -i DEVICE   capture on DEVICE (again for more; any or none: every device of the namespace but lo)\n"
@@ -75,7 +75,7 @@ char const usageText[] =
     "              device: Linux cooked (SLL2) records with each frame's device and direction\n"
     "  -U          flush the file after each frame      -B KIB      socket buffer (ring size with --ring)\n"
     "  -p          leave the devices' promiscuous mode alone (default: on while capturing)\n"
-    "  -e -n -v    accepted: lines always show the link-level header and never resolve names\n"
+    "  -e -n -v -l accepted: lines always show the link-level header, never resolve names, go out whole\n"
     "  -q          shorter lines: no protocol summary   -x -xx -X  hex dump (-xx with the link header, -X ASCII)\n"
     "  -Q in       received frames (the only direction pamdump captures)\n"
     "  -D          list the devices and exit            -d          print the kernel's filter program and exit\n"
@@ -133,7 +133,7 @@ Options optionsOf(int argc, char ** argv) {
   Options o;
   opterr = 0;
   auto const bad = [](char const * what) { program.argumentError(std::string("bad ") + what + " '" + optarg + "'"); };
-  for (int opt; (opt = getopt_long(argc, argv, "i:c:s:w:UB:penqvxXQ:Ddr:h", longOptions, nullptr)) != -1;) {
+  for (int opt; (opt = getopt_long(argc, argv, "i:c:s:w:UB:penqvlxXQ:Ddr:h", longOptions, nullptr)) != -1;) {
     switch (opt) {
       case 'i':
         if (std::string(optarg) == "any") break;
@@ -160,7 +160,7 @@ Options optionsOf(int argc, char ** argv) {
         break;
       }
       case 'p': o.promiscuous = false; break;
-      case 'e': case 'n': case 'v': break;
+      case 'e': case 'n': case 'v': case 'l': break;
       case 'q': o.quick = true; break;
       case 'x': o.hex = std::min(o.hex + 1, 2); break;
       case 'X': o.ascii = true; o.hex = std::max(o.hex, 1); break;

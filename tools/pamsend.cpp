@@ -61,11 +61,9 @@ Ovel::EthAddr address(char const * text) {
 int stopSignalsFd() {
   sigset_t signals;
   sigemptyset(&signals);
-  // A shell starts background jobs with SIGINT ignored, and an ignored signal never reaches the
-  // descriptor: the default comes back first, blocked at once.
+  // Blocked, a signal is queued for the descriptor even when a shell set it to be ignored, as it
+  // does SIGINT for background jobs.
   for (int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, s);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  for (int s : {SIGINT, SIGTERM, SIGHUP}) ::signal(s, SIG_DFL);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   return signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
 }

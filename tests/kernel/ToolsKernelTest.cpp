@@ -335,6 +335,8 @@ TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
     EXPECT_EQ(captures[2 * i + 1]->wait(), 0) << captures[2 * i + 1]->output();
     auto const pam = runCommand({"tcpdump", "-r", files[i] + ".pam", "-nn", "-e", "-t", "-x"});
     auto const tcp = runCommand({"tcpdump", "-r", files[i] + ".tcp", "-nn", "-e", "-t", "-x"});
+    // Equal sizes: the same records, caplen included (a reader cuts records to the file's snaplen).
+    EXPECT_EQ(std::ifstream(files[i] + ".pam", std::ios::ate).tellg(), std::ifstream(files[i] + ".tcp", std::ios::ate).tellg());
     unlink((files[i] + ".pam").c_str());
     unlink((files[i] + ".tcp").c_str());
     EXPECT_EQ(pam.output.substr(pam.output.find('\n')), tcp.output.substr(tcp.output.find('\n')));

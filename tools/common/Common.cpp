@@ -47,10 +47,9 @@ StopSignals::StopSignals(std::function<void()> onStop) : onStop_(std::move(onSto
   for (int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, s);
   fd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
   if (fd_ < 0) return;
+  // Blocked, a signal is queued for the descriptor even when a shell set it to be ignored, as it
+  // does SIGINT for background jobs.
   sigprocmask(SIG_BLOCK, &signals, nullptr);
-  // A shell starts background jobs with SIGINT ignored, and an ignored signal never reaches the
-  // descriptor: the default comes back, blocked.
-  for (int s : {SIGINT, SIGTERM, SIGHUP}) ::signal(s, SIG_DFL);
   descriptor_ = Vorn::fileDescriptorFactory("signals");
   descriptor_->descriptorIs(fd_);
   reactor_ = Vorn::reactorNew<VornSignal>(this, descriptor_);

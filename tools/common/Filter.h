@@ -5,12 +5,13 @@
 // - the library's text form of a program, "{ 0x28, 0, 0, 0xc }, { 0x15, 0, 1, 0x88b5 }, ..." (a text
 //   with a brace in it), read by Interface::parseFilter.
 //
-// Where each form runs. The kernel takes the 802.1Q tag out of a received frame before any socket
+// Where each form runs. The kernel takes the outer VLAN tag out of a received frame before any socket
 // filter sees it (the tag travels beside the frame as auxiliary data), so a program compiled for the
-// frame as it is on the wire would look for the tag, and for every field after it, in the wrong
-// place. An expression is therefore matched in user space (pcap_offline_filter) against the frame as
-// it was on the wire, tag put back; the text form is a program for the socket and goes to the
-// kernel as it is.
+// frame as it is on the wire (a dead handle) would look for the tag, and for every field after it, in
+// the wrong place. Such an expression is matched in user space (pcap_offline_filter) against the
+// frame as it was on the wire, tag put back, as the agent does; compileForDevice below compiles it
+// as a live capture does instead (the tag tests read the auxiliary data), for the socket, as pamdump
+// does. The text form is a program for the socket and goes to the kernel as it is.
 //
 //   Tools::Filter f;
 //   std::string error;
