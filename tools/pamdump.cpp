@@ -239,6 +239,7 @@ std::string hexDump(uint8_t const * bytes, size_t length, bool ascii) {
       out += ' ';
       for (size_t i = line; i < end; ++i) out += bytes[i] >= 0x20 && bytes[i] < 0x7f ? static_cast<char>(bytes[i]) : '.';
     }
+    out.erase(out.find_last_not_of(' ') + 1);
     out += '\n';
   }
   return out;

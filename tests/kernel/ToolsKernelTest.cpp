@@ -46,6 +46,7 @@ class Program {
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
     pid_ = fork();
     if (pid_ == 0) {
+      setpgid(0, 0);  // its own group: the pipelines a test starts end with it
       dup2(in[0], 0);
       dup2(out[1], 1);
       dup2(out[1], 2);
@@ -65,7 +66,7 @@ class Program {
   ~Program() {
     if (in_ >= 0) close(in_);
     if (pid_ > 0 && status_ < 0) {
-      kill(pid_, SIGKILL);
+      kill(-pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
     }
     close(out_);
