@@ -22,6 +22,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <cstdio>
 #include <regex>
 #include <sstream>
@@ -220,18 +221,24 @@ class ToolsKernelTest : public IntfsmTest::NetNsTest {
 };
 
 // What the kernel hands a packet socket of et1 bound to one protocol (or to all) of each tagged frame:
-// whether it comes, the tag it reports beside the frame, and the EtherType at offset 12 of the bytes.
+// whether it comes, the tag reported beside it, the EtherType at offset 12 of the bytes, and the
+// packet type. Only a socket bound to all sees the outer tag; the others get the frame after it,
+// tag cleared and marked for another host (no VLAN device took the tag).
 TEST_F(ToolsKernelTest, ASocketBoundToOneEtherTypeSeesTaggedFramesWithoutTheirTag) {
   struct Case {
     uint16_t protocol;
     char const * frame;
-    int tag;          // -1: none reported; -2: the frame does not come
+    int tag;  // -1: none reported; -2: the frame does not come
     uint16_t type;
+    uint8_t pktType;
   } const cases[] = {
-      {ETH_P_ALL, "arp-v4094", 4094, 0x0806}, {ETH_P_ARP, "arp-v4094", -1, 0x0806},
-      {ETH_P_ALL, "qinq", 30, 0x8100},        {ETH_P_8021Q, "qinq", -1, 0x8100},  {ETH_P_IP, "qinq", -2, 0},
-      {0x88b5, "exp-v100", -1, 0x88b5},       {ETH_P_8021Q, "exp-v100", -2, 0},   {ETH_P_ALL, "exp-v100", 100, 0x88b5},
+      {ETH_P_ALL, "arp-v4094", 4094, 0x0806, PACKET_BROADCAST}, {ETH_P_ARP, "arp-v4094", -1, 0x0806, PACKET_OTHERHOST},
+      {ETH_P_ALL, "qinq", 30, 0x8100, PACKET_BROADCAST},        {ETH_P_8021Q, "qinq", -1, 0x8100, PACKET_OTHERHOST},
+      {ETH_P_IP, "qinq", -2, 0, 0},                             {0x88b5, "exp-v100", -1, 0x88b5, PACKET_OTHERHOST},
+      {ETH_P_8021Q, "exp-v100", -2, 0, 0},                      {ETH_P_ALL, "exp-v100", 100, 0x88b5, PACKET_BROADCAST},
   };
+  // The frames are told apart by their length without the outer tag.
+  std::map<std::string, ssize_t> const lengths = {{"arp-v4094", 42}, {"qinq", 66}, {"exp-v100", 60}};
   int const ifIndex = netns().link(sw, "et1")->ifindex;
   std::vector<int> sockets;
   for (Case const & c : cases) {
@@ -250,38 +257,26 @@ TEST_F(ToolsKernelTest, ASocketBoundToOneEtherTypeSeesTaggedFramesWithoutTheirTa
   for (size_t i = 0; i < std::size(cases); ++i) {
     Case const & c = cases[i];
     SCOPED_TRACE(std::string(c.frame) + " on protocol " + std::to_string(c.protocol));
-    // Each socket sees each frame at most once, in order: read until this case's frame or nothing left.
     int tag = -2;
     uint16_t type = 0;
-    for (;;) {
-      uint8_t bytes[2048];
-      char control[256];
-      iovec iov{bytes, sizeof bytes};
-      msghdr m{};
-      m.msg_iov = &iov;
-      m.msg_iovlen = 1;
-      m.msg_control = control;
+    uint8_t pktType = 0;
+    uint8_t bytes[2048];
+    char control[256];
+    sockaddr_ll from{};
+    iovec iov{bytes, sizeof bytes};
+    msghdr m{&from, sizeof from, &iov, 1, control, sizeof control, 0};
+    for (pollfd p{sockets[i], POLLIN, 0}; poll(&p, 1, 200) > 0;) {
       m.msg_controllen = sizeof control;
-      pollfd p{sockets[i], POLLIN, 0};
-      if (poll(&p, 1, 200) <= 0 || recvmsg(sockets[i], &m, MSG_DONTWAIT) < 14) break;
+      if (recvmsg(sockets[i], &m, MSG_DONTWAIT) != lengths.at(c.frame)) continue;
       auto const * aux = reinterpret_cast<tpacket_auxdata const *>(CMSG_DATA(CMSG_FIRSTHDR(&m)));
-      bool const tagged = aux->tp_status & TP_STATUS_VLAN_VALID;
-      int const id = tagged ? aux->tp_vlan_tci & 0xfff : -1;
-      uint16_t const t = static_cast<uint16_t>(bytes[12] << 8 | bytes[13]);
-      // Frames are told apart by what each carries: 4094 or ARP, 30 or 0x8100 over IP, 100 or 0x88b5.
-      bool const match = (std::string(c.frame) == "arp-v4094" && (id == 4094 || t == 0x0806)) ||
-                         (std::string(c.frame) == "qinq" && (id == 30 || (id == -1 && t == 0x8100 && bytes[16] == 0x08))) ||
-                         (std::string(c.frame) == "exp-v100" && (id == 100 || (id == -1 && t == 0x88b5)));
-      if (match) {
-        tag = id;
-        type = t;
-        break;
-      }
+      tag = aux->tp_status & TP_STATUS_VLAN_VALID ? aux->tp_vlan_tci & 0xfff : -1;
+      type = static_cast<uint16_t>(bytes[12] << 8 | bytes[13]);
+      pktType = from.sll_pkttype;
+      break;
     }
     EXPECT_EQ(tag, c.tag);
-    if (c.tag != -2) {
-      EXPECT_EQ(type, c.type);
-    }
+    EXPECT_EQ(type, c.type);
+    EXPECT_EQ(pktType, c.pktType);
   }
   for (int sd : sockets) close(sd);
 }
