@@ -33,6 +33,7 @@ struct Queued {
 
 std::deque<Queued> queue;
 int sendFailure = 0;
+bool acceptOnSend = false;  // sendto queues the kernel's acceptance, as rtnetlink does
 
 // Sets the sequence number of every message that lies whole in `bytes` (as a sender would).
 std::string withSeq(std::string bytes, uint32_t seq) {
@@ -50,12 +51,20 @@ std::string withSeq(std::string bytes, uint32_t seq) {
 
 void install() {
   Platform::Calls & calls = Platform::calls();
-  calls.sendto = [](int fd, void const *, size_t length, int, sockaddr const *, socklen_t) -> ssize_t {
+  calls.sendto = [](int fd, void const * data, size_t length, int, sockaddr const *, socklen_t) -> ssize_t {
     FUZZ_CHECK(fd == fakeSd, std::to_string(fd));
     if (sendFailure != 0) {
       errno = sendFailure;
       sendFailure = 0;
       return -1;
+    }
+    if (acceptOnSend) {
+      auto const * request = static_cast<nlmsghdr const *>(data);
+      nlmsghdr const header{NLMSG_LENGTH(sizeof(nlmsgerr)), NLMSG_ERROR, 0, request->nlmsg_seq, 0};
+      nlmsgerr const accepted{0, *request};
+      std::string answer(reinterpret_cast<char const *>(&header), sizeof header);
+      answer.append(reinterpret_cast<char const *>(&accepted), sizeof accepted);
+      queue.push_back({answer, 0, 0});
     }
     return static_cast<ssize_t>(length);
   };
@@ -140,5 +149,12 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const * data, size_t size) {
     }
   }
   request();
+  // The reader remembers a socket whose answer it has not read yet (it drains it before the next
+  // request): one request answered at once leaves nothing owed, so that each run starts alike.
+  queue.clear();
+  sendFailure = 0;
+  acceptOnSend = true;
+  FUZZ_CHECK(Interface::sendNetlinkOperState(fakeSd, "et1", tag, IF_OPER_UP) && queue.empty(), "settled");
+  acceptOnSend = false;
   return 0;
 }

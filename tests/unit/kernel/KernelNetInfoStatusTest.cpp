@@ -300,6 +300,8 @@ TEST_F(KernelNetInfoStatus, HostileBytesAreALossNeverAReadPastTheDatagram) {
        [&](uint32_t) { return lengthIs(vc0, 0xfffffff0) + vd0; }, before, {lost}},
       {"a whole message, then one claiming 2 GiB", false,
        [&](uint32_t) { return vc0 + lengthIs(vd0, 0x80000000); }, withVc0, {lost}},
+      {"a length that aligns to 0, a walk that never moves on", false,
+       [&](uint32_t) { return lengthIs(vc0, 0xfffffffd); }, before, {lost}},
       {"a length shorter than a header", false, [&](uint32_t) { return lengthIs(vc0, 8); }, before, {lost}},
       {"bytes left over after a whole message", false, [&](uint32_t) { return vc0 + std::string(4, '\0'); }, withVc0,
        {lost}},
