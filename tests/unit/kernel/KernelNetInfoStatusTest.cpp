@@ -10,7 +10,6 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <climits>
 #include <functional>
 #include <cstring>
 #include <map>
@@ -275,14 +274,12 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
 TEST_F(KernelNetInfoStatus, HostileBytesAreALossNeverAReadPastTheDatagram) {
   status->enabledIs(true);
   IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
-  auto lengthIs = [](std::string message, uint32_t length) {
-    std::memcpy(message.data(), &length, sizeof length);
+  // `message` with the 4 bytes at `at` (0: nlmsg_len; 16: the error or result after the header) set.
+  auto patched = [](std::string message, size_t at, uint32_t value) {
+    std::memcpy(message.data() + at, &value, sizeof value);
     return message;
   };
-  auto intAt16 = [](std::string message, int value) {
-    std::memcpy(message.data() + sizeof(nlmsghdr), &value, sizeof value);
-    return message;
-  };
+  auto lengthIs = [&](std::string const & message, uint32_t length) { return patched(message, 0, length); };
   std::string const vc0 = FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 5, 0, "vc0");
   std::string const vd0 = FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 6, 0, "vd0");
   std::string const lost = "KernelNetInfo::Status lost events in namespace blue (malformed message); dumping again";
@@ -307,10 +304,10 @@ TEST_F(KernelNetInfoStatus, HostileBytesAreALossNeverAReadPastTheDatagram) {
        {lost}},
       {"fewer bytes than a header", false, [&](uint32_t) { return vc0.substr(0, 10); }, before, {lost}},
       {"a dump refused with INT_MIN", true,
-       [&](uint32_t seq) { return intAt16(FakeRtnetlink::errorMessage(seq, 0), INT_MIN); }, before,
+       [&](uint32_t seq) { return patched(FakeRtnetlink::errorMessage(seq, 0), 16, 0x80000000); }, before,
        {"KernelNetInfo::Status dump request refused in namespace blue, errno: 2147483648; trying again later"}},
       {"a dump ended with INT_MIN", true,
-       [&](uint32_t seq) { return intAt16(FakeRtnetlink::doneMessage(seq), INT_MIN); }, before,
+       [&](uint32_t seq) { return patched(FakeRtnetlink::doneMessage(seq), 16, 0x80000000); }, before,
        {"KernelNetInfo::Status dump # of namespace blue ended with errno: 2147483648",
         "KernelNetInfo::Status dump # of namespace blue interrupted by a change; dumping again"}},
   };
