@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "intfsm/foundation/interface/internal/Trace.h"
+#include "intfsm/foundation/platform/NetlinkMessages.h"
 #include "intfsm/foundation/platform/Platform.h"
 
 namespace Interface {
@@ -57,16 +58,24 @@ void discardStale(Platform::Calls const & calls, int sd, Buffer & buffer) {
 
 enum class Verdict { none, accepted, refused, unreadable };
 
+// The kernel's errors are -1 .. -4095; anything else in an acknowledgement is not one.
+constexpr int maxErrno = 4095;
+
 // The acknowledgement of `seq` in one datagram; `error` is the kernel's errno when refused.
-Verdict verdictIn(Buffer const & buffer, int length, uint32_t seq, int & error) {
-  for (auto const * nlh = reinterpret_cast<nlmsghdr const *>(buffer.bytes); mnl_nlmsg_ok(nlh, length);
-       nlh = mnl_nlmsg_next(nlh, &length)) {
+Verdict verdictIn(Buffer const & buffer, size_t length, uint32_t seq, int & error) {
+  Platform::NetlinkMessages messages(buffer.bytes, length);
+  while (nlmsghdr const * nlh = messages.next()) {
     if (nlh->nlmsg_seq != seq || nlh->nlmsg_type != NLMSG_ERROR) continue;
     if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(nlmsgerr))) {
       error = EPROTO;
       return Verdict::unreadable;
     }
-    error = -static_cast<nlmsgerr const *>(mnl_nlmsg_get_payload(nlh))->error;
+    int const code = static_cast<nlmsgerr const *>(mnl_nlmsg_get_payload(nlh))->error;
+    if (code > 0 || code < -maxErrno) {
+      error = EPROTO;
+      return Verdict::unreadable;
+    }
+    error = -code;
     return error == 0 ? Verdict::accepted : Verdict::refused;
   }
   return Verdict::none;
@@ -93,7 +102,7 @@ bool answerRead(Platform::Calls const & calls, int sd, uint32_t seq, Buffer & bu
       return false;
     }
     if (from.nl_pid != 0) continue;  // only the kernel answers a request
-    switch (verdictIn(buffer, static_cast<int>(length), seq, error)) {
+    switch (verdictIn(buffer, static_cast<size_t>(length), seq, error)) {
       case Verdict::none:
         continue;
       case Verdict::accepted:

@@ -21,7 +21,9 @@
 //   "Interface" ("IFLA_OPERSTATE 5 for device et1 refused: No such device"), since an interface
 //   status may well name a device before the kernel has it. So is a name longer than 15 bytes, which
 //   no device can have: traced ("... not sent: device name longer than 15 bytes") and not sent, so
-//   that a bad name in an interface status never ends the process.
+//   that a bad name in an interface status never ends the process. An answer that cannot be read (cut
+//   short, or carrying an error that is no errno) is traced at level 0 ("... answer not read: Protocol
+//   error"); the walk of a datagram trusts no length it has not checked against the bytes read.
 // - An acknowledgement that is not there yet is not waited for (traced at level 1); whatever it
 //   later leaves on the socket is discarded by the next request, which then drains the socket before
 //   it sends (only then: a request whose answer was read costs one receive). The socket is therefore

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "intfsm/foundation/kernel/internal/Trace.h"
+#include "intfsm/foundation/platform/NetlinkMessages.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Reactor.h"
@@ -327,12 +328,13 @@ void Status::handleReadable() {
     }
     // Only the kernel (port 0) speaks for the kernel.
     if (from.nl_pid != 0) continue;
-    int left = static_cast<int>(length);
-    for (auto const * nlh = reinterpret_cast<nlmsghdr const *>(buffer_.data()); mnl_nlmsg_ok(nlh, left);
-         nlh = static_cast<nlmsghdr const *>(mnl_nlmsg_next(nlh, &left))) {
+    Platform::NetlinkMessages messages(buffer_.data(), static_cast<size_t>(length));
+    while (nlmsghdr const * nlh = messages.next()) {
       handleMessage(nlh);
       if (sd_ != sd) return;
     }
+    // What the unreadable rest said is lost, as if the kernel had dropped it.
+    if (messages.malformed()) eventsLost("malformed message");
   }
 }
 
@@ -346,7 +348,7 @@ void Status::handleMessage(nlmsghdr const * nlh) {
         int const result = *static_cast<int const *>(mnl_nlmsg_get_payload(nlh));
         if (result < 0) {
           KNI_TRACE(0, "KernelNetInfo::Status dump " << dumpSeq_ << " of namespace " << netNs_
-                                                     << " ended with errno: " << -result);
+                                                     << " ended with errno: " << -int64_t{result});
           dumpInterrupted_ = true;
         }
       }
@@ -357,7 +359,7 @@ void Status::handleMessage(nlmsghdr const * nlh) {
       auto const * error = static_cast<nlmsgerr const *>(mnl_nlmsg_get_payload(nlh));
       if (error->error == 0) return;
       KNI_TRACE(0, "KernelNetInfo::Status dump request refused in namespace " << netNs_ << ", errno: "
-                                                                              << -error->error << "; trying again later");
+                                                                              << -int64_t{error->error} << "; trying again later");
       dumping_ = false;
       dumpList_.clear();
       dumpListByName_.clear();

@@ -26,8 +26,9 @@
 //   device that leaves for another namespace (RTM_DELLINK, or RTM_NEWLINK carrying IFLA_NEW_NETNSID) is
 //   a deletion here.
 //   Messages of other families (AF_BRIDGE port messages share the group) are ignored.
-// - Lost events: when recvmsg fails with ENOBUFS (the receive buffer overran) or a message was
-//   truncated, the Root may have drifted; `synced` turns false and a re-dump is asked for. It starts
+// - Lost events: when recvmsg fails with ENOBUFS (the receive buffer overran), a message was
+//   truncated, or a datagram holds bytes that are not a whole message (a length shorter than a header
+//   or past the bytes read: the messages before them are applied, the rest is lost), the Root may have drifted; `synced` turns false and a re-dump is asked for. It starts
 //   only once the socket has been read empty: the kernel reports a loss ahead of the messages it had
 //   queued before it, and those, older than the re-dump and perhaps followed by the lost event, are
 //   applied at once rather than held. A loss seen while a dump is in flight asks for one more dump
@@ -107,7 +108,7 @@ class Status : public Vorn::Entity {
   uint64_t events() const { return events_; }                  // link events read
   uint64_t dumps() const { return dumps_; }                    // dumps completed
   uint64_t redumps() const { return redumps_; }                // re-dumps started after a loss or an interruption
-  uint64_t overruns() const { return overruns_; }              // losses seen: ENOBUFS or a truncated message
+  uint64_t overruns() const { return overruns_; }              // losses seen: ENOBUFS, truncated or malformed
   uint64_t dumpsInterrupted() const { return dumpsInterrupted_; }  // dumps that ended with NLM_F_DUMP_INTR
   uint64_t receiveErrors() const { return receiveErrors_; }    // other recvmsg failures
 

@@ -27,8 +27,13 @@ void EthDevPamBase::filterProgramIs(SockFilterProgram const & program) {
 }
 
 void EthDevPamBase::vlanTagFromAuxData(Pkt & pkt, msghdr & header) {
+  auto const * end = static_cast<unsigned char const *>(header.msg_control) + header.msg_controllen;
   for (cmsghdr * c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
+    // Only what lies inside the control bytes is read; nothing after a message that does not is trusted.
+    size_t const room = static_cast<size_t>(end - reinterpret_cast<unsigned char const *>(c));
+    if (c->cmsg_len < sizeof(cmsghdr) || c->cmsg_len > room) return;
     if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
+    if (c->cmsg_len < CMSG_LEN(sizeof(tpacket_auxdata))) continue;
     tpacket_auxdata aux;
     std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
     if (!(aux.tp_status & TP_STATUS_VLAN_VALID)) continue;

@@ -10,6 +10,7 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
+#include <climits>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -26,7 +27,8 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
-// An NLMSG_ERROR datagram answering sequence `seq` with `error` (0 = accepted), cut to `length`.
+// An NLMSG_ERROR datagram answering sequence `seq` with `error` (0 = accepted); a `length` other than
+// 0 is its nlmsg_len, and cuts it when shorter.
 std::string ackFor(uint32_t seq, int error, uint32_t length = 0) {
   alignas(nlmsghdr) char buffer[256] = {};
   nlmsghdr * nlh = mnl_nlmsg_put_header(buffer);
@@ -36,8 +38,9 @@ std::string ackFor(uint32_t seq, int error, uint32_t length = 0) {
   err->error = error;
   err->msg.nlmsg_type = RTM_SETLINK;
   err->msg.nlmsg_seq = seq;
+  size_t const size = nlh->nlmsg_len;
   if (length != 0) nlh->nlmsg_len = length;
-  return std::string(buffer, nlh->nlmsg_len);
+  return std::string(buffer, std::min<size_t>(size, nlh->nlmsg_len));
 }
 
 // A sent request as "<type> <flags> seq <seq> ifi <family> <index>", then each attribute in order as
@@ -158,8 +161,21 @@ TEST_F(NetlinkOperStateBody, AnswersAreReadAtOnceTracedAndNeverAFailure) {
       {"receive fails", {}, {failRecv(EBADF)}, {"0 " + prefix + ": answer not read: Bad file descriptor"}},
       {"truncated answer",
        {},
-       {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq, 0, NLMSG_HDRLEN + 4).substr(0, NLMSG_HDRLEN + 4)); }},
+       {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq, 0, NLMSG_HDRLEN + 4)); }},
        {"0 " + prefix + ": answer not read: Protocol error"}},
+      // Bytes the kernel never sends: no length is trusted before it is checked against the bytes read.
+      {"a message claiming 4 GiB less 16 ahead of the answer",
+       {},
+       {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq - 1, 0, 0xfffffff0) + ackFor(seq, 0)); }},
+       {"1 " + prefix + ": no answer yet"}},
+      {"a message whose length aligns to 0 ahead of the answer",
+       {},
+       {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq - 1, 0, 0xfffffffd) + ackFor(seq, 0)); }},
+       {"1 " + prefix + ": no answer yet"}},
+      {"an answer claiming 2 GiB", {}, {[this](int fd, uint32_t seq) { fake.queueDatagram(fd, ackFor(seq, 0, 0x80000000)); }},
+       {"1 " + prefix + ": no answer yet"}},
+      {"an error that is no errno: INT_MIN", {}, {ack(INT_MIN)}, {"0 " + prefix + ": answer not read: Protocol error"}},
+      {"an error that is no errno: positive", {}, {ack(5)}, {"0 " + prefix + ": answer not read: Protocol error"}},
   };
   for (Case const & c : cases) {
     SCOPED_TRACE(c.what);

@@ -10,6 +10,7 @@
 #include <net/if.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -31,6 +32,7 @@ using Kind = IntfsmTest::FakePlatform::Kind;
 using KernelNetInfo::Interface;
 using KernelNetInfo::Status;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
 constexpr uint32_t loFlags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
@@ -264,6 +266,81 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   EXPECT_EQ(kernel.dumpRequests().size(), 4u);
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x1"));
   EXPECT_TRUE(status->synced());
+}
+
+// Bytes the kernel never sends: each message is read only when its whole length lies inside the bytes
+// read; what follows one that does not fit is lost (a re-dump repairs it), and an error that is no
+// errno is printed as it is. No row reads outside the datagram or overflows.
+TEST_F(KernelNetInfoStatus, HostileBytesAreALossNeverAReadPastTheDatagram) {
+  status->enabledIs(true);
+  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
+  // `message` with the 4 bytes at `at` (0: nlmsg_len; 16: the error or result after the header) set.
+  auto patched = [](std::string message, size_t at, uint32_t value) {
+    std::memcpy(message.data() + at, &value, sizeof value);
+    return message;
+  };
+  auto lengthIs = [&](std::string const & message, uint32_t length) { return patched(message, 0, length); };
+  std::string const vc0 = FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 5, 0, "vc0");
+  std::string const vd0 = FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 6, 0, "vd0");
+  std::string const lost = "KernelNetInfo::Status lost events in namespace blue (malformed message); dumping again";
+  struct Case {
+    char const * what;
+    bool duringDump;
+    std::function<std::string(uint32_t dumpSeq)> bytes;
+    std::vector<std::string> devices;
+    std::vector<std::string> traces;
+  };
+  std::vector<std::string> const before = {"1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"};
+  std::vector<std::string> const withVc0 = {"1 lo 0x49", "3 va0 0x1", "4 vb0 0x0", "5 vc0 0x0"};
+  std::vector<Case> const cases = {
+      {"a length of 4 GiB less 16 ahead of a whole message", false,
+       [&](uint32_t) { return lengthIs(vc0, 0xfffffff0) + vd0; }, before, {lost}},
+      {"a whole message, then one claiming 2 GiB", false,
+       [&](uint32_t) { return vc0 + lengthIs(vd0, 0x80000000); }, withVc0, {lost}},
+      {"a length that aligns to 0, a walk that never moves on", false,
+       [&](uint32_t) { return lengthIs(vc0, 0xfffffffd); }, before, {lost}},
+      {"a length shorter than a header", false, [&](uint32_t) { return lengthIs(vc0, 8); }, before, {lost}},
+      {"bytes left over after a whole message", false, [&](uint32_t) { return vc0 + std::string(4, '\0'); }, withVc0,
+       {lost}},
+      {"fewer bytes than a header", false, [&](uint32_t) { return vc0.substr(0, 10); }, before, {lost}},
+      {"a dump refused with INT_MIN", true,
+       [&](uint32_t seq) { return patched(FakeRtnetlink::errorMessage(seq, 0), 16, 0x80000000); }, before,
+       {"KernelNetInfo::Status dump request refused in namespace blue, errno: 2147483648; trying again later"}},
+      {"a dump ended with INT_MIN", true,
+       [&](uint32_t seq) { return patched(FakeRtnetlink::doneMessage(seq), 16, 0x80000000); }, before,
+       {"KernelNetInfo::Status dump # of namespace blue ended with errno: 2147483648",
+        "KernelNetInfo::Status dump # of namespace blue interrupted by a change; dumping again"}},
+  };
+  double now = start;
+  for (Case const & c : cases) {
+    SCOPED_TRACE(c.what);
+    now += 1;
+    uint32_t seq = 0;
+    if (c.duringDump) {
+      kernel.autoAnswerIs(false);
+      loseEvents(now);
+      seq = kernel.dumpRequests().back();
+      kernel.dumpBegin();  // taken off the queue: the row's bytes answer it
+    }
+    trace.clear();
+    kernel.send(c.bytes(seq));
+    pass();
+    EXPECT_THAT(devices(), ElementsAreArray(c.devices));
+    std::vector<std::string> traces = c.traces;  // "#" stands for the dump's sequence number
+    for (std::string & t : traces) {
+      if (auto at = t.find('#'); at != std::string::npos) t.replace(at, 1, std::to_string(seq));
+    }
+    EXPECT_THAT(trace.texts("KernelNetInfo", 0), ElementsAreArray(traces));
+    EXPECT_FALSE(status->synced());
+    // The re-dump puts the table back as the kernel has it.
+    kernel.autoAnswerIs(true);
+    now += 1;
+    time.nowIs(now);
+    pass();
+    pass();
+    EXPECT_THAT(devices(), ElementsAreArray(before));
+    EXPECT_TRUE(status->synced());
+  }
 }
 
 TEST_F(KernelNetInfoStatus, DisableClosesAndEnableAgainReconciles) {

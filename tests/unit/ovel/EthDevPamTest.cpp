@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -295,26 +296,60 @@ TEST_F(EthDevPamTest, ReadsFramesOnReadableEvents) {
 }
 
 // With separateDot1QHdr the tag comes in PACKET_AUXDATA beside the frame; without a TPID it is 802.1Q.
-TEST_F(EthDevPamTest, AVlanTagComesFromTheAuxiliaryData) {
+// Control bytes the kernel never writes are not read past: a record too short, or a message claiming
+// more than the control bytes hold (it and what follows are ignored).
+TEST_F(EthDevPamTest, AVlanTagComesFromTheAuxiliaryDataAndNothingIsReadPastIt) {
+  auto message = [](int level, int type, tpacket_auxdata const & aux, size_t dataBytes, size_t claimed = 0) {
+    std::string bytes(CMSG_SPACE(dataBytes), '\0');
+    cmsghdr const header{claimed ? claimed : CMSG_LEN(dataBytes), level, type};
+    std::memcpy(bytes.data(), &header, sizeof header);
+    std::memcpy(bytes.data() + CMSG_LEN(0), &aux, std::min(dataBytes, sizeof aux));
+    return bytes;
+  };
+  tpacket_auxdata tagged{};
+  tagged.tp_status = TP_STATUS_VLAN_VALID, tagged.tp_vlan_tci = 0x2064, tagged.tp_vlan_tpid = 0x88a8;
+  tpacket_auxdata withTpid = tagged;
+  withTpid.tp_status |= TP_STATUS_VLAN_TPID_VALID;
+  size_t const whole = sizeof(tpacket_auxdata);
+  struct Case {
+    char const * what;
+    std::string control;
+    uint16_t tci, tpid;  // 0, 0: no tag
+  };
+  std::vector<Case> const cases = {
+      {"a tag, 802.1Q", message(SOL_PACKET, PACKET_AUXDATA, tagged, whole), 0x2064, 0x8100},
+      {"a tag with its TPID, after another message",
+       message(SOL_SOCKET, SO_TIMESTAMP, tagged, 0) + message(SOL_PACKET, PACKET_AUXDATA, withTpid, whole), 0x2064,
+       0x88a8},
+      {"no tag", message(SOL_PACKET, PACKET_AUXDATA, tpacket_auxdata{}, whole), 0, 0},
+      {"a record cut to its status, then a whole one",
+       message(SOL_PACKET, PACKET_AUXDATA, tagged, 4) + message(SOL_PACKET, PACKET_AUXDATA, withTpid, whole), 0x2064,
+       0x88a8},
+      {"a message claiming more than the control bytes", message(SOL_PACKET, PACKET_AUXDATA, tagged, whole, 4096), 0, 0},
+  };
   pam->separateDot1QHdrIs(true);
   reader->keep = true;
   pam->enabledIs(true);
-  fake.behaviour().recvmsg = [fakeRead = fake.behaviour().recvmsg](int fd, msghdr * m, int flags) {
+  std::string control;
+  fake.behaviour().recvmsg = [&control, fakeRead = fake.behaviour().recvmsg](int fd, msghdr * m, int flags) {
     size_t const room = m->msg_controllen;
     ssize_t const n = fakeRead(fd, m, flags);
-    tpacket_auxdata aux{};
-    aux.tp_status = TP_STATUS_VLAN_VALID, aux.tp_vlan_tci = 0x2064, aux.tp_vlan_tpid = 0x88a8;
-    m->msg_controllen = room;
-    *CMSG_FIRSTHDR(m) = cmsghdr{CMSG_LEN(sizeof aux), SOL_PACKET, PACKET_AUXDATA};
-    std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(m)), &aux, sizeof aux);
-    m->msg_controllen = CMSG_SPACE(sizeof aux);
+    EXPECT_LE(control.size(), room);
+    std::memcpy(m->msg_control, control.data(), control.size());
+    m->msg_controllen = control.size();
     return n;
   };
-  arrive("tagged");
-  runOnce();
-  ASSERT_EQ(reader->pkts.size(), 1u);
-  EXPECT_EQ(reader->pkts[0]->vlanTci(), 0x2064);
-  EXPECT_EQ(reader->pkts[0]->vlanTpid(), 0x8100);
+  for (Case const & c : cases) {
+    SCOPED_TRACE(c.what);
+    control = c.control;
+    reader->pkts.clear();
+    arrive("frame");
+    runOnce();
+    ASSERT_EQ(reader->pkts.size(), 1u);
+    EXPECT_EQ(reader->pkts[0]->hasVlanTag(), c.tci != 0);
+    EXPECT_EQ(reader->pkts[0]->vlanTci(), c.tci);
+    EXPECT_EQ(reader->pkts[0]->vlanTpid(), c.tpid);
+  }
 }
 
 TEST_F(EthDevPamTest, PktReuseAllocatesNothingOnceWarm) {
