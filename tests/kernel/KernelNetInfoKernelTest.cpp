@@ -1,16 +1,25 @@
 // KernelNetInfo::Status against the real kernel, in a namespace the test makes: it follows device
-// adds, deletes, renames, moves and up/down, and recovers from a forced receive-buffer overrun.
+// adds, deletes, renames, moves and up/down, recovers from a forced receive-buffer overrun, and
+// follows its namespace deleted and re-created under the same name.
 #include "intfsm/foundation/kernel/KernelNetInfoStatus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include <algorithm>
 #include <atomic>
 #include <sstream>
 #include <thread>
 
+#include "intfsm/KniIntfStatusManager/NetNsIntfStatusManagerRoot.h"
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"
 #include "tests/support/NetNs.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/ThrownText.h"
@@ -186,6 +195,68 @@ TEST_F(KernelNetInfoKernel, DumpsRacingWithFlapsEndEqualToTheKernel) {
   EXPECT_EQ(heldUpRunning(), expected);
   EXPECT_EQ(device("vx0").flags() & (IFF_UP | IFF_RUNNING), 0u);
   EXPECT_EQ(device("vx1").flags() & (IFF_UP | IFF_RUNNING), static_cast<unsigned>(IFF_UP));
+}
+
+// The namespace of each of this process's sockets, by inode (SIOCGSKNS).
+std::vector<ino_t> socketNamespaces() {
+  std::vector<ino_t> found;
+  for (auto const & entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    int const fd = std::stoi(entry.path().filename());
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+    int const nsFd = ::ioctl(fd, SIOCGSKNS);
+    if (nsFd < 0) continue;
+    if (::fstat(nsFd, &st) == 0) found.push_back(st.st_ino);
+    ::close(nsFd);
+  }
+  return found;
+}
+
+// `ip netns del` with the status open in the namespace (its socket pinned it), then a namespace of the
+// same name with the device again, at another ifindex: the published interface goes with the old
+// namespace and comes back with the new device.
+TEST_F(KernelNetInfoKernel, ANamespaceDeletedAndRecreatedUnderItsNameIsFollowed) {
+  std::string const ns = netns().namespaceNew();
+  netns().vethPairNew(ns, "vx0", "vy0");  // so that va0's ifindex differs in the new namespace
+  netns().vethPairNew(ns, "va0", "vb0");
+  auto netNs = KernelNetNsInfo::Root::rootNew("netNs");
+  auto netNsManager = KernelNetNsInfo::ManagerIs(netNs, KernelNetNsInfo::Manager::defaultDirectory, loop);
+  netNsManager->hasNotificationActiveIs(true);
+  enable(ns);
+  status->netNsCollectionIs(netNs);
+  auto all = Interface::allIntfStatusDirFactory("all");
+  auto locals = Interface::allIntfStatusLocalDirFactory("locals");
+  auto kniRoot = Interface::netNsIntfStatusManagerRootFactory(all, locals, true);
+  auto const published = kniRoot->intfStatusManagerIs(Interface::deviceIntfStatusDirFactory(ns), status,
+                                                       Ovel::NamespaceName(ns))->kernelIntfStatusDir();
+  Ovel::IntfId const id("Ethernet1");
+  all->intfStatusIs(Interface::intfStatusFactory(id));
+  all->intfStatus(id)->deviceNameIs("va0");
+  locals->intfStatusLocalIs(Interface::intfStatusLocalFactory(id));
+  locals->intfStatusLocal(id)->netNsNameIs(Ovel::NamespaceName(ns));
+  auto const ifIndex = [&] { return published->intfStatusAndDeviceName(id).ifIndex; };
+  uint32_t const first = static_cast<uint32_t>(netns().link(ns, "va0")->ifindex);
+  ASSERT_TRUE(runUntil([&] { return ifIndex() == first; }));
+  struct stat old {};
+  ASSERT_EQ(::stat(("/run/netns/" + ns).c_str(), &old), 0);
+
+  ASSERT_EQ(IntfsmTest::runCommand({"ip", "netns", "del", ns}).status, 0);
+  ASSERT_TRUE(runUntil([&] { return ifIndex() == 0; }));
+  EXPECT_EQ(published->intfStatusByIfIndexs(), 0u);
+  EXPECT_EQ(std::tuple(status->descriptor(), status->root()->interfaceByIfIndexs(), status->enabled()),
+            std::tuple(-1, 0u, true));
+  EXPECT_THAT(socketNamespaces(), ::testing::Not(::testing::Contains(old.st_ino)));
+
+  ASSERT_EQ(IntfsmTest::runCommand({"ip", "netns", "add", ns}).status, 0);  // removed by the fixture
+  netns().vethPairNew(ns, "va0", "vb0");
+  uint32_t const second = static_cast<uint32_t>(netns().link(ns, "va0")->ifindex);
+  ASSERT_NE(second, first);
+  ASSERT_TRUE(runUntil([&] { return ifIndex() == second; }));
+  EXPECT_EQ(published->intfStatusByIfIndex(second).deviceName, "va0");
+  EXPECT_EQ(status->reopens(), 1u);
+  kniRoot = nullptr;
+  status = nullptr;
+  netNsManager = nullptr;
 }
 
 TEST_F(KernelNetInfoKernel, MissingNamespaceFailsWithNothingOpen) {

@@ -1,7 +1,8 @@
 // The oper-state root wired as an agent wires it, against the real kernel: interface statuses become
 // the operational state of veth devices in two namespaces, namespaces that come and go get and lose
-// their cached netlink socket and link monitor, and the decided state outlasts what the kernel does by
-// itself (carrier flaps, devices that appear late or are re-created) unless convergence is off.
+// their cached netlink socket (and, with convergence on, their link monitor), and with convergence on
+// the decided state outlasts what the kernel does by itself (carrier flaps, devices that appear late or
+// are re-created).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -133,7 +134,7 @@ TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
 
   std::string ns3 = netns().namespaceNew();
   ASSERT_TRUE(runUntil([&] { return cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 2);  // its cached socket and its link monitor
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1);  // its cached socket; convergence is off
 
   netns().vethPairNew(ns3, "ve0", "vf0");
   netns().linkUp(ns3, "ve0");
@@ -142,9 +143,11 @@ TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
   auto e3 = addInterface("Ethernet3", "ve0", ns3, Interface::intfOperDown);
   EXPECT_TRUE(netns().waitForOperState(ns3, "ve0", IF_OPER_DORMANT));
 
+  root->operStateConvergenceIs(true);  // a link monitor per cached socket
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1 + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
   netns().namespaceDel(ns3);
   ASSERT_TRUE(runUntil([&] { return !cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo);  // both closed
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
 }
 
 TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
@@ -204,6 +207,7 @@ TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
 // The kernel recomputes the state on every carrier change: DORMANT becomes UP again, and under
 // IFLA_LINKMODE dormant UP becomes DORMANT. Each flap takes one request to undo, until convergence is off.
 TEST_F(KernelOperStateKernelTest, DecidedStateOutlastsCarrierFlapsUntilConvergenceIsOff) {
+  root->operStateConvergenceIs(true);
   ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2); }));
   ASSERT_EQ(netns().runIn(ns2, "ip link set dev vc0 mode dormant").status, 0);
   addInterface("Ethernet1", "va0", ns1, Interface::intfOperDown);
@@ -235,6 +239,7 @@ TEST_F(KernelOperStateKernelTest, DecidedStateOutlastsCarrierFlapsUntilConvergen
 }
 
 TEST_F(KernelOperStateKernelTest, DeviceThatAppearsLaterOrIsRecreatedGetsTheDecidedState) {
+  root->operStateConvergenceIs(true);
   ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
   IntfsmTest::TraceCapture trace{{"Interface", 1}};
   addInterface("Ethernet3", "vz0", ns2, Interface::intfOperDown);
