@@ -1,14 +1,26 @@
 // The kernel oper-state subsystem wired as an agent wires it, over the fake platform: what reaches the
 // kernel (requests, sockets, binds, closes) and what is traced for each change of the inputs, how
 // failures end or spare the process, and what convergence sends for the kernel's link reports.
+//
+// The model-based test at the end runs random sequences of what an agent and the kernel do (statuses
+// and local statuses inserted, replaced, re-inserted and deleted; operStatus over every value, mapped
+// or not; device names, duplicates included; namespace moves; namespaces appearing and going;
+// convergence turned on and off) against the root and against a model of a few plain functions.
+// A fixed seed and a few hundred sequences by default; more, or another seed, on demand:
+//   RC_PARAMS="max_success=20000 seed=7" build/tests/unit_tests --gtest_filter='*OperStateModel*'
+// A failure prints the shortest sequence found; each one found is kept as a named case below it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidcheck.h>
+#include <rapidcheck/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <optional>
 #include <sstream>
 
 #include <linux/if.h>
@@ -140,7 +152,7 @@ TEST_F(KernelOperStateTest, ManagerSendsTheMappedStateOnTheNamespacesSocket) {
   EXPECT_EQ(cachedSd("blue"), 0);
 }
 
-TEST_F(KernelOperStateTest, StartUpThenEveryChangeOfAnInterfaceResyncsItIntoItsNamespace) {
+TEST_F(KernelOperStateTest, StartUpOpensOneSocketPerNamespaceThenSyncsEveryInterface) {
   netNs->namespaceIs(NamespaceName("default"), 1);
   netNs->namespaceIs(NamespaceName("blue"), 2);
   auto st = status("Ethernet1", "et1", Interface::intfOperUp);
@@ -157,48 +169,6 @@ TEST_F(KernelOperStateTest, StartUpThenEveryChangeOfAnInterfaceResyncsItIntoItsN
   // The reactors made during construction only skipped; the start-up sync did the work.
   EXPECT_EQ(trace.texts("KernelOperState", 5), std::vector<std::string>(3, "Skipping because not initialized yet"));
   EXPECT_EQ(trace.count("Binding to socket. Sd: " + std::to_string(cachedSd("blue"))), 1u);
-
-  auto other = status("Ethernet1", "et9", Interface::intfOperDown);
-  auto l = local("Ethernet1", "");
-  char const * const onStatus = "handleOperStatusOrDeviceName( Ethernet1 )";
-  char const * const onLocal = "handleNetNsName( Ethernet1 )";
-  struct Step {
-    std::function<void()> change;
-    char const * firstTrace;  // null: nothing traced
-    char const * request;     // "<namespace whose cached socket is used> <device> <operstate>", or null
-    uint32_t decided;         // unused
-  } const steps[] = {
-      {[&] { st->operStatusIs(Interface::intfOperNotPresent); }, onStatus, "default et1 5", 2},
-      {[&] { st->deviceNameIs("et1b"); }, onStatus, "default et1b 5", 2},
-      {[&] { st->deviceNameIs("et1b"); }, nullptr, nullptr, 2},
-      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, "default et1b 5", 2},  // empty netNsName
-      {[&] { l->netNsNameIs(NamespaceName("blue")); }, onLocal, "blue et1b 5", 2},
-      {[&] { st->operStatusIs(Interface::intfOperUp); }, onStatus, "blue et1b 6", 2},
-      {[&] { dir->intfStatusIs(other); }, onStatus, "blue et9 5", 2},             // the reactor is rebound
-      {[&] { st->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr, 2},  // no longer watched
-      {[&] { localDir->intfStatusLocalDel(IntfId("Ethernet1")); }, nullptr, nullptr, 2},
-      {[&] { other->operStatusIs(Interface::intfOperUp); }, onStatus, "default et9 6", 2},
-      {[&] { netNs->namespaceIs(NamespaceName("red"), 3); }, "IntfStatusOperStatusSm::handleNsByName(name=red)",
-       nullptr, 2},
-      {[&] { dir->intfStatusDel(IntfId("Ethernet1")); }, nullptr, nullptr, 1},
-      {[&] { other->operStatusIs(Interface::intfOperDown); }, nullptr, nullptr, 1},
-      {[&] { localDir->intfStatusLocalIs(l); }, onLocal, nullptr, 1},  // no status: nothing to sync
-  };
-  for (size_t i = 0; i < std::size(steps); ++i) {
-    SCOPED_TRACE("step " + std::to_string(i));
-    fake.clearCalls();
-    trace.clear();
-    steps[i].change();
-    EXPECT_EQ(traces().empty() ? "" : traces().front(), steps[i].firstTrace ? steps[i].firstTrace : "");
-    std::string sent;
-    for (auto const & r : fake.operStateRequests()) {
-      char const * const ns = r.sd == cachedSd("default") ? "default" : r.sd == cachedSd("blue") ? "blue" : "?";
-      sent += ns + (" " + r.deviceName) + " " + std::to_string(r.operState) + (r.tag == 111 ? "" : " bad tag");
-    }
-    EXPECT_EQ(sent, steps[i].request ? steps[i].request : "");
-    EXPECT_EQ(kosm->decidedOperStates(), 0u);  // convergence off: no state besides the cache
-    EXPECT_TRUE(!steps[i].request || trace.contains("doSyncIntfStatus( Ethernet1 )"));
-  }
 }
 
 TEST_F(KernelOperStateTest, NamespacesComingAndGoing) {
@@ -452,4 +422,254 @@ TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailed
   }
 }
 
+// ---- the model-based test ----------------------------------------------------------------------
+
+[[maybe_unused]] int const rcDefaults = setenv("RC_PARAMS", "seed=18 max_success=300", /*overwrite=*/0);
+
+char const * const ids[] = {"Ethernet1", "Ethernet2", "Ethernet3"};
+char const * const devices[] = {"", "et1", "et2"};
+char const * const localNames[] = {"", "default", "blue", "red", "green"};  // green never exists
+char const * const namespaces[] = {"default", "blue", "red"};
+
+struct Command {
+  enum Op : uint8_t {
+    statusNew,       // a new IntfStatus for ids[id] (device a, operStatus b) into the directory
+    statusReinsert,  // the status last made for ids[id], into the directory again
+    statusDel,
+    operStatusIs,    // on the status last made for ids[id], in the directory or not
+    deviceNameIs,
+    localNew,        // a new IntfStatusLocal (netNsName localNames[a]) into the directory
+    localDel,
+    netNsNameIs,
+    namespaceIs,     // namespaces[id] exists
+    namespaceDel,
+    convergenceIs,   // on when a is odd
+    ops
+  } op;
+  uint8_t id, a, b;
+  int i() const { return id % 3; }
+  char const * device() const { return devices[a % 3]; }
+  int operStatus() const { return b % 9; }
+  char const * localName() const { return localNames[a % 5]; }
+};
+
+void showValue(Command const & c, std::ostream & os) {
+  static char const * const names[] = {"statusNew",    "statusReinsert", "statusDel",   "operStatusIs",
+                                       "deviceNameIs", "localNew",       "localDel",    "netNsNameIs",
+                                       "namespaceIs",  "namespaceDel",   "convergenceIs"};
+  os << names[c.op] << "(";
+  if (c.op == Command::convergenceIs) os << (c.a % 2 ? "true" : "false");
+  if (c.op == Command::namespaceIs || c.op == Command::namespaceDel) os << namespaces[c.i()];
+  if (c.op < Command::namespaceIs) os << ids[c.i()];
+  if (c.op == Command::statusNew || c.op == Command::deviceNameIs) os << ", \"" << c.device() << "\"";
+  if (c.op == Command::statusNew || c.op == Command::operStatusIs) os << ", " << c.operStatus();
+  if (c.op == Command::localNew || c.op == Command::netNsNameIs) os << ", \"" << c.localName() << "\"";
+  os << ")";
+}
+
+// The kernel operstate sent for a status: 1 is up (6), 2, 5, 6 and 7 are dormant (5), others nothing.
+int kernelValue(int operStatus) {
+  if (operStatus == 1) return 6;
+  return operStatus == 2 || operStatus == 5 || operStatus == 6 || operStatus == 7 ? 5 : -1;
+}
+
+struct Model {
+  struct Status {
+    std::string device;
+    int operStatus;
+    bool inDir;
+  };
+  struct Local {
+    std::string netNsName;
+    bool inDir;
+  };
+  std::optional<Status> status[3];
+  std::optional<Local> local[3];
+  std::map<std::string, bool> exists;  // namespaces
+  bool convergence = false;
+};
+
+// "<namespace> <device> <operstate>" of the request that syncing interface `i` sends, or "".
+std::string requestOf(Model const & m, int i) {
+  if (!m.status[i] || !m.status[i]->inDir) return "";
+  std::string ns = "default";
+  if (m.local[i] && m.local[i]->inDir && !m.local[i]->netNsName.empty()) ns = m.local[i]->netNsName;
+  int const value = kernelValue(m.status[i]->operStatus);
+  if (m.status[i]->device.empty() || value < 0) return "";
+  return ns + " " + m.status[i]->device + " " + std::to_string(value);
+}
+
+// Applies `c` to the model; returns the interfaces that the state machine syncs for it.
+std::vector<int> apply(Model & m, Command const & c) {
+  auto & status = m.status[c.i()];
+  auto & local = m.local[c.i()];
+  bool changed = false;
+  switch (c.op) {
+    case Command::statusNew:
+      status = Model::Status{c.device(), c.operStatus(), true};
+      return {c.i()};
+    case Command::statusReinsert:
+      changed = status && !status->inDir;
+      if (status) status->inDir = true;
+      break;
+    case Command::statusDel:
+      if (status) status->inDir = false;
+      break;
+    case Command::operStatusIs:
+      changed = status && status->inDir && status->operStatus != c.operStatus();
+      if (status) status->operStatus = c.operStatus();
+      break;
+    case Command::deviceNameIs:
+      changed = status && status->inDir && status->device != c.device();
+      if (status) status->device = c.device();
+      break;
+    case Command::localNew:
+      local = Model::Local{c.localName(), true};
+      return {c.i()};
+    case Command::localDel:
+      if (local) local->inDir = false;
+      break;
+    case Command::netNsNameIs:
+      changed = local && local->inDir && local->netNsName != c.localName();
+      if (local) local->netNsName = c.localName();
+      break;
+    case Command::namespaceIs:
+      m.exists[namespaces[c.i()]] = true;
+      break;
+    case Command::namespaceDel:
+      m.exists.erase(namespaces[c.i()]);
+      break;
+    case Command::convergenceIs: {
+      bool const on = c.a % 2;
+      std::vector<int> all;  // turned on, every interface in the directory is synced again
+      for (int i = 0; i < 3 && on && !m.convergence; ++i) {
+        if (m.status[i] && m.status[i]->inDir) all.push_back(i);
+      }
+      m.convergence = on;
+      return all;
+    }
+    default:
+      break;
+  }
+  return changed ? std::vector<int>{c.i()} : std::vector<int>{};
+}
+
+class KernelOperStateModel : public KernelOperStateTest {
+ protected:
+  // Runs `commands` against the root and the model, checking after each.
+  void run(std::vector<Command> const & commands) {
+    auto sm = start();
+    Model m;
+    std::map<int, std::string> nsOfSocket;
+    for (Command const & c : commands) {
+      fake.clearCalls();
+      trace.clear();
+      bool const existed = c.op >= Command::namespaceIs && m.exists.count(namespaces[c.i()]);
+      std::vector<int> const synced = apply(m, c);
+      execute(c);
+      std::vector<std::string> expected;
+      for (int i : synced) {
+        if (!requestOf(m, i).empty()) expected.push_back(requestOf(m, i));
+        RC_ASSERT(trace.contains("doSyncIntfStatus( " + std::string(ids[i]) + " )"));
+      }
+
+      for (auto const & call : fake.calls(Kind::socketAt)) nsOfSocket[static_cast<int>(call.result)] = call.text;
+      std::vector<std::string> sent;
+      for (auto const & r : fake.operStateRequests()) {
+        std::string const & ns = nsOfSocket[r.sd];
+        sent.push_back(ns + " " + r.deviceName + " " + std::to_string(r.operState));
+        // A namespace with a cached socket is sent to on it; any other on a local one.
+        RC_ASSERT(kosm->nsNetlinkSockFdHas(NamespaceName(ns)) == (kosm->nsNetlinkSockFd(NamespaceName(ns)) == r.sd));
+        RC_ASSERT(r.tag == 111);
+      }
+      std::sort(sent.begin(), sent.end());
+      std::sort(expected.begin(), expected.end());
+      RC_ASSERT(sent == expected);
+      // Which handler ran first.
+      std::string first = traces().empty() ? "" : traces().front();
+      if (c.op < Command::localNew && !first.empty()) {
+        RC_ASSERT(first == "handleOperStatusOrDeviceName( " + std::string(ids[c.i()]) + " )");
+      } else if (c.op < Command::namespaceIs && !first.empty()) {
+        RC_ASSERT(first == "handleNetNsName( " + std::string(ids[c.i()]) + " )");
+      } else if (c.op < Command::convergenceIs && existed != (c.op == Command::namespaceIs)) {
+        RC_ASSERT(first == "IntfStatusOperStatusSm::handleNsByName(name=" + std::string(namespaces[c.i()]) + ")");
+      }
+
+      // One cached socket per namespace that exists, opened there; nothing else open; off, no state
+      // besides the cache.
+      std::vector<int> cached;
+      for (auto const & e : kosm->nsNetlinkSockFdIter()) {
+        RC_ASSERT(m.exists.count(e.key.charPtr()) == 1u);
+        RC_ASSERT(nsOfSocket[e.value] == e.key.charPtr());
+        cached.push_back(e.value);
+      }
+      std::sort(cached.begin(), cached.end());
+      RC_ASSERT(cached.size() == m.exists.size());
+      RC_ASSERT(fake.openDescriptors() == cached);
+      RC_ASSERT(m.convergence || kosm->decidedOperStates() == 0u);
+    }
+  }
+
+  void execute(Command const & c) {
+    int const i = c.i();
+    IntfId const id(ids[i]);
+    switch (c.op) {
+      case Command::statusNew:
+        dir->intfStatusIs(statuses[i] = status(ids[i], c.device(), IntfOperStatus(c.operStatus())));
+        break;
+      case Command::statusReinsert:
+        if (statuses[i]) dir->intfStatusIs(statuses[i]);
+        break;
+      case Command::statusDel:
+        dir->intfStatusDel(id);
+        break;
+      case Command::operStatusIs:
+        if (statuses[i]) statuses[i]->operStatusIs(IntfOperStatus(c.operStatus()));
+        break;
+      case Command::deviceNameIs:
+        if (statuses[i]) statuses[i]->deviceNameIs(c.device());
+        break;
+      case Command::localNew:
+        localDir->intfStatusLocalIs(locals[i] = local(ids[i], c.localName()));
+        break;
+      case Command::localDel:
+        localDir->intfStatusLocalDel(id);
+        break;
+      case Command::netNsNameIs:
+        if (locals[i]) locals[i]->netNsNameIs(NamespaceName(c.localName()));
+        break;
+      case Command::namespaceIs:
+        netNs->namespaceIs(NamespaceName(namespaces[i]), 1 + i);
+        break;
+      case Command::namespaceDel:
+        netNs->namespaceDel(NamespaceName(namespaces[i]));
+        break;
+      case Command::convergenceIs:
+        root->operStateConvergenceIs(c.a % 2);
+        break;
+      default:
+        break;
+    }
+  }
+
+  Vorn::Ptr<Interface::IntfStatus> statuses[3];
+  Vorn::Ptr<Interface::IntfStatusLocal> locals[3];
+};
+
 }  // namespace
+
+namespace rc {
+template <>
+struct Arbitrary<Command> {
+  static Gen<Command> arbitrary() {
+    return gen::construct<Command>(gen::cast<Command::Op>(gen::inRange<int>(0, Command::ops)),
+                                   gen::inRange<uint8_t>(0, 3), gen::inRange<uint8_t>(0, 5),
+                                   gen::inRange<uint8_t>(0, 9));
+  }
+};
+}  // namespace rc
+
+RC_GTEST_FIXTURE_PROP(KernelOperStateModel, EveryCommandSendsWhatTheModelDecides,
+                      (std::vector<Command> const & commands)) {
+  run(commands);
+}
