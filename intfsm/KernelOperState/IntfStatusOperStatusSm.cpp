@@ -159,15 +159,24 @@ void IntfStatusOperStatusSm::decidedAtIs(Ovel::IntfId const & id, Ovel::Namespac
                                          Vorn::String const & device) {
   auto [at, added] = decidedAt_.try_emplace(id, ns, device);
   if (added || (at->second.first == ns && at->second.second == device)) return;
-  kosm_->decidedOperStateDel(at->second.first, at->second.second);
-  at->second = {ns, device};
+  leaveDecidedAt(id);
+  decidedAt_.emplace(id, std::pair(ns, device));
 }
 
 void IntfStatusOperStatusSm::decidedAtDel(Ovel::IntfId const & id) {
+  if (decidedAt_.count(id)) leaveDecidedAt(id);
+}
+
+// Another interface that names the same device there keeps its decided state; a rename or a move is
+// scanned for, which is rare beside status changes.
+void IntfStatusOperStatusSm::leaveDecidedAt(Ovel::IntfId const & id) {
   auto const at = decidedAt_.find(id);
-  if (at == decidedAt_.end()) return;
-  if (kosm_) kosm_->decidedOperStateDel(at->second.first, at->second.second);
+  std::pair<Ovel::NamespaceName, Vorn::String> const place = at->second;
   decidedAt_.erase(at);
+  for (auto const & [other, otherPlace] : decidedAt_) {
+    if (otherPlace == place) return;
+  }
+  if (kosm_) kosm_->decidedOperStateDel(place.first, place.second);
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalReconciled(Ovel::IntfId const & id, Change change) {

@@ -10,8 +10,9 @@
 // With convergence on, the manager keeps the state last decided for each namespace and device (see
 // KernelOperStateManager). When an interface's device name or namespace changes, or its status leaves
 // the directory, the decided state of the device it named before is dropped, so that nothing goes on
-// re-asserting a state that no interface decides any more. When convergence is turned on, every
-// interface is synced again, so that each device has a decided state to keep.
+// re-asserting a state that no interface decides any more; while another interface still names that
+// device there, the state is kept. When convergence is turned on, every interface is synced again, so
+// that each device has a decided state to keep.
 //
 // Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
 // with the start-up sync.
@@ -129,6 +130,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   // Where the interface's decided state now lives; the one it had elsewhere is dropped.
   void decidedAtIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns, Vorn::String const & device);
   void decidedAtDel(Ovel::IntfId const & id);
+  void leaveDecidedAt(Ovel::IntfId const & id);
 
   Vorn::Ptr<IntfStatusDir const> intfStatusDir_;
   Vorn::Ptr<IntfStatusLocalDir const> intfStatusLocalDir_;
