@@ -118,8 +118,9 @@ void Status::handleNetNs() {
   ++reopens_;
   try {
     openAndReadFirstDump();
-  } catch (Vorn::ErrnoException const & e) {
-    KNI_TRACE(0, "KernelNetInfo::Status cannot follow namespace " << netNs_ << " now: " << e.what());
+  } catch (Vorn::ErrnoException const &) {
+    // Traced at level 0 by the failing step; the next change of the namespace tries again.
+    KNI_TRACE(5, "namespace " << netNs_ << " not followed until it changes again");
   }
 }
 
