@@ -160,8 +160,8 @@ TEST_F(KernelOperStateKernelTest, NothingIsLeftOpenWhenTheRootGoes) {
   EXPECT_EQ(IntfsmTest::openDescriptorCount(), fdsBefore);
 }
 
-// What the kernel refuses or does not apply is survived (this process goes on), and a later change of
-// the status reaches the kernel.
+// What the kernel refuses is survived (this process goes on), and a later change of the status reaches
+// the kernel. A device that is administratively down accepts and ignores a request (NetlinkOperStateKernel).
 TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultNamespaceFirst) {
   ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached("default"); }));
   ASSERT_FALSE(netns().link("", "va0"));
@@ -174,34 +174,6 @@ TEST_F(KernelOperStateKernelTest, StatusBeforeItsLocalStatusGoesToTheDefaultName
   e1->operStatusIs(Interface::intfOperUp);
   EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
   EXPECT_EQ(trace.size(), 1u);
-}
-
-TEST_F(KernelOperStateKernelTest, DeviceMadeAfterItsStatus) {
-  ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
-  IntfsmTest::TraceCapture trace{{"Interface", 1}};
-  auto e2 = addInterface("Ethernet2", "vz0", ns2, Interface::intfOperUp);
-  EXPECT_THAT(trace.texts("Interface"), ElementsAre("IFLA_OPERSTATE 6 for device vz0 refused: No such device"));
-  netns().vethPairNew(ns2, "vz0", "vz1");
-  netns().linkUp(ns2, "vz0");
-  netns().linkUp(ns2, "vz1");
-  ASSERT_TRUE(netns().waitForOperState(ns2, "vz0", IF_OPER_UP));
-  e2->operStatusIs(Interface::intfOperDown);
-  EXPECT_TRUE(netns().waitForOperState(ns2, "vz0", IF_OPER_DORMANT));
-}
-
-// DORMANT is applied only to a device that is administratively up: accepted and ignored before.
-TEST_F(KernelOperStateKernelTest, AdministrativelyDownDevice) {
-  ASSERT_TRUE(runUntil([&] { return cached(ns2); }));
-  netns().linkDown(ns2, "vc0");
-  IntfsmTest::TraceCapture trace{{"Interface", 1}};
-  auto e3 = addInterface("Ethernet3", "vc0", ns2, Interface::intfOperDown);
-  EXPECT_EQ(netns().link(ns2, "vc0")->operState, IF_OPER_DOWN);
-  netns().linkUp(ns2, "vc0");
-  ASSERT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_UP));
-  e3->operStatusIs(Interface::intfOperLowerLayerDown);
-  EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_DORMANT));
-  EXPECT_FALSE(netns().link(ns2, "vc0")->flags & IFF_RUNNING);
-  EXPECT_EQ(trace.size(), 0u);
 }
 
 // The kernel recomputes the state on every carrier change: DORMANT becomes UP again, and under
