@@ -21,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 
 #include <linux/if.h>
@@ -412,126 +413,119 @@ int kernelValue(int operStatus) {
   return operStatus == 2 || operStatus == 5 || operStatus == 6 || operStatus == 7 ? 5 : -1;
 }
 
+// The model: what the agent and the kernel hold, and convergence's bookkeeping (where each interface
+// in the directory was last synced to, "<ns> <device>", and the state decided for each such place).
 struct Model {
   struct Status {
     std::string device;
     int operStatus;
     bool inDir;
   };
-  struct Local {
-    std::string netNsName;
-    bool inDir;
-  };
   std::optional<Status> status[3];
-  std::optional<Local> local[3];
-  std::map<std::string, bool> exists;  // namespaces
+  std::optional<std::pair<std::string, bool>> local[3];  // netNsName, in the directory
+  std::set<std::string> exists;                          // namespaces
   bool convergence = false;
-  // Convergence's bookkeeping: where each interface in the directory was last synced to ("<ns> <device>"),
-  // and the state decided for each such place.
   std::optional<std::string> at[3];
   std::map<std::string, int> decided;
 
+  bool inDir(int i) const { return status[i] && status[i]->inDir; }
+  std::string place(int i) const {
+    bool const named = local[i] && local[i]->second && !local[i]->first.empty();
+    return (named ? local[i]->first : "default") + " " + status[i]->device;
+  }
+  // "<namespace> <device> <operstate>" of the request that syncing interface `i` sends, or "".
+  std::string request(int i) const {
+    if (!inDir(i) || status[i]->device.empty() || kernelValue(status[i]->operStatus) < 0) return "";
+    return place(i) + " " + std::to_string(kernelValue(status[i]->operStatus));
+  }
   // Interface i leaves its place: the decided state there goes unless another interface is there too.
   void leave(int i) {
-    if (!at[i]) return;
     bool shared = false;
     for (int j = 0; j < 3; ++j) shared = shared || (j != i && at[j] == at[i]);
-    if (!shared) decided.erase(*at[i]);
+    if (at[i] && !shared) decided.erase(*at[i]);
     at[i].reset();
   }
   void sync(int i) {
-    if (!status[i] || !status[i]->inDir) return;  // nothing to sync
-    std::string ns = "default";
-    if (local[i] && local[i]->inDir && !local[i]->netNsName.empty()) ns = local[i]->netNsName;
-    std::string const place = ns + " " + status[i]->device;
-    if (at[i] != place) leave(i);
-    at[i] = place;
+    if (!inDir(i)) return;
+    if (at[i] != place(i)) leave(i);
+    at[i] = place(i);
     if (!convergence || status[i]->device.empty()) return;
-    if (kernelValue(status[i]->operStatus) < 0) {
-      decided.erase(place);
-    } else {
-      decided[place] = kernelValue(status[i]->operStatus);
-    }
+    int const value = kernelValue(status[i]->operStatus);
+    value < 0 ? void(decided.erase(place(i))) : void(decided[place(i)] = value);
   }
 };
 
-// "<namespace> <device> <operstate>" of the request that syncing interface `i` sends, or "".
-std::string requestOf(Model const & m, int i) {
-  if (!m.status[i] || !m.status[i]->inDir) return "";
-  std::string ns = "default";
-  if (m.local[i] && m.local[i]->inDir && !m.local[i]->netNsName.empty()) ns = m.local[i]->netNsName;
-  int const value = kernelValue(m.status[i]->operStatus);
-  if (m.status[i]->device.empty() || value < 0) return "";
-  return ns + " " + m.status[i]->device + " " + std::to_string(value);
-}
-
-// Applies `c` to the model; returns the interfaces that the state machine syncs for it.
-std::vector<int> change(Model & m, Command const & c);
-std::vector<int> apply(Model & m, Command const & c) {
-  std::vector<int> synced = change(m, c);
-  for (int i : synced) m.sync(i);
-  return synced;
-}
-std::vector<int> change(Model & m, Command const & c) {
-  auto & status = m.status[c.i()];
-  auto & local = m.local[c.i()];
-  bool changed = false;
-  switch (c.op) {
-    case Command::statusNew:
-      status = Model::Status{c.device(), c.operStatus(), true};
-      return {c.i()};
-    case Command::statusReinsert:
-      changed = status && !status->inDir;
-      if (status) status->inDir = true;
-      break;
-    case Command::statusDel:
-      if (status && status->inDir) m.leave(c.i());
-      if (status) status->inDir = false;
-      break;
-    case Command::operStatusIs:
-      changed = status && status->inDir && status->operStatus != c.operStatus();
-      if (status) status->operStatus = c.operStatus();
-      break;
-    case Command::deviceNameIs:
-      changed = status && status->inDir && status->device != c.device();
-      if (status) status->device = c.device();
-      break;
-    case Command::localNew:
-      local = Model::Local{c.localName(), true};
-      return {c.i()};
-    case Command::localDel:
-      if (local) local->inDir = false;
-      break;
-    case Command::netNsNameIs:
-      changed = local && local->inDir && local->netNsName != c.localName();
-      if (local) local->netNsName = c.localName();
-      break;
-    case Command::namespaceIs:
-      m.exists[namespaces[c.i()]] = true;
-      break;
-    case Command::namespaceDel:
-      if (m.exists.erase(namespaces[c.i()])) {
-        std::erase_if(m.decided, [&](auto const & e) { return e.first.find(namespaces[c.i()] + std::string(" ")) == 0; });
-      }
-      break;
-    case Command::convergenceIs: {
-      bool const on = c.a % 2;
-      std::vector<int> all;  // turned on, every interface in the directory is synced again
-      for (int i = 0; i < 3 && on && !m.convergence; ++i) {
-        if (m.status[i] && m.status[i]->inDir) all.push_back(i);
-      }
-      m.convergence = on;
-      if (!on) m.decided.clear();
-      return all;
-    }
-    default:
-      break;
-  }
-  return changed ? std::vector<int>{c.i()} : std::vector<int>{};
-}
-
 class KernelOperStateModel : public KernelOperStateTest {
  protected:
+  // Applies `c` to the root and to the model; returns the interfaces that the state machine syncs.
+  std::vector<int> step(Model & m, Command const & c) {
+    int const i = c.i();
+    auto & st = m.status[i];
+    auto & lo = m.local[i];
+    bool changed = false;
+    switch (c.op) {
+      case Command::statusNew:
+        dir->intfStatusIs(statuses[i] = status(ids[i], c.device(), IntfOperStatus(c.operStatus())));
+        st = Model::Status{c.device(), c.operStatus(), true};
+        return {i};
+      case Command::statusReinsert:
+        if (statuses[i]) dir->intfStatusIs(statuses[i]);
+        changed = st && !st->inDir;
+        if (st) st->inDir = true;
+        break;
+      case Command::statusDel:
+        dir->intfStatusDel(IntfId(ids[i]));
+        if (m.inDir(i)) m.leave(i);
+        if (st) st->inDir = false;
+        break;
+      case Command::operStatusIs:
+        if (statuses[i]) statuses[i]->operStatusIs(IntfOperStatus(c.operStatus()));
+        changed = m.inDir(i) && st->operStatus != c.operStatus();
+        if (st) st->operStatus = c.operStatus();
+        break;
+      case Command::deviceNameIs:
+        if (statuses[i]) statuses[i]->deviceNameIs(c.device());
+        changed = m.inDir(i) && st->device != c.device();
+        if (st) st->device = c.device();
+        break;
+      case Command::localNew:
+        localDir->intfStatusLocalIs(locals[i] = local(ids[i], c.localName()));
+        lo = std::pair(std::string(c.localName()), true);
+        return {i};
+      case Command::localDel:
+        localDir->intfStatusLocalDel(IntfId(ids[i]));
+        if (lo) lo->second = false;
+        break;
+      case Command::netNsNameIs:
+        if (locals[i]) locals[i]->netNsNameIs(NamespaceName(c.localName()));
+        changed = lo && lo->second && lo->first != c.localName();
+        if (lo) lo->first = c.localName();
+        break;
+      case Command::namespaceIs:
+        netNs->namespaceIs(NamespaceName(namespaces[i]), 1 + i);
+        m.exists.insert(namespaces[i]);
+        break;
+      case Command::namespaceDel:
+        netNs->namespaceDel(NamespaceName(namespaces[i]));
+        if (m.exists.erase(namespaces[i])) {
+          std::erase_if(m.decided, [&](auto const & e) { return e.first.starts_with(namespaces[i] + std::string(" ")); });
+        }
+        break;
+      case Command::convergenceIs: {
+        root->operStateConvergenceIs(c.a % 2);
+        std::vector<int> all;  // turned on, every interface in the directory is synced again
+        for (int j = 0; j < 3 && c.a % 2 && !m.convergence; ++j) {
+          if (m.inDir(j)) all.push_back(j);
+        }
+        if (!(m.convergence = c.a % 2)) m.decided.clear();
+        return all;
+      }
+      default:
+        break;
+    }
+    return changed ? std::vector<int>{i} : std::vector<int>{};
+  }
+
   // Runs `commands` against the root and the model, checking after each.
   void run(std::vector<Command> const & commands) {
     auto sm = start();
@@ -540,14 +534,16 @@ class KernelOperStateModel : public KernelOperStateTest {
     for (Command const & c : commands) {
       fake.clearCalls();
       trace.clear();
-      bool const existed = c.op >= Command::namespaceIs && m.exists.count(namespaces[c.i()]);
-      std::vector<int> const synced = apply(m, c);
-      execute(c);
-      std::vector<std::string> expected, expectedTraces;
+      bool const existed = m.exists.count(namespaces[c.i()]);
+      std::vector<int> const synced = step(m, c);
+      for (int i : synced) m.sync(i);
+
+      // What was sent, and traced at levels 0, 1 and 5, for each interface synced.
+      std::vector<std::string> expected, expectedTraces, sent, traced;
       for (int i : synced) {
-        if (!requestOf(m, i).empty()) expected.push_back(requestOf(m, i));
         RC_ASSERT(trace.contains("doSyncIntfStatus( " + std::string(ids[i]) + " )"));
-        if (!m.status[i] || !m.status[i]->inDir) continue;  // nothing to push
+        if (!m.inDir(i)) continue;  // nothing to push
+        if (!m.request(i).empty()) expected.push_back(m.request(i));
         if (!m.exists.count(m.at[i]->substr(0, m.at[i]->find(' ')))) expectedTraces.push_back("creating local netlink socket");
         std::ostringstream unknown;
         unknown << "unknown operStatus: " << IntfOperStatus(m.status[i]->operStatus);
@@ -557,21 +553,17 @@ class KernelOperStateModel : public KernelOperStateTest {
           expectedTraces.push_back(unknown.str());
         }
       }
-      std::vector<std::string> traced;
       for (unsigned level : {0, 1, 5}) {
         for (auto const & t : trace.texts("KernelOperState", level)) {
-          if (t.rfind("no link monitor", 0) != 0) traced.push_back(t);  // convergence's monitors cannot be had here
+          if (!t.starts_with("no link monitor")) traced.push_back(t);  // convergence's monitors cannot be had here
         }
       }
-      std::sort(traced.begin(), traced.end());
-      std::sort(expectedTraces.begin(), expectedTraces.end());
-      RC_ASSERT(traced == expectedTraces);
       // Each netlink socket of a request or the cache: routing netlink, bound with a kernel-chosen pid.
-      for (auto const & call : fake.calls(Kind::socketAt)) RC_ASSERT(call.b != SOCK_DGRAM || (call.a == 16 && call.c == 0));
+      for (auto const & call : fake.calls(Kind::socketAt)) {
+        RC_ASSERT(call.b != SOCK_DGRAM || (call.a == 16 && call.c == 0));
+        nsOfSocket[static_cast<int>(call.result)] = call.text;
+      }
       for (auto const & call : fake.calls(Kind::bind)) RC_ASSERT(call.data == std::string("\x10\0\0\0\0\0\0\0\0\0\0\0", 12));
-
-      for (auto const & call : fake.calls(Kind::socketAt)) nsOfSocket[static_cast<int>(call.result)] = call.text;
-      std::vector<std::string> sent;
       for (auto const & r : fake.operStateRequests()) {
         std::string const & ns = nsOfSocket[r.sd];
         sent.push_back(ns + " " + r.deviceName + " " + std::to_string(r.operState));
@@ -579,21 +571,22 @@ class KernelOperStateModel : public KernelOperStateTest {
         RC_ASSERT(kosm->nsNetlinkSockFdHas(NamespaceName(ns)) == (kosm->nsNetlinkSockFd(NamespaceName(ns)) == r.sd));
         RC_ASSERT(r.tag == 111);
       }
-      std::sort(sent.begin(), sent.end());
-      std::sort(expected.begin(), expected.end());
+      for (auto * v : {&expected, &expectedTraces, &sent, &traced}) std::sort(v->begin(), v->end());
       RC_ASSERT(sent == expected);
+      RC_ASSERT(traced == expectedTraces);
       // Which handler ran first.
-      std::string first = traces().empty() ? "" : traces().front();
+      std::string const first = traces().empty() ? "" : traces().front();
       if (c.op < Command::localNew && !first.empty()) {
         RC_ASSERT(first == "handleOperStatusOrDeviceName( " + std::string(ids[c.i()]) + " )");
       } else if (c.op < Command::namespaceIs && !first.empty()) {
         RC_ASSERT(first == "handleNetNsName( " + std::string(ids[c.i()]) + " )");
-      } else if (c.op < Command::convergenceIs && existed != (c.op == Command::namespaceIs)) {
+      } else if (c.op >= Command::namespaceIs && c.op < Command::convergenceIs &&
+                 existed != (c.op == Command::namespaceIs)) {
         RC_ASSERT(first == "IntfStatusOperStatusSm::handleNsByName(name=" + std::string(namespaces[c.i()]) + ")");
       }
 
-      // One cached socket per namespace that exists, opened there; nothing else open; off, no state
-      // besides the cache.
+      // One cached socket per namespace that exists, opened there; nothing else open; no decided state
+      // but the model's (none while convergence is off).
       std::vector<int> cached;
       for (auto const & e : kosm->nsNetlinkSockFdIter()) {
         RC_ASSERT(m.exists.count(e.key.charPtr()) == 1u);
@@ -608,48 +601,6 @@ class KernelOperStateModel : public KernelOperStateTest {
         std::string const ns = place.substr(0, place.find(' '));
         RC_ASSERT(kosm->decidedOperState(NamespaceName(ns), place.substr(ns.size() + 1).c_str()) == value);
       }
-    }
-  }
-
-  void execute(Command const & c) {
-    int const i = c.i();
-    IntfId const id(ids[i]);
-    switch (c.op) {
-      case Command::statusNew:
-        dir->intfStatusIs(statuses[i] = status(ids[i], c.device(), IntfOperStatus(c.operStatus())));
-        break;
-      case Command::statusReinsert:
-        if (statuses[i]) dir->intfStatusIs(statuses[i]);
-        break;
-      case Command::statusDel:
-        dir->intfStatusDel(id);
-        break;
-      case Command::operStatusIs:
-        if (statuses[i]) statuses[i]->operStatusIs(IntfOperStatus(c.operStatus()));
-        break;
-      case Command::deviceNameIs:
-        if (statuses[i]) statuses[i]->deviceNameIs(c.device());
-        break;
-      case Command::localNew:
-        localDir->intfStatusLocalIs(locals[i] = local(ids[i], c.localName()));
-        break;
-      case Command::localDel:
-        localDir->intfStatusLocalDel(id);
-        break;
-      case Command::netNsNameIs:
-        if (locals[i]) locals[i]->netNsNameIs(NamespaceName(c.localName()));
-        break;
-      case Command::namespaceIs:
-        netNs->namespaceIs(NamespaceName(namespaces[i]), 1 + i);
-        break;
-      case Command::namespaceDel:
-        netNs->namespaceDel(NamespaceName(namespaces[i]));
-        break;
-      case Command::convergenceIs:
-        root->operStateConvergenceIs(c.a % 2);
-        break;
-      default:
-        break;
     }
   }
 
