@@ -287,6 +287,7 @@ int main(int argc, char ** argv) {
   }
 
   auto root = KernelOperState::rootFactory("bench");
+  root->operStateConvergenceIs(true);
   auto kosm = root->kosmIs();
   auto dir = root->intfStatusDirIs("intfStatus");
   auto localDir = root->intfStatusLocalDirIs("intfStatusLocal");

@@ -229,7 +229,7 @@ Agent::Agent(std::vector<Port> ports, int etherType, bool script)
 
   // The oper-state subsystem, wired as its header shows.
   operState_ = KernelOperState::rootFactory("kernelOperState");
-  operState_->operStateConvergenceIs(true);
+  operState_->operStateConvergenceIs(true);  // pushed states survive carrier flaps and re-created devices
   operState_->kosmIs();
   operState_->intfStatusDirIs("intfStatus");
   operState_->intfStatusLocalDirIs("intfStatusLocal");

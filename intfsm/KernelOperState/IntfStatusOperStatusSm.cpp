@@ -1,16 +1,10 @@
 #include "intfsm/KernelOperState/IntfStatusOperStatusSm.h"
 
-#include <linux/netlink.h>
-#include <sys/socket.h>
-
-#include <cerrno>
-#include <cstdio>
 #include <iostream>
 
+#include "intfsm/KernelOperState/internal/NetlinkSocket.h"
 #include "intfsm/KernelOperState/internal/Trace.h"
-#include "intfsm/foundation/vorn/Fperror.h"
 #include "intfsm/foundation/platform/Platform.h"
-#include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
@@ -52,6 +46,12 @@ class IntfStatusOperStatusSm::VornNetNsCollection
   void onNetNsByNamevornImmediate() override { forward(&IntfStatusOperStatusSm::handleNsByNameOnBind); }
 };
 
+class IntfStatusOperStatusSm::VornKosm : public Vorn::Reactor<IntfStatusOperStatusSm, KernelOperStateManager> {
+ public:
+  using Reactor::Reactor;
+  void onOperStateConvergence() override { forward(&IntfStatusOperStatusSm::handleOperStateConvergence); }
+};
+
 void IntfStatusOperStatusSm::VornIntfStatus::handleOperStatusOrDeviceName() {
   KOS_TRACE(8, "handleOperStatusOrDeviceName" << "( " << intfId_ << " )");
   owner()->doSyncIfInitialized(intfId_);
@@ -78,6 +78,7 @@ IntfStatusOperStatusSm::IntfStatusOperStatusSm(Vorn::Ptr<IntfStatusDir const> co
     intfStatusLocalDirReactor_ = Vorn::reactorNew<VornIntfStatusLocalDir>(this, intfStatusLocalDir_);
   }
   if (netNsCollection_) netNsCollectionReactor_ = Vorn::reactorNew<VornNetNsCollection>(this, netNsCollection_);
+  if (kosm_) kosmReactor_ = Vorn::reactorNew<VornKosm>(this, kosm_);
   handleIntfStatus();
   handleIntfStatusLocal();
   handleInitialized();
@@ -95,6 +96,7 @@ void IntfStatusOperStatusSm::vornDoZombieReactors(bool zombie) {
   if (intfStatusDirReactor_) intfStatusDirReactor_->vornZombieIs(zombie);
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->vornZombieIs(zombie);
   if (netNsCollectionReactor_) netNsCollectionReactor_->vornZombieIs(zombie);
+  if (kosmReactor_) kosmReactor_->vornZombieIs(zombie);
 }
 
 void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
@@ -105,6 +107,7 @@ void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
   if (intfStatusDirReactor_) intfStatusDirReactor_->hasNotificationActiveIs(active);
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->hasNotificationActiveIs(active);
   if (netNsCollectionReactor_) netNsCollectionReactor_->hasNotificationActiveIs(active);
+  if (kosmReactor_) kosmReactor_->hasNotificationActiveIs(active);
 }
 
 void IntfStatusOperStatusSm::doSyncIfInitialized(Ovel::IntfId const & intfId) {
@@ -156,15 +159,24 @@ void IntfStatusOperStatusSm::decidedAtIs(Ovel::IntfId const & id, Ovel::Namespac
                                          Vorn::String const & device) {
   auto [at, added] = decidedAt_.try_emplace(id, ns, device);
   if (added || (at->second.first == ns && at->second.second == device)) return;
-  kosm_->decidedOperStateDel(at->second.first, at->second.second);
-  at->second = {ns, device};
+  leaveDecidedAt(id);
+  decidedAt_.emplace(id, std::pair(ns, device));
 }
 
 void IntfStatusOperStatusSm::decidedAtDel(Ovel::IntfId const & id) {
+  if (decidedAt_.count(id)) leaveDecidedAt(id);
+}
+
+// Another interface that names the same device there keeps its decided state; a rename or a move is
+// scanned for, which is rare beside status changes.
+void IntfStatusOperStatusSm::leaveDecidedAt(Ovel::IntfId const & id) {
   auto const at = decidedAt_.find(id);
-  if (at == decidedAt_.end()) return;
-  if (kosm_) kosm_->decidedOperStateDel(at->second.first, at->second.second);
+  std::pair<Ovel::NamespaceName, Vorn::String> const place = at->second;
   decidedAt_.erase(at);
+  for (auto const & [other, otherPlace] : decidedAt_) {
+    if (otherPlace == place) return;
+  }
+  if (kosm_) kosm_->decidedOperStateDel(place.first, place.second);
 }
 
 void IntfStatusOperStatusSm::intfStatusLocalReconciled(Ovel::IntfId const & id, Change change) {
@@ -207,6 +219,12 @@ void IntfStatusOperStatusSm::handleInitialized() {
   for (auto const & e : intfStatusDir_->intfStatusIter()) doSyncIntfStatus(e.key);
 }
 
+void IntfStatusOperStatusSm::handleOperStateConvergence() {
+  if (!initialized_ || !kosm_->operStateConvergence() || !intfStatusDir_) return;
+  KOS_TRACE(8, "handleOperStateConvergence");
+  for (auto const & e : intfStatusDir_->intfStatusIter()) doSyncIntfStatus(e.key);
+}
+
 void IntfStatusOperStatusSm::doSyncIntfStatus(Ovel::IntfId const & intfId) {
   KOS_TRACE(8, "doSyncIntfStatus" << "( " << intfId << " )");
   VORN_ASSERT(intfStatusDir());
@@ -225,25 +243,8 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName" << "(name=" << name << ")");
   Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
-    int sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, name.charPtr());
-    int const socketErrno = errno;  // a trace may write, and change errno, before perror reads it
-    KOS_TRACE(8, "created netlink socket. Sd: " << sd);
-    if (sd < 0) {
-      errno = socketErrno;
-      if (name.isDefault()) fperror("socket");
-      perror("socket");
-      return;
-    }
-    sockaddr_nl addr{};
-    addr.nl_family = AF_NETLINK;
-    KOS_TRACE(8, "Binding to socket. Sd: " << sd);
-    int rc = platform.bind(sd, reinterpret_cast<sockaddr const *>(&addr), sizeof addr);
-    if (rc < 0) {
-      int const bindErrno = errno;
-      KOS_TRACE(8, "Bind error: " << rc);
-      errno = bindErrno;
-      fperror("bind");
-    }
+    int const sd = netlinkSocketOpen(name, "created netlink socket. Sd: ", true);
+    if (sd < 0) return;
     // A socket already cached for this name is replaced, not closed: each presence notification opens
     // a fresh one on purpose.
     kosm_->nsNetlinkSockFdIs(name, sd);

@@ -7,10 +7,12 @@
 // A namespace that appears gets a fresh cached netlink socket in the manager; one that disappears has
 // its cached socket closed and removed.
 //
-// The manager keeps the state last decided for each namespace and device (see KernelOperStateManager).
-// When an interface's device name or namespace changes, or its status leaves the directory, the
-// decided state of the device it named before is dropped, so that nothing goes on re-asserting a state
-// that no interface decides any more.
+// With convergence on, the manager keeps the state last decided for each namespace and device (see
+// KernelOperStateManager). When an interface's device name or namespace changes, or its status leaves
+// the directory, the decided state of the device it named before is dropped, so that nothing goes on
+// re-asserting a state that no interface decides any more; while another interface still names that
+// device there, the state is kept. When convergence is turned on, every interface is synced again, so
+// that each device has a decided state to keep.
 //
 // Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
 // with the start-up sync.
@@ -97,6 +99,8 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   void hasNotificationActiveIs(bool active);
 
   void handleInitialized();
+  // Convergence turned on in the manager: every interface is synced again.
+  void handleOperStateConvergence();
   void handleNsByName(Ovel::NamespaceName const & name);
   void handleNsByName();
   void doSyncIntfStatus(Ovel::IntfId const & intfId);
@@ -113,6 +117,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   class VornIntfStatusDir;
   class VornIntfStatusLocalDir;
   class VornNetNsCollection;
+  class VornKosm;
 
   using Change = Vorn::ReactorChange;
 
@@ -125,6 +130,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   // Where the interface's decided state now lives; the one it had elsewhere is dropped.
   void decidedAtIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns, Vorn::String const & device);
   void decidedAtDel(Ovel::IntfId const & id);
+  void leaveDecidedAt(Ovel::IntfId const & id);
 
   Vorn::Ptr<IntfStatusDir const> intfStatusDir_;
   Vorn::Ptr<IntfStatusLocalDir const> intfStatusLocalDir_;
@@ -139,6 +145,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   Vorn::Ptr<VornIntfStatusDir> intfStatusDirReactor_;
   Vorn::Ptr<VornIntfStatusLocalDir> intfStatusLocalDirReactor_;
   Vorn::Ptr<VornNetNsCollection> netNsCollectionReactor_;
+  Vorn::Ptr<VornKosm> kosmReactor_;
 };
 
 // A new state machine over the four inputs, started (the factory form through which an owner creates one).

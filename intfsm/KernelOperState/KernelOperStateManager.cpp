@@ -1,18 +1,13 @@
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
 
 #include <linux/if.h>
-#include <linux/netlink.h>
-#include <sys/socket.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 
+#include "intfsm/KernelOperState/internal/NetlinkSocket.h"
 #include "intfsm/KernelOperState/internal/Trace.h"
-#include "intfsm/foundation/vorn/Fperror.h"
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 #include "intfsm/foundation/platform/Platform.h"
-#include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
@@ -90,6 +85,7 @@ void KernelOperStateManager::operStateConvergenceIs(bool on) {
     }
   } else {
     while (Ovel::NamespaceName const * nsName = linkMonitor_.anyKey()) linkMonitorClose(Ovel::NamespaceName(*nsName));
+    decided_.clear();
   }
   notify(&NotifieeConst::onOperStateConvergence);
 }
@@ -171,43 +167,24 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
                                                 Ovel::NamespaceName const & nsName) {
   KOS_TRACE(8, "doSetOperStateInNs" << "( " << deviceName << ", " << operStatus << ", " << nsName << " )");
   int const kernelValue = kernelOperState(operStatus);
-  if (!deviceName.empty()) {
+  if (operStateConvergence_ && !deviceName.empty()) {
     if (kernelValue < 0) {
       decidedOperStateDel(nsName, deviceName);
     } else {
       decided_[nsName][deviceName] = static_cast<uint8_t>(kernelValue);
     }
   }
-  Platform::Calls & platform = Platform::calls();
   int sd;
   bool localSocket = false;
-  int socketErrno = 0;  // a trace may write, and change errno, before perror reads it
   if (int32_t const * cached = nsNetlinkSockFd_.find(nsName)) {
     sd = *cached;
+    KOS_TRACE(8, "doSetOperStateInNs" << " sd: " << sd);
+    if (sd < 0) VORN_ASSERT(localSocket == true);  // a cached negative descriptor is a program error
   } else {
     KOS_TRACE(5, "creating local netlink socket");
-    sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, nsName.charPtr());
-    socketErrno = errno;
     localSocket = true;
-  }
-  KOS_TRACE(8, "doSetOperStateInNs" << " sd: " << sd);
-  if (sd < 0) {
-    VORN_ASSERT(localSocket == true);
-    errno = socketErrno;
-    if (nsName.isDefault()) fperror("socket");
-    perror("socket");
-    return;
-  }
-  if (localSocket) {
-    sockaddr_nl addr{};
-    addr.nl_family = AF_NETLINK;
-    int rc = platform.bind(sd, reinterpret_cast<sockaddr const *>(&addr), sizeof addr);
-    if (rc < 0) {
-      int const bindErrno = errno;
-      KOS_TRACE(8, "Bind error: " << rc);
-      errno = bindErrno;
-      fperror("bind");
-    }
+    sd = netlinkSocketOpen(nsName, "doSetOperStateInNs" " sd: ", false);
+    if (sd < 0) return;
   }
   if (deviceName.empty()) {
     KOS_TRACE(1, "not sending IFLA_OPERSTATE message because deviceName is empty");
@@ -216,7 +193,7 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   } else if (!Interface::doSetNetlinkOperState(sd, deviceName.charPtr(), 111, kernelValue)) {
     exit(1);
   }
-  if (localSocket) platform.close(sd);
+  if (localSocket) Platform::calls().close(sd);
 }
 
 }  // namespace KernelOperState

@@ -17,8 +17,9 @@
 // traced and survived: the next change of the interface's status sends it again, and so does
 // convergence, below, when the device appears.
 //
-// Convergence (`operStateConvergence`, on by default; off, the manager does what is said above and
-// nothing else, with no socket besides the cache). The kernel does not keep what was pushed: it recomputes a
+// Convergence (`operStateConvergence`, off by default: off, the manager does what is said above and
+// nothing else: it holds no state besides the cache and opens no socket besides the cached and the
+// short-lived ones, and a request is sent only when a status changes). The kernel does not keep what was pushed: it recomputes a
 // device's operational state on every carrier change, so a device set DORMANT comes back UP after its
 // carrier drops and returns (and, under IFLA_LINKMODE dormant, one set UP comes back DORMANT); and a
 // device deleted and re-created under its name starts from the kernel's own state. So the manager
@@ -53,9 +54,10 @@
 // non-negative socket is cached for it, unless one is open already; it closes when the cache entry is
 // removed, and then the namespace's decided states are dropped too: that is how the oper-status state
 // machine says the namespace is gone. A monitor that cannot be opened is traced at level 0 and the
-// namespace goes without convergence until its socket is cached again. Turning convergence off closes
-// every monitor; decided states are still kept, and turning it on again opens the monitors, whose first
-// dumps bring the devices back to them.
+// namespace goes without convergence until its socket is cached again. Decided states are kept only
+// while convergence is on: turning it off closes every monitor and forgets them; turning it on opens
+// the monitors, and the oper-status state machine then pushes every interface again, which decides
+// their states afresh.
 #pragma once
 
 #include <cstdint>
@@ -146,7 +148,7 @@ class KernelOperStateManager : public Vorn::Notifier {
   void handleLinkReport(Ovel::NamespaceName const & nsName, Vorn::String const & device);
 
   Vorn::Collection<Ovel::NamespaceName, int32_t> nsNetlinkSockFd_;
-  bool operStateConvergence_ = true;
+  bool operStateConvergence_ = false;
   std::unordered_map<Ovel::NamespaceName, std::unordered_map<Vorn::String, uint8_t>> decided_;
   Vorn::Collection<Ovel::NamespaceName, Vorn::Ptr<KernelNetInfo::Status>> linkMonitor_;
   Vorn::ReactorCollection<Ovel::NamespaceName, VornLinkMonitor> linkMonitorReactor_;

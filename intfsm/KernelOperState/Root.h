@@ -15,10 +15,11 @@
 // loop (the namespace manager follows namespaces on it, and the link monitors of convergence read
 // on it).
 //
-// `operStateConvergence` (bool, default true): the manager keeps each device's operational state equal
+// `operStateConvergence` (bool, default false): the manager keeps each device's operational state equal
 // to the decided one when the kernel changes it by itself (a carrier flap, a device re-created or
-// appearing late; see KernelOperStateManager). An agent that wants status changes pushed and nothing
-// else turns it off, before or after kosmIs(): root->operStateConvergenceIs(false).
+// appearing late; see KernelOperStateManager), at the cost of a second netlink socket per namespace.
+// Off, status changes are pushed and nothing else. An agent that wants it turns it on, before or after
+// kosmIs(): root->operStateConvergenceIs(true).
 //
 // Threading: everything, the agent's calls included, happens on the loop's one thread; nothing is
 // locked. Lifetime: the root holds its children; a child's reactors hold (Ptr) what they watch, so the
@@ -95,7 +96,7 @@ class Root : public Vorn::Entity {
   Vorn::Ptr<KernelNetNsInfo::Root> netNsCollection_;
   Vorn::Ptr<KernelNetNsInfo::Manager> netNsManager_;
   Vorn::Ptr<IntfStatusOperStatusSm> intfStatusOperStatusSm_;
-  bool operStateConvergence_ = true;
+  bool operStateConvergence_ = false;
 };
 
 Vorn::Ptr<Root> rootFactory(Vorn::Name const & name);

@@ -60,27 +60,6 @@ class NetlinkOperStateKernel : public IntfsmTest::NetNsTest {
   int descriptors = -1;
 };
 
-TEST_F(NetlinkOperStateKernel, DormantThenUp) {
-  EXPECT_NE(va0().flags & IFF_RUNNING, 0u);
-
-  ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT)) << std::strerror(errno);
-  EXPECT_EQ(va0().operState, IF_OPER_DORMANT);
-  EXPECT_EQ(va0().flags & IFF_RUNNING, 0u);
-  EXPECT_EQ(netns().link(ns, "vb0")->operState, IF_OPER_UP);  // only the named device
-
-  ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_UP)) << std::strerror(errno);
-  EXPECT_EQ(va0().operState, IF_OPER_UP);
-  EXPECT_NE(va0().flags & IFF_RUNNING, 0u);
-}
-
-TEST_F(NetlinkOperStateKernel, RepeatedRequestsOnOneSocket) {
-  for (int i = 0; i < 20; ++i) {
-    int const state = i % 2 == 0 ? IF_OPER_DORMANT : IF_OPER_UP;
-    ASSERT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, state)) << i << ": " << std::strerror(errno);
-    EXPECT_EQ(va0().operState, state) << i;
-  }
-}
-
 // A device the namespace does not have (never made, in another namespace, renamed away) is refused:
 // traced, not a failure, and the socket serves the next request.
 TEST_F(NetlinkOperStateKernel, RefusalsAreTracedAndSurvived) {
@@ -103,6 +82,7 @@ TEST_F(NetlinkOperStateKernel, RefusalsAreTracedAndSurvived) {
   EXPECT_EQ(trace.size(), 3u);
 }
 
+// DORMANT and UP applied on the device are in the oper-state root's kernel tests.
 TEST_F(NetlinkOperStateKernel, AcceptedOnAnAdminDownDeviceButNotApplied) {
   netns().linkDown(ns, "va0");
   EXPECT_TRUE(Interface::doSetNetlinkOperState(sd, "va0", 111, IF_OPER_DORMANT));

@@ -46,6 +46,15 @@ class Status::VornClock : public Vorn::Reactor<Status, Vorn::Clock> {
   void onTimeMin() override { forward(&Status::handleRedumpTime); }
 };
 
+class Status::VornNetNsCollection : public Vorn::Reactor<Status, KernelNetNsInfo::Root> {
+ public:
+  using Reactor::Reactor;
+  void onNetNsByName(Ovel::NamespaceName const & name) override {
+    if (name == owner()->netNs()) forward(&Status::handleNetNs);
+  }
+  void onNetNsByNamevornImmediate() override { forward(&Status::handleNetNs); }
+};
+
 Vorn::Ptr<Status> Status::statusNew(Vorn::Name const & name, Ovel::NamespaceName const & netNs,
                                     Vorn::Ptr<Root> const & root) {
   return statusNew(name, netNs, root, Vorn::activityManager());
@@ -68,8 +77,52 @@ Status::Status(Vorn::Name const & name, Ovel::NamespaceName const & netNs, Vorn:
 }
 
 Status::~Status() {
+  if (netNsReactor_) netNsReactor_->vornZombieIs(true);
   close();
   clockReactor_ = nullptr;
+}
+
+uint32_t Status::netNsNumber() const {
+  return netNsCollection_ && !netNs_.isDefault() ? netNsCollection_->netNsByName(netNs_) : 0;
+}
+
+bool Status::netNsPresent() const {
+  return !netNsCollection_ || netNs_.isDefault() || netNsCollection_->netNsByNameHas(netNs_);
+}
+
+void Status::netNsCollectionIs(Vorn::Ptr<KernelNetNsInfo::Root const> const & collection) {
+  if (collection == netNsCollection_) return;
+  if (netNsReactor_) {
+    netNsReactor_->vornZombieIs(true);
+    netNsReactor_ = nullptr;
+  }
+  netNsCollection_ = collection;
+  openNetNsNumber_ = netNsNumber();
+  // Binding reconciles at once with what the collection holds.
+  if (collection) netNsReactor_ = Vorn::reactorNew<VornNetNsCollection>(this, collection);
+}
+
+void Status::handleNetNs() {
+  bool const present = netNsPresent();
+  uint32_t const number = netNsNumber();
+  Vorn::Ptr<Status> keep(references() ? this : nullptr);
+  if (sd_ >= 0 && (!present || number != openNetNsNumber_)) {
+    KNI_TRACE(5, "namespace " << netNs_ << (present ? " is another namespace now" : " is gone")
+                              << ": socket closed, " << root_->interfaceByIfIndexs() << " devices dropped");
+    close();
+    syncedIs(false);
+    root_->interfaceDelAll();
+  }
+  if (!enabled_ || !present || sd_ >= 0) return;
+  KNI_TRACE(5, "namespace " << netNs_ << " exists: opening in it");
+  openNetNsNumber_ = number;
+  ++reopens_;
+  try {
+    openAndReadFirstDump();
+  } catch (Vorn::ErrnoException const &) {
+    // Traced at level 0 by the failing step; the next change of the namespace tries again.
+    KNI_TRACE(5, "namespace " << netNs_ << " not followed until it changes again");
+  }
 }
 
 void Status::enabledIs(bool enabled) {
@@ -84,8 +137,23 @@ void Status::enabledIs(bool enabled) {
     return;
   }
 
+  enabled_ = true;  // a watcher may disable the status while the first dump is read
+  if (netNsPresent()) {
+    openNetNsNumber_ = netNsNumber();
+    try {
+      openAndReadFirstDump();
+    } catch (...) {
+      enabled_ = false;
+      throw;
+    }
+  } else {
+    KNI_TRACE(5, "namespace " << netNs_ << " does not exist: opening in it when it does");
+  }
+  if (enabled_) notify(&NotifieeConst::onEnabled);
+}
+
+void Status::openAndReadFirstDump() {
   open();
-  enabled_ = true;
   // The first dump is read here, so that the Root is current when enabling returns.
   double const deadline = Vorn::System::monotonicTime() + initialDumpSeconds;
   while (dumping_ && sd_ >= 0) {
@@ -105,7 +173,6 @@ void Status::enabledIs(bool enabled) {
     }
     if (ready > 0) handleReadable();
   }
-  if (enabled_) notify(&NotifieeConst::onEnabled);
 }
 
 void Status::open() {

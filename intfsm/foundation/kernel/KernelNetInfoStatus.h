@@ -37,6 +37,19 @@
 //   one dump. The monitor never gives up or exits.
 // - Each readable event reads until EAGAIN.
 //
+// Following the namespace (`netNsCollection`, null by default: a status without one serves the
+// namespace it entered first for as long as it is enabled, and its socket keeps that namespace alive
+// after `ip netns del`). Given the collection of the namespaces that exist (a KernelNetNsInfo::Root
+// kept by a KernelNetNsInfo::Manager), an enabled status is open only while its namespace is in it by
+// name (the default namespace always is). When the name goes, or comes back as another namespace
+// (another number), what the status holds in the old namespace goes: the socket is closed and the
+// Root emptied, each device's removal notified, so that its readers unpublish what they derived from
+// it. When a namespace of that name exists again, the status opens anew in it and follows it like a
+// new one: subscribe, dump, events. Opening there is work done on the loop: a failure is traced at
+// level 0 and the status waits, closed, for the next change of the namespace.
+//
+//   status->netNsCollectionIs(netNsRoot);   // netNsRoot kept by KernelNetNsInfo::ManagerIs(netNsRoot)
+//
 // Disabling drops the FileDescriptor, then closes the socket; the Root keeps what it last applied
 // (events held for an unfinished dump go with it), and enabling again reconciles it with a fresh
 // dump. Failures to set the socket up raise Vorn::ErrnoException ("KernelNetInfo::Status <step> failed
@@ -50,6 +63,7 @@
 #include <vector>
 
 #include "intfsm/foundation/kernel/KernelNetInfo.h"
+#include "intfsm/foundation/kernel/KernelNetNsInfo.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "intfsm/foundation/vorn/Entity.h"
@@ -86,6 +100,14 @@ class Status : public Vorn::Entity {
   bool enabled() const { return enabled_; }
   void enabledIs(bool enabled);
 
+  // The namespaces that exist, through which the status follows its own (see above); null: not followed.
+  Vorn::Ptr<KernelNetNsInfo::Root const> const & netNsCollection() const { return netNsCollection_; }
+  void netNsCollectionIs(Vorn::Ptr<KernelNetNsInfo::Root const> const & collection);
+  // Whether the namespace exists as far as the status knows: always without a collection.
+  bool netNsPresent() const;
+  // Times the status opened on the loop in a namespace that appeared (again) under its name.
+  uint64_t reopens() const { return reopens_; }
+
   // True while the Root is known to match the kernel: a complete dump has been applied and no event
   // has been lost since.
   bool synced() const { return synced_; }
@@ -118,12 +140,19 @@ class Status : public Vorn::Entity {
  private:
   class VornFileDesc;
   class VornClock;
+  class VornNetNsCollection;
 
   Status(Vorn::Name const & name, Ovel::NamespaceName const & netNs, Vorn::Ptr<Root> const & root,
          Vorn::ActivityManager & loop);
 
   void open();
+  // open(), then the first dump read before returning (for at most initialDumpSeconds).
+  void openAndReadFirstDump();
   void close();
+  // The namespace's presence or number changed in the collection: close, drop, reopen as needed.
+  void handleNetNs();
+  // The collection's number of the namespace; 0 for the default one, or without a collection.
+  uint32_t netNsNumber() const;
   [[noreturn]] void fail(char const * step, int error);
   void applyRcvBuf(int sd);
   bool startDump();
@@ -156,6 +185,10 @@ class Status : public Vorn::Entity {
   Vorn::Ptr<Vorn::FileDescriptor> fd_;
   Vorn::Ptr<VornFileDesc> fdReactor_;
   Vorn::Ptr<VornClock> clockReactor_;
+  Vorn::Ptr<KernelNetNsInfo::Root const> netNsCollection_;
+  Vorn::Ptr<VornNetNsCollection> netNsReactor_;
+  uint32_t openNetNsNumber_ = 0;  // the collection's number of the namespace the socket is in
+  uint64_t reopens_ = 0;
   std::vector<char> buffer_;
 
   uint32_t seq_;

@@ -12,10 +12,12 @@
 #include <algorithm>
 #include <functional>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <sstream>
 
 #include "intfsm/foundation/kernel/KernelNetInfoInterfaceInfo.h"
+#include "intfsm/foundation/kernel/KernelNetNsInfo.h"
 #include "intfsm/foundation/vorn/System.h"
 #include "tests/support/FakePlatform.h"
 #include "tests/support/FakeRtnetlink.h"
@@ -411,6 +413,51 @@ TEST_F(KernelNetInfoStatus, GivenRootIsTheOneFilledAndInterfaceInfoReadsIt) {
   EXPECT_EQ(info.ifIndex("va0"), 3u);
   EXPECT_TRUE(info.isRunning("lo"));
   EXPECT_FALSE(KernelNetInfo::InterfaceInfo().exists("lo"));
+}
+
+// Given the namespaces that exist, the status is open only while its namespace does: gone (or another
+// namespace under the name), the socket closes and every device is removed; back, it opens anew.
+TEST_F(KernelNetInfoStatus, FollowsItsNamespaceThroughTheCollection) {
+  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 0x21}};  // levels 0 and 5
+  auto netNs = KernelNetNsInfo::Root::rootNew("netNs");
+  status->netNsCollectionIs(netNs);
+  status->enabledIs(true);  // blue does not exist yet
+  EXPECT_EQ(std::tuple(status->enabled(), status->descriptor(), fake.count(Kind::socketAt)), std::tuple(true, -1, 0u));
+  int sd = -1;
+  struct Step {
+    std::function<void()> change;
+    bool open;           // a socket is open after the change
+    size_t opened;       // sockets asked for
+    char const * trace;  // the first trace at level 0 or 5
+  } const steps[] = {
+      {[&] { netNs->namespaceIs(Ovel::NamespaceName("blue"), 7); }, true, 1, "namespace blue exists: opening in it"},
+      {[&] { netNs->namespaceIs(Ovel::NamespaceName("red"), 8); }, true, 0, nullptr},
+      {[&] { netNs->namespaceDel(Ovel::NamespaceName("blue")); }, false, 0,
+       "namespace blue is gone: socket closed, 3 devices dropped"},
+      {[&] { fake.failNext(Kind::socketAt, ENOENT), netNs->namespaceIs(Ovel::NamespaceName("blue"), 9); }, false, 1,
+       "namespace blue exists: opening in it"},
+      {[&] { netNs->namespaceDel(Ovel::NamespaceName("blue")), netNs->namespaceIs(Ovel::NamespaceName("blue"), 9); },
+       true, 1, "namespace blue exists: opening in it"},
+      {[&] { netNs->namespaceIs(Ovel::NamespaceName("blue"), 10); }, true, 1,
+       "namespace blue is another namespace now: socket closed, 3 devices dropped"},
+  };
+  for (auto const & step : steps) {
+    trace.clear();
+    fake.clearCalls();
+    step.change();
+    EXPECT_EQ(status->descriptor() >= 0, step.open);
+    EXPECT_EQ(fake.count(Kind::socketAt), step.opened);
+    EXPECT_EQ(fake.count(Kind::close), sd >= 0 && step.opened + !step.open ? 1u : 0u);  // the old socket
+    EXPECT_EQ(devices().size(), step.open ? 3u : 0u);
+    EXPECT_EQ(status->synced(), step.open);
+    // A namespace that cannot be entered now is traced, and waited for.
+    EXPECT_EQ(trace.texts("KernelNetInfo", 0),
+              std::vector<std::string>(step.opened && !step.open,
+                                       "KernelNetInfo::Status socket failed in namespace blue, errno: 2"));
+    EXPECT_EQ(trace.texts().empty() ? "" : trace.texts().front(), step.trace ? step.trace : "");
+    sd = status->descriptor();
+  }
+  EXPECT_EQ(status->reopens(), 4u);
 }
 
 // Set-up failures on the fake platform's own descriptors: the error names the step and errno, and
