@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +20,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 #include <string_view>
 
 #include "intfsm/EthDevPamManagerTypes/internal/Cleanup.h"
@@ -108,6 +110,7 @@ EthDevPamBundle::EthDevPamBundle(Vorn::Ptr<PamDesiredIntfDir const> const & desi
       pamCollection_(pamCollection) {}
 
 EthDevPamBundle::~EthDevPamBundle() {
+  doReaderListenersClear();
   doSocketCloseQuietly();
   if (bulkHeaders.preparedBy == this) bulkHeaders.preparedBy = nullptr;
 }
@@ -122,6 +125,34 @@ void EthDevPamBundle::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {
 void EthDevPamBundle::sockPrioIs(uint32_t v) {
   if (v > maxSockPrio) throw Vorn::RangeException("EthDevPamBundle::sockPrio < 0 or > 15 not allowed");
   set(sockPrio_, v, &NotifieeConst::onSockPrio);
+}
+
+void EthDevPamBundle::bulkReadQuotaIs(uint32_t v) {
+  if (v < 1 || v > maxBulkReadQuota) {
+    throw Vorn::RangeException("EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed");
+  }
+  set(bulkReadQuota_, v, &NotifieeConst::onBulkReadQuota);
+}
+
+void EthDevPamBundle::rxRingBlockSizeIs(uint32_t v) {
+  uint32_t const page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
+  if (v < page || v % page != 0) {
+    throw Vorn::RangeException("EthDevPamBundle::rxRingBlockSize < " + std::to_string(page) +
+                               " or not a multiple of " + std::to_string(page) + " not allowed");
+  }
+  set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize);
+}
+
+void EthDevPamBundle::rxRingBlockCountIs(uint32_t v) {
+  if (v < 1) throw Vorn::RangeException("EthDevPamBundle::rxRingBlockCount < 1 not allowed");
+  set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount);
+}
+
+void EthDevPamBundle::rxRingFrameSizeIs(uint32_t v) {
+  if (v != 0 && (v < minRxRingFrameSize || v % TPACKET_ALIGNMENT != 0)) {
+    throw Vorn::RangeException("EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed");
+  }
+  set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize);
 }
 
 void EthDevPamBundle::enabledIs(bool v) {
@@ -514,7 +545,13 @@ void EthDevPamBundle::doRxRingSetUp(int fd, RxRing & ring) {
     doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: ", errno);
   }
   if (os.setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &request, sizeof request) < 0) {
-    doSocketSetupFailed(fd, "EthDevPamBundle::enabled failed to set PACKET_RX_RING, errno: ", errno);
+    int const error = errno;
+    // The settings by name: a geometry only the kernel can judge (a slot larger than a block, a ring
+    // larger than it will lend) is refused here.
+    std::string const trace = "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize " +
+                              std::to_string(rxRingBlockSize_) + ", rxRingBlockCount " + std::to_string(rxRingBlockCount_) +
+                              ", rxRingFrameSize " + std::to_string(request.tp_frame_size) + "), errno: ";
+    doSocketSetupFailed(fd, trace.c_str(), error);
   }
   size_t const bytes = size_t(request.tp_block_size) * request.tp_block_nr;
   void * base = os.mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -597,6 +634,7 @@ void EthDevPamBundle::handleEnabled() {
   EDPM_TRACE(5, "Bundle:Enabled became " << enabled_);
   route_ = Route{};  // actPamCollection changes
   if (!enabled_) {
+    doReaderListenersClear();
     actPamCollection_ = nullptr;
     doSocketClose();
     return;
@@ -652,9 +690,9 @@ bool EthDevPamBundle::doGetRxPktInt() {
       return false;
     }
   }
+  pkt->newSharedHeadData(maxRxPktData());  // a larger buffer when maxRxPktData grew since the last read
   uint32_t const maxData = pkt->maxData();
   VORN_ASSERT(maxData >= maxRxPktData());
-  pkt->newSharedHeadData(maxRxPktData());
 
   sockaddr_ll from{};
   ControlArea control;
@@ -758,7 +796,8 @@ EthDevPamBundle::Delivery EthDevPamBundle::doDeliver(Vorn::Ptr<Ovel::Pkt> const 
   }
   if (!bulk) {
     Vorn::Ptr<Ovel::Pam> const keep(edp);  // its reader may withdraw it
-    if (edp->rxPktIs(frame)) edp->readableCountInc(1);  // its reader runs now, unless it is deferred
+    edp->rxPktIs(frame);  // a full queue counts what it refuses; the reader is told all the same
+    edp->readableCountInc(1);  // its reader runs now, unless it is deferred
     return edp->rxPkts() == 0 ? Delivery::delivered : Delivery::waiting;
   }
   EDPM_TRACE(9, "Storing packet to EthDevPamInBundle");
@@ -801,9 +840,10 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
       }
       Ovel::Pkt & pkt = *bulkPkt_[i];
       pkt.sharedDataResetForReuse();  // a fresh buffer when a Pam still holds the frame read into it
+      // A larger buffer when maxRxPktData grew since the last read; else the reset left it ready.
+      if (!pkt.hasHeadData() || pkt.maxData() < size) pkt.newSharedHeadData(size);
       uint32_t const maxData = pkt.maxData();
       VORN_ASSERT(maxData >= maxRxPktData());
-      if (!pkt.hasHeadData() || maxData < size) pkt.newSharedHeadData(size);  // else the reset left it ready
     }
     if (headers) {
       bulkHeaders.iov[i] = iovec{bulkPkt_[i]->data(), size};
@@ -936,6 +976,7 @@ void EthDevPamBundle::doPamNotifications() {
       EDPM_TRACE(9, "invoking reader on pam " << pam->name() << " interface " << intf << "Pam :" << pam->name()
                                               << " Pkt Count: " << pam->curRxPkts());
       uint8_t const before = pam->curRxPkts();
+      pam->readerListenerIs(nullptr);  // what it takes while called is no news
       pam->readableCountInc(1);
       uint8_t const after = pam->curRxPkts();
       bool const noProgress = before != 0 && after == before;
@@ -953,7 +994,10 @@ void EthDevPamBundle::doPamNotifications() {
     return;
   }
   EDPM_TRACE(5, "Saving " << saved.size() << "  pams for delayed processing.");
-  for (auto const & [intf, pam] : saved) active->intfPamIs(intf, pam);
+  for (auto const & [intf, pam] : saved) {
+    active->intfPamIs(intf, pam);
+    pam->readerListenerIs(this);  // served again when its reader takes a frame, or with its next frame
+  }
   EDPM_TRACE(5, "Saved " << saved.size() << "  pams for delayed  processing.");
   for (auto const & [intf, pam] : saved) {
     EDPM_TRACE(5, "Saved Intf/Pams for notification in next iteration" << " Intf: " << intf << " Pam: " << pam->name()
@@ -961,8 +1005,19 @@ void EthDevPamBundle::doPamNotifications() {
   }
   saved.clear();
   savedPams_ = std::move(saved);
+}
+
+void EthDevPamBundle::onReaderResumed(Ovel::EthDevPamInBundle & /*pam*/) {
+  if (!enabled_) return;
   EDPM_TRACE(5, "Rescheduling activity for delayed processing");
   schedPktDeliveryInc(1);
+}
+
+void EthDevPamBundle::doReaderListenersClear() {
+  if (!actPamCollection_) return;
+  for (auto const & entry : actPamCollection_->intfPamIter()) {
+    if (auto * pam = dynamic_cast<Ovel::EthDevPamInBundle *>(entry.value.ptr())) pam->readerListenerIs(nullptr);
+  }
 }
 
 void EthDevPamBundle::handleScheduledPktDelivery() {

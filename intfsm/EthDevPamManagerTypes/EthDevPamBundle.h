@@ -41,8 +41,12 @@
 // the frame's ifindex; a Pam takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see
 // Ovel::EthDevPam). Frames the host sent itself are skipped uncounted; frames of an unknown ifindex count
 // in noPamDropCount, those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk
-// mode the readers are called after the batch; a reader that leaves its frames is served again on the
-// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them. Frames
+// mode the readers are called after the batch; a reader that takes some of its frames is called again
+// at once until it has them all. One that takes none of them is saved (it stays in actPamCollection)
+// and served again with its next frame, or on the "edpBundleActivity" activity as soon as it takes a
+// frame on its own (schedPktDelivery counts those reschedules); it is never re-armed at once, which
+// would keep the loop busy for as long as the frames wait. (Rescheduling at once after every pass that
+// found a reader idle spins the process at 100 % of a core while its frames are left unread.) Frames
 // handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing the buffer,
 // and the next read into that slot takes a fresh buffer while the old one is held. In the single-frame path
 // the frame is also the bundle's own receive packet (rxPkt) until the next read begins; one nobody took is
@@ -97,7 +101,7 @@
 
 namespace Interface {
 
-class EthDevPamBundle : public Ovel::EthDevPamBase {
+class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBundle::ReaderListener {
  public:
   class NotifieeConst : public Vorn::Notifiee<EthDevPamBundle, Ovel::EthDevPamBase::NotifieeConst> {
    public:
@@ -147,6 +151,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   static constexpr uint32_t queueProbeInterval = 300;
   static constexpr uint32_t defaultRxRingBlockSize = 1u << 16;
   static constexpr uint32_t defaultRxRingBlockCount = 64;
+  static constexpr uint32_t minRxRingFrameSize = 128;
 
   // Ethernet protocols (host order) that decide the socket's protocol.
   static constexpr uint16_t ethPAll = 0x0003;
@@ -228,9 +233,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void sdTapRefIs(int v) { set(sdTapRef_, v, &NotifieeConst::onSdTapRef); }
   bool enableBulkPamRead() const { return enableBulkPamRead_; }
   void enableBulkPamReadIs(bool v) { set(enableBulkPamRead_, v, &NotifieeConst::onEnableBulkPamRead); }
-  // At most 128 when the bulk path reads (asserted there).
+  // Frames per readable event, 1..128; else Vorn::RangeException
+  // "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed" (0 would read nothing, ever).
   uint32_t bulkReadQuota() const { return bulkReadQuota_; }
-  void bulkReadQuotaIs(uint32_t v) { set(bulkReadQuota_, v, &NotifieeConst::onBulkReadQuota); }
+  void bulkReadQuotaIs(uint32_t v);
   bool mmsgInitialized() const { return mmsgInitialized_; }
   void mmsgInitializedIs(bool v) { set(mmsgInitialized_, v, &NotifieeConst::onMmsgInitialized); }
   // The packets of the bulk slots: slot i receives into savedBulkPkt(i). A null packet deletes the slot.
@@ -246,14 +252,19 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void schedPktDeliveryIs(uint32_t v) { set(schedPktDelivery_, v, &NotifieeConst::onSchedPktDelivery); }
   void schedPktDeliveryInc(uint32_t n = 1) { schedPktDeliveryIs(schedPktDelivery_ + n); }
   // Ring mode and its geometry (see Ring mode above); they apply to the sockets opened afterwards.
+  // Values that no kernel takes raise Vorn::RangeException and change nothing: a block size that is
+  // not a whole number of pages ("EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096
+  // not allowed", with the page size), a block count of 0 ("EthDevPamBundle::rxRingBlockCount < 1 not
+  // allowed"), a frame size other than 0 below 128 or not a multiple of 16 ("EthDevPamBundle::
+  // rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed").
   bool rxRing() const { return rxRing_; }
   void rxRingIs(bool v) { set(rxRing_, v, &NotifieeConst::onRxRing); }
   uint32_t rxRingBlockSize() const { return rxRingBlockSize_; }
-  void rxRingBlockSizeIs(uint32_t v) { set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize); }
+  void rxRingBlockSizeIs(uint32_t v);
   uint32_t rxRingBlockCount() const { return rxRingBlockCount_; }
-  void rxRingBlockCountIs(uint32_t v) { set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount); }
+  void rxRingBlockCountIs(uint32_t v);
   uint32_t rxRingFrameSize() const { return rxRingFrameSize_; }
-  void rxRingFrameSizeIs(uint32_t v) { set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize); }
+  void rxRingFrameSizeIs(uint32_t v);
   // Whether `sock` (sd or sdTap) receives through a ring.
   bool rxRingMapped(int sock) const;
 
@@ -351,6 +362,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   // Copies up to bulkReadQuota frames out of `ring` into the bulk slots and hands their ring slots
   // back; how many it took.
   uint32_t doRxRingTake(RxRing & ring);
+  // A saved Pam's reader took a frame: its Pams are served again on the activity.
+  void onReaderResumed(Ovel::EthDevPamInBundle & pam) override;
+  // No Pam of actPamCollection tells this bundle anything any more.
+  void doReaderListenersClear();
   // Closes the sockets without notifying anyone (destruction).
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);

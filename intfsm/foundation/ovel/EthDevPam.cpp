@@ -328,7 +328,8 @@ bool EthDevPam::doDeliver(Pkt & pkt, msghdr & header, uint32_t length) {
   pkt.ifIndexIs(from.sll_ifindex > 0 ? static_cast<uint32_t>(from.sll_ifindex) : ifIndex_);
   pkt.pktTypeIs(from.sll_pkttype);
   int const fd = sd_;
-  if (rxPktIs(Vorn::Ptr<Pkt>(&pkt))) readableCountInc(1);
+  rxPktIs(Vorn::Ptr<Pkt>(&pkt));  // a refused frame is counted by the queue; the reader is told all the same
+  readableCountInc(1);
   return enabled_ && ownSocket_ && sd_ == fd;
 }
 

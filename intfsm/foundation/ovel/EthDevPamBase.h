@@ -9,8 +9,8 @@
 //
 // Defaults: ethProtocol 0 (all), maxRxPktData 1518 (an untagged frame without FCS), listenAddr
 // 00:00:00:00:00:00 (none), an empty filter program. Each mutator compares, stores and notifies.
-// maxRxPktData above PktManager::maxHeadData raises Vorn::RangeException
-// "EthDevPamBase::maxRxPktData > 262144 not allowed".
+// maxRxPktData of 0 (every frame would arrive empty) or above PktManager::maxHeadData raises
+// Vorn::RangeException "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed".
 #pragma once
 
 #include <sys/socket.h>

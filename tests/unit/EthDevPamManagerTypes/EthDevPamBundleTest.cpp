@@ -85,7 +85,7 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
       {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
       {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},
       {Kind::setsockopt, SOL_PACKET, PACKET_VERSION, EINVAL, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: 22", true},
-      {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING, errno: 12", true},
+      {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize 1600), errno: 12", true},
       {Kind::mmap, 0, 0, EAGAIN, "EthDevPamBundle::enabled failed to map the ring, errno: 11", true},
       {Kind::setsockopt, SOL_SOCKET, SO_RCVBUFFORCE, ENOBUFS, "EthDevPamBundle::failed to set rcvbuf size, errno: 105"},
       {Kind::setsockopt, SOL_PACKET, 19, ENOMEM, "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: 12"},
@@ -309,12 +309,27 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_DEATH(bundle->doSetRcvBuf(4321), "assertion \"sock == sdTap\\(\\)\"");
   bundle->doUnrefSd(sd);
   EXPECT_DEATH(bundle->doUnrefSd(sd), "assertion \"sdRef\\(\\) >= 0\"");
-  bundle->pktReuseIs(true);
-  bundle->bulkReadQuotaIs(129);
-  EXPECT_DEATH(bundle->doGetRxPktIntBulk(), "assertion \"bulkReadQuota\\(\\) <= 128\"");
 
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { bundle->sockPrioIs(16); }),
-            "EthDevPamBundle::sockPrio < 0 or > 15 not allowed");
+  // Settings that could not work are refused at the setter, and the value in force stays.
+  struct Range {
+    std::function<void()> set;
+    std::string text;
+  };
+  for (Range const & r : std::vector<Range>{
+           {[&] { bundle->sockPrioIs(16); }, "EthDevPamBundle::sockPrio < 0 or > 15 not allowed"},
+           {[&] { bundle->bulkReadQuotaIs(0); }, "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed"},
+           {[&] { bundle->bulkReadQuotaIs(129); }, "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed"},
+           {[&] { bundle->rxRingBlockSizeIs(6000); }, "EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096 not allowed"},
+           {[&] { bundle->rxRingBlockSizeIs(0); }, "EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096 not allowed"},
+           {[&] { bundle->rxRingBlockCountIs(0); }, "EthDevPamBundle::rxRingBlockCount < 1 not allowed"},
+           {[&] { bundle->rxRingFrameSizeIs(100); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
+           {[&] { bundle->rxRingFrameSizeIs(1601); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
+           {[&] { bundle->maxRxPktDataIs(0); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"}}) {
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>(r.set), r.text);
+  }
+  EXPECT_EQ(std::vector<long>({bundle->sockPrio(), bundle->bulkReadQuota(), bundle->rxRingBlockSize(), bundle->rxRingBlockCount(),
+                               bundle->rxRingFrameSize(), bundle->maxRxPktData()}),
+            std::vector<long>({0, 128, 65536, 64, 0, 1518}));
   bundle->sockRcvBufIs(1000);
   bundle->doSocketClose();
   EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
@@ -466,6 +481,100 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
   EXPECT_EQ(type->attributes()[29], "schedPktDelivery");
   EXPECT_EQ(type->attributes().back(), "rxRingFrameSize");
   EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
+}
+
+// A larger maxRxPktData after the packets were made gives every reused packet a buffer of that size,
+// and a frame that its Pam's full queue refuses still tells its reader (store, then count).
+TEST_F(EthDevPamBundleTest, ReusedPacketsGrowWithMaxRxPktDataAndARefusedFrameStillTellsTheReader) {
+  int const sd = fakeSocket();
+  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
+  pam->ifIndexIs(7);
+  pam->sdIs(sd);
+  pam->enabledIs(true);
+  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Reader> reader = new Reader(pam);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+  auto receive = [&](std::string const & f) {
+    bundle->currActiveSdIs(sd);
+    fake.queueDatagram(sd, f, &from);
+    bundle->doGetRxPkt();
+  };
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    bundle = new EthDevPamBundle(desired, devices, pams);
+    bundle->pktReuseIs(true);
+    bundle->enableBulkPamReadIs(bulk);
+    bundle->enabledIs(true);
+    receive(std::string(60, 'a'));
+    bundle->enabledIs(false);
+    bundle->maxRxPktDataIs(9000);
+    bundle->enabledIs(true);
+    receive(std::string(9000, 'b'));
+    ASSERT_EQ(reader->frames.size(), 2u);
+    EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(9000, 'b'));
+    reader->frames.clear();
+  }
+  bundle = new EthDevPamBundle(desired, devices, pams);
+  bundle->enabledIs(true);
+  reader->notifierIs(nullptr);
+  pam->maxRxPktsIs(1);
+  uint32_t const told = pam->readableCount();
+  receive("first");
+  receive("refused: the queue is full");
+  EXPECT_EQ(std::vector<uint32_t>({pam->readableCount() - told, pam->queueDropCount(), pam->rxPkts()}),
+            std::vector<uint32_t>({2, 1, 1}));
+}
+
+// A reader that leaves its frames unread is not called again and again: the loop goes idle, and the
+// reader is served again when it takes a frame on its own, or with its next frame.
+TEST_F(EthDevPamBundleTest, AReaderThatLeavesItsFramesIsServedWhenItReadsOrOnItsNextFrameNeverInABusyLoop) {
+  int const sd = fakeSocket();
+  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
+  pam->ifIndexIs(7);
+  pam->sdIs(sd);
+  pam->enabledIs(true);
+  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  struct Lazy : Ovel::Pam::NotifieeConst {
+    void onReadableCount() override {
+      ++calls;
+      for (unsigned n = 0; n < take && pam->rxPkt(); ++n) ++taken;
+    }
+    Ovel::Pam * pam = nullptr;
+    unsigned take = 0, calls = 0, taken = 0;
+  };
+  Ptr<Lazy> reader = new Lazy;
+  reader->pam = pam.ptr();
+  reader->notifierIs(pam);
+  bundle->pktReuseIs(true);
+  bundle->enableBulkPamReadIs(true);
+  bundle->enabledIs(true);
+  auto activity = loop().activityIs("edpBundleActivity", 99);
+  Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
+  sm->ethDevPamBundleIs(bundle);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+  auto receive = [&](int frames) {
+    for (int k = 0; k < frames; ++k) fake.queueDatagram(sd, std::string(60, char('a' + k)), &from);
+    bundle->currActiveSdIs(sd);
+    bundle->doGetRxPkt();
+  };
+  receive(7);
+  EXPECT_LT(runUntilIdle(), 5u);  // idle: no pass re-arms the activity
+  EXPECT_EQ(std::vector<uint32_t>({reader->calls, bundle->schedPktDelivery(), pam->curRxPkts()}),
+            std::vector<uint32_t>({1, 0, 7}));
+  receive(1);  // its next frame: called again, with all eight
+  EXPECT_EQ(std::vector<uint32_t>({reader->calls, pam->curRxPkts()}), std::vector<uint32_t>({2, 8}));
+  reader->take = 1;
+  ASSERT_TRUE(pam->rxPkt());  // it reads on its own: the rest is delivered on the activity, once
+  ++reader->taken;
+  EXPECT_LT(runUntilIdle(), 5u);
+  EXPECT_EQ(std::vector<uint32_t>({reader->taken, pam->curRxPkts(), bundle->schedPktDelivery()}),
+            std::vector<uint32_t>({8, 0, 1}));
+  EXPECT_TRUE(bundle->actPamCollection()->empty());
+  sm = nullptr;
 }
 
 }  // namespace
