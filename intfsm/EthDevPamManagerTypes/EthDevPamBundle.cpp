@@ -272,11 +272,17 @@ void EthDevPamBundle::doUnrefSd(int sock) {
   if (sock == sd_) {
     sdRefIs(sdRef_ - 1);
     VORN_ASSERT(sdRef() >= 0);
-    return;
+  } else {
+    VORN_ASSERT(sdTap() == sock);
+    sdTapRefIs(sdTapRef_ - 1);
+    VORN_ASSERT(sdTapRef() >= 0);
   }
-  VORN_ASSERT(sdTap() == sock);
-  sdTapRefIs(sdTapRef_ - 1);
-  VORN_ASSERT(sdTapRef() >= 0);
+  if (sdRef_ == 0 && sdTapRef_ == 0) {
+    // The last interface left: a socket kept open would pin its namespace, also one deleted since,
+    // and the next interface would share a socket in a namespace no longer reachable by its name.
+    doSocketsClose();
+    sockRcvBufIs(0);  // the next socket is sized afresh
+  }
 }
 
 // ---- opening, sizing, closing ----------------------------------------------------------------------
@@ -479,6 +485,13 @@ uint32_t EthDevPamBundle::doFindRcvBuf(int sock) {
 
 void EthDevPamBundle::doSocketClose() {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::doSocketClose()");
+  if (sd_ == -1 && sdTap_ == -1) return;
+  doSocketsClose();
+  sockRcvBufIs(0);
+  perIntfSockRcvBufIs(0);
+}
+
+void EthDevPamBundle::doSocketsClose() {
   // The tap socket outlives the common one only when a failed step closed the common one (see
   // doSocketForget); it is closed here all the same.
   if (sd_ == -1 && sdTap_ == -1) return;
@@ -504,8 +517,6 @@ void EthDevPamBundle::doSocketClose() {
     fileDescTapDel();
     fdSmTap_ = nullptr;
   }
-  sockRcvBufIs(0);
-  perIntfSockRcvBufIs(0);
 }
 
 void EthDevPamBundle::doSocketCloseQuietly() {

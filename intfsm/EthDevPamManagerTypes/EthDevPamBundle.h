@@ -19,7 +19,8 @@
 // Sockets. At most two: the common socket `sd`, and the tap socket `sdTap` for kernel software
 // devices ("tun", "veth") when the protocol is the fabric pseudo-protocol 0x002A; the tap socket
 // receives every protocol behind a three-instruction guard that drops 0x002A. `sdRef`/`sdTapRef`
-// count the interfaces on each; the sockets stay open until disabled. Every failure while a socket is
+// count the interfaces on each; the sockets are closed when disabled, and also as soon as no interface
+// is left on either (see doUnrefSd). Every failure while a socket is
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
 // with bad content). doSetRcvBuf closes `sock` whenever it raises; when that socket is one of the
@@ -273,7 +274,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   // socket it needs on first use. May raise (see Sockets above); nothing is counted then.
   int doGetSd(Vorn::String const & deviceName);
   // The interface that shared `sock` leaves. A socket that is neither sd nor sdTap, or a count below
-  // 0, is a program error (assertion).
+  // 0, is a program error (assertion). When no interface is left on either socket, both are closed
+  // (and sockRcvBuf is 0 again), so that the next doGetSd opens a fresh socket in whatever namespace
+  // has the name netNs by then: a socket kept open would pin a namespace deleted and made again under
+  // the same name, and frames of the new one would never arrive.
   void doUnrefSd(int sock);
   // Opens, configures and binds a socket for `ethProto` (host order) as sdTap or sd.
   void doSocketCreateProto(uint16_t ethProto, bool forSdTap);
@@ -366,6 +370,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void onReaderResumed(Ovel::EthDevPamInBundle & pam) override;
   // No Pam of actPamCollection tells this bundle anything any more.
   void doReaderListenersClear();
+  // Closes both sockets, their watches and descriptor state machines.
+  void doSocketsClose();
   // Closes the sockets without notifying anyone (destruction).
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);

@@ -396,4 +396,32 @@ TEST_F(EthDevPamBundleKernelTest, ARefusedFilterNeverMutesASocket) {
   EXPECT_TRUE(program(tap).empty());
 }
 
+// The bundle's namespace is deleted and made again under its name, with the device again: once the
+// interface's record is withdrawn and comes back with the new ifindex, its frames arrive again.
+TEST_F(EthDevPamBundleKernelTest, ANamespaceDeletedAndMadeAgainIsFollowed) {
+  bundleNew(testProtocol, single);
+  join(0);
+  send(0, frame('a'));
+  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));
+  netns().namespaceDel(ns);  // the name goes; the namespace lives on while a socket holds it
+  int const sd = readers[0]->pam->sd();
+  readers[0]->pam->enabledIs(false);  // the record is withdrawn, as the manager withdraws it
+  pams->intfPamDel(intfId(0));
+  readers[0] = nullptr;
+  devices->intfStatusByIfIndexDel(ifIndex[0]);
+  bundle->doUnrefSd(sd);
+  EXPECT_EQ(bundle->sd(), -1);
+  netns().namespaceNew(ns);
+  netns().vethPairNew(ns, va(0), "vc0", peerNs);  // another peer name: the old peer goes with the old namespace
+  netns().linkUp(ns, va(0));
+  netns().linkUp(peerNs, "vc0");
+  ASSERT_TRUE(netns().waitForOperState(ns, va(0), IF_OPER_UP));
+  ifIndex[0] = uint32_t(netns().link(ns, va(0))->ifindex);
+  devices->intfStatusByIfIndexIs(ifIndex[0], record(0));
+  join(0);
+  sendOn(peer, netns().link(peerNs, "vc0")->ifindex, frame('b'));
+  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));
+  EXPECT_EQ(readers[0]->frames[0], frame('b'));
+}
+
 }  // namespace

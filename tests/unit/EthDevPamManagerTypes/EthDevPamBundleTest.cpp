@@ -301,15 +301,23 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(bundle->doGetSd("et1"), sd);
   EXPECT_EQ(bundle->doGetSd("et2"), sd);
   EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({2, 1}));
-  bundle->doUnrefSd(sd);
   bundle->doUnrefSd(tap);
-  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({1, 0}));
   EXPECT_DEATH(bundle->doUnrefSd(tap), "EthDevPamManagerTypes: assertion \"sdTapRef\\(\\) >= 0\"");
   EXPECT_DEATH(bundle->doUnrefSd(4321), "assertion \"sdTap\\(\\) == sock\"");
   EXPECT_DEATH(bundle->doSetRcvBuf(4321), "assertion \"sock == sdTap\\(\\)\"");
+  bundle->doGetSd("va0");
+  bundle->doUnrefSd(sd);
   bundle->doUnrefSd(sd);
   EXPECT_DEATH(bundle->doUnrefSd(sd), "assertion \"sdRef\\(\\) >= 0\"");
-
+  EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sdRef(), bundle->sdTapRef()}),
+            std::vector<long>({sd, tap, 0, 1}));  // open while any interface is left on either
+  bundle->sockRcvBufIs(1000);
+  bundle->doUnrefSd(tap);  // the last one: both close, the next socket is sized afresh
+  EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+  EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sockRcvBuf()}), std::vector<long>({-1, -1, 0}));
+  bundle->sockRcvBufIs(1000);
+  bundle->doSocketClose();  // nothing open: nothing changes
+  EXPECT_EQ(bundle->sockRcvBuf(), 1000u);
   // Settings that could not work are refused at the setter, and the value in force stays.
   struct Range {
     std::function<void()> set;
@@ -330,13 +338,6 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(std::vector<long>({bundle->sockPrio(), bundle->bulkReadQuota(), bundle->rxRingBlockSize(), bundle->rxRingBlockCount(),
                                bundle->rxRingFrameSize(), bundle->maxRxPktData()}),
             std::vector<long>({0, 128, 65536, 64, 0, 1518}));
-  bundle->sockRcvBufIs(1000);
-  bundle->doSocketClose();
-  EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
-  EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sockRcvBuf()}), std::vector<long>({-1, -1, 0}));
-  bundle->sockRcvBufIs(1000);
-  bundle->doSocketClose();  // nothing open: nothing changes
-  EXPECT_EQ(bundle->sockRcvBuf(), 1000u);
 }
 
 TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoesNowhere) {
