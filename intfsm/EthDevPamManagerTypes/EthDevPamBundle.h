@@ -80,6 +80,14 @@
 // SO_PRIORITY, before anything else (set-up failures: "failed to set PACKET_VERSION", "failed to set
 // PACKET_RX_RING", "failed to map the ring"), and unmapped whenever its socket is closed.
 //
+// Shape: each socket is one slot {descriptor, count, watch, descriptor state machine, ring}, held
+// twice (common, tap); the attributes sd, sdRef, fileDesc and the tap's read and write the slots.
+// A socket has one open path (doSocketCreateProto, whose guard closes and forgets the new socket on
+// every early exit and puts the buffer sizes back), its options come from one table, and it has one
+// close path (doSocketDrop). Sources by job: EthDevPamBundle.cpp (attributes, protocol choice,
+// joining and leaving, enabled), EthDevPamBundleSocket.cpp (set-up, sizing, filters, closing),
+// EthDevPamBundleReceive.cpp (receive paths, Pam notifications), EthDevPamBundleRing.cpp (the ring).
+//
 // Threading: everything runs on the event loop's one thread; nothing is locked.
 #pragma once
 
@@ -172,8 +180,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   Vorn::Ptr<EthDevPamCollection> const & pamCollection() const { return pamCollection_; }
   // The Pams whose readers a bulk read has still to call; present while enabled in bulk mode.
   Vorn::Ptr<EthDevPamCollection> const & actPamCollection() const { return actPamCollection_; }
-  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSm() const { return fdSm_; }
-  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSmTap() const { return fdSmTap_; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSm() const { return sockets_[common].fdSm; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSmTap() const { return sockets_[tap].fdSm; }
 
   // ---- attributes, in declaration order ----
   Ovel::NamespaceName const & netNs() const { return netNs_; }
@@ -216,22 +224,23 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void enabledIs(bool v);
   int currActiveSd() const { return currActiveSd_; }
   void currActiveSdIs(int v) { set(currActiveSd_, v, &NotifieeConst::onCurrActiveSd); }
-  int sd() const { return sd_; }
-  void sdIs(int v) { set(sd_, v, &NotifieeConst::onSd); }
+  // The two sockets' attributes, read from their slots (see Socket below).
+  int sd() const { return sockets_[common].sd; }
+  void sdIs(int v) { slotSdIs(common, v); }
   // The loop's watch of `sd`, named "edpm"; null while there is no common socket.
-  Vorn::Ptr<Vorn::FileDescriptor> const & fileDesc() const { return fileDesc_; }
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescNew(Vorn::Name const & name);
-  void fileDescDel();
-  int sdRef() const { return sdRef_; }
-  void sdRefIs(int v) { set(sdRef_, v, &NotifieeConst::onSdRef); }
-  int sdTap() const { return sdTap_; }
-  void sdTapIs(int v) { set(sdTap_, v, &NotifieeConst::onSdTap); }
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDesc() const { return sockets_[common].watch; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescNew(Vorn::Name const & name) { return slotWatchNew(common, name); }
+  void fileDescDel() { slotWatchDel(common); }
+  int sdRef() const { return sockets_[common].ref; }
+  void sdRefIs(int v) { slotRefIs(common, v); }
+  int sdTap() const { return sockets_[tap].sd; }
+  void sdTapIs(int v) { slotSdIs(tap, v); }
   // The loop's watch of `sdTap`, named "edpmTap".
-  Vorn::Ptr<Vorn::FileDescriptor> const & fileDescTap() const { return fileDescTap_; }
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescTapNew(Vorn::Name const & name);
-  void fileDescTapDel();
-  int sdTapRef() const { return sdTapRef_; }
-  void sdTapRefIs(int v) { set(sdTapRef_, v, &NotifieeConst::onSdTapRef); }
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDescTap() const { return sockets_[tap].watch; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescTapNew(Vorn::Name const & name) { return slotWatchNew(tap, name); }
+  void fileDescTapDel() { slotWatchDel(tap); }
+  int sdTapRef() const { return sockets_[tap].ref; }
+  void sdTapRefIs(int v) { slotRefIs(tap, v); }
   bool enableBulkPamRead() const { return enableBulkPamRead_; }
   void enableBulkPamReadIs(bool v) { set(enableBulkPamRead_, v, &NotifieeConst::onEnableBulkPamRead); }
   // Frames per readable event, 1..128; else Vorn::RangeException
@@ -294,6 +303,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   // Closes `sock` when it is one of ours and forgets it (descriptor -1, count 0, no watch); nothing
   // for any other descriptor.
   void doSocketForget(int sock);
+  // Frames the kernel dropped on the bundle's sockets for want of room (PACKET_STATISTICS tp_drops of
+  // both sockets), summed over the bundle's life. Each call reads the kernel's counters, which the
+  // kernel then starts again from 0: read them here, not off sd() and sdTap().
+  uint64_t kernelDrops();
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
   // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
@@ -358,8 +371,34 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
     uint32_t block = 0, inBlock = 0;
     size_t offset = 0;
   };
-  RxRing * ringOf(int sock);
-  // Sets up and maps the ring of the new socket `fd` in `ring`; on failure closes `fd`, traces, raises.
+  // One socket of the bundle and all that belongs to it: the descriptor, the interfaces counted on
+  // it, the loop's watch, its descriptor state machine and its ring. It is opened by one path
+  // (doSocketCreateProto, whose guard undoes every early exit) and closed by one (doSocketDrop).
+  struct Socket {
+    int sd = -1;
+    int ref = 0;
+    Vorn::Ptr<Vorn::FileDescriptor> watch;
+    Vorn::Ptr<EthDevPamBundleFdSm> fdSm;
+    RxRing ring;
+  };
+  enum Slot : unsigned { common = 0, tap = 1 };
+  struct SlotNames;
+  static SlotNames const slotNames[2];
+  void slotSdIs(Slot slot, int v);
+  void slotRefIs(Slot slot, int v);
+  Vorn::Ptr<Vorn::FileDescriptor> slotWatchNew(Slot slot, Vorn::Name const & name);
+  void slotWatchDel(Slot slot);
+  // The slot of `sock`; null when it is neither socket.
+  Socket * socketOf(int sock);
+  Slot slotOf(Socket const & s) const;
+  // The one close path: out of the loop, ring unmapped, closed, forgotten; with `notifying`, the
+  // attributes are changed through their mutators (sd, sdRef, fileDesc and the tap's).
+  void doSocketDrop(Slot slot, bool notifying);
+  // The socket options of one point of the set-up, from a table of {when, option, value, failure}.
+  enum class OptionStep { first, afterBind };
+  void doSocketOptionsSet(int fd, OptionStep step) const;
+  // Sets up and maps the ring of the new socket `fd` in `ring`; on failure traces and raises (the
+  // caller closes `fd`).
   void doRxRingSetUp(int fd, RxRing & ring);
   // Unmaps `ring` (if mapped).
   static void doRxRingRelease(RxRing & ring);
@@ -370,14 +409,15 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void onReaderResumed(Ovel::EthDevPamInBundle & pam) override;
   // No Pam of actPamCollection tells this bundle anything any more.
   void doReaderListenersClear();
+  // The bulk read's message headers no longer point into this bundle's packets.
+  void doBulkHeadersForget();
   // Closes both sockets, their watches and descriptor state machines.
   void doSocketsClose();
-  // Closes the sockets without notifying anyone (destruction).
-  void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
+  // Closes `sock` after a failed step (forgetting it when it is one of ours), traces, raises.
   [[noreturn]] void doSocketSetupFailed(int sock, char const * trace, int error);
-  // Closes `sock` after a failed step: through doSocketForget when it is one of ours.
-  void doSocketSetupFailedQuietly(int sock);
+  // Closes `sock`, forgetting it when it is one of ours.
+  void doSocketDropOrClose(int sock);
 
   Vorn::Ptr<PamDesiredIntfDir const> desiredIntfDir_;
   Vorn::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir_;
@@ -401,12 +441,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   bool perIntfRlimit_ = true;
   bool enabled_ = false;
   int currActiveSd_ = -1;
-  int sd_ = -1;
-  Vorn::Ptr<Vorn::FileDescriptor> fileDesc_;
-  int sdRef_ = 0;
-  int sdTap_ = -1;
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescTap_;
-  int sdTapRef_ = 0;
+  Socket sockets_[2];  // the common socket's, the tap socket's
   bool enableBulkPamRead_ = false;
   uint32_t bulkReadQuota_ = maxBulkReadQuota;
   bool mmsgInitialized_ = false;
@@ -419,8 +454,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   uint32_t rxRingFrameSize_ = 0;
 
   Vorn::Ptr<EthDevPamCollection> actPamCollection_;
-  Vorn::Ptr<EthDevPamBundleFdSm> fdSm_;
-  Vorn::Ptr<EthDevPamBundleFdSm> fdSmTap_;
+  uint64_t kernelDrops_ = 0;
 
   // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
   std::array<Vorn::Ptr<Ovel::Pkt>, maxBulkReadQuota> bulkPkt_;
@@ -429,7 +463,6 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   uint32_t bulkSlotsDirty_ = 0;
   uint32_t bulkPreparedQuota_ = UINT32_MAX;
   uint32_t bulkPreparedSize_ = 0;
-  RxRing rings_[2];  // the common socket's, the tap socket's
   Route route_;
   // Readers that took nothing in the last notification pass, kept for their capacity.
   std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> savedPams_;

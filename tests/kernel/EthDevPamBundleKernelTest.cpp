@@ -251,6 +251,7 @@ TEST_F(EthDevPamBundleKernelTest, AFullQueueDropsInThePamNeverInTheKernelAndARef
     EXPECT_EQ(readers[0]->frames, std::vector<std::string>({frame('k'), frame('l'), frame('n')}));
     EXPECT_EQ(queue.queueDropCount(), 10u);
     EXPECT_EQ(kernelStats(bundle->sd()), std::vector<unsigned>({13, 0}));
+    EXPECT_EQ(bundle->kernelDrops(), 0u);
     EXPECT_EQ(bundle->noPamDropCount() + bundle->pamNotReadyDropCount() + bundle->rxErrors(), 0u);
     leave();
   }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/ThrownText.h"
@@ -301,6 +302,11 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(bundle->doGetSd("et1"), sd);
   EXPECT_EQ(bundle->doGetSd("et2"), sd);
   EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({2, 1}));
+  for (auto [fd, drops] : {std::pair(sd, 3u), std::pair(tap, 2u)}) {  // what the fake's kernel reports
+    tpacket_stats const stats{10, drops};
+    Platform::calls().setsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, sizeof stats);
+  }
+  EXPECT_EQ(bundle->kernelDrops(), 5u);  // both sockets
   bundle->doUnrefSd(tap);
   EXPECT_DEATH(bundle->doUnrefSd(tap), "EthDevPamManagerTypes: assertion \"sdTapRef\\(\\) >= 0\"");
   EXPECT_DEATH(bundle->doUnrefSd(4321), "assertion \"sdTap\\(\\) == sock\"");
