@@ -63,7 +63,6 @@ EthDevPamBundle::EthDevPamBundle(Vorn::Ptr<PamDesiredIntfDir const> const & desi
 EthDevPamBundle::~EthDevPamBundle() {
   doReaderListenersClear();
   for (Slot slot : {common, tap}) doSocketDrop(slot, false);
-  doBulkHeadersForget();
 }
 
 void EthDevPamBundle::vornImmediateNotify(Vorn::BaseNotifiee * notifiee) const {

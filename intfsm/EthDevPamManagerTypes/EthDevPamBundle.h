@@ -104,6 +104,7 @@
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
 #include "intfsm/foundation/ovel/Pkt.h"
+#include "intfsm/foundation/ovel/RxBatch.h"
 #include "intfsm/foundation/ovel/SockFilterProgram.h"
 #include "intfsm/foundation/vorn/Collection.h"
 #include "intfsm/foundation/vorn/FileDescriptor.h"
@@ -409,8 +410,6 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void onReaderResumed(Ovel::EthDevPamInBundle & pam) override;
   // No Pam of actPamCollection tells this bundle anything any more.
   void doReaderListenersClear();
-  // The bulk read's message headers no longer point into this bundle's packets.
-  void doBulkHeadersForget();
   // Closes both sockets, their watches and descriptor state machines.
   void doSocketsClose();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
@@ -464,6 +463,11 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   uint32_t bulkPreparedQuota_ = UINT32_MAX;
   uint32_t bulkPreparedSize_ = 0;
   Route route_;
+  // The message headers of the single-frame read and of the bulk read (one per bulk slot; ready while
+  // bulkHeadersReady_, until a ring read moves the slots' buffers).
+  Ovel::RxBatch singleBatch_{1};
+  Ovel::RxBatch bulkBatch_{maxBulkReadQuota};
+  bool bulkHeadersReady_ = false;
   // Readers that took nothing in the last notification pass, kept for their capacity.
   std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> savedPams_;
 };

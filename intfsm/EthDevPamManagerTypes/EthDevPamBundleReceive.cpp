@@ -19,33 +19,6 @@
 
 namespace Interface {
 
-namespace {
-
-// Room for the PACKET_AUXDATA message.
-constexpr size_t controlBytes = 40;
-static_assert(CMSG_SPACE(sizeof(tpacket_auxdata)) <= controlBytes);
-struct alignas(cmsghdr) ControlArea {
-  unsigned char bytes[controlBytes];
-};
-
-// The message headers of the bulk read, one per slot with its own address and control areas. One
-// set serves the process (one loop thread), made once; `preparedBy` is the bundle whose slots they
-// point into.
-struct BulkHeaders {
-  mmsghdr headers[EthDevPamBundle::maxBulkReadQuota];
-  iovec iov[EthDevPamBundle::maxBulkReadQuota];
-  sockaddr_ll from[EthDevPamBundle::maxBulkReadQuota];
-  ControlArea control[EthDevPamBundle::maxBulkReadQuota];
-  EthDevPamBundle const * preparedBy;
-};
-BulkHeaders bulkHeaders;
-
-}  // namespace
-
-void EthDevPamBundle::doBulkHeadersForget() {
-  if (bulkHeaders.preparedBy == this) bulkHeaders.preparedBy = nullptr;
-}
-
 void EthDevPamBundle::doGetRxPkt() {
   EDPM_TRACE(8, "virtual void Interface::EthDevPamBundle::doGetRxPkt()");
   if (!enabled_) return;
@@ -94,11 +67,9 @@ bool EthDevPamBundle::doGetRxPktInt() {
   uint32_t const maxData = pkt->maxData();
   VORN_ASSERT(maxData >= maxRxPktData());
 
-  sockaddr_ll from{};
-  ControlArea control;
-  iovec iov{pkt->data(), maxRxPktData()};
-  msghdr header;
-  rxMessageIs(header, &from, sizeof from, iov, control.bytes, sizeof control.bytes);
+  singleBatch_.slotIs(0, pkt->data(), maxRxPktData());
+  msghdr & header = singleBatch_.header(0);
+  sockaddr_ll const & from = singleBatch_.from(0);
   ssize_t const length = Platform::calls().recvmsg(sock, &header, MSG_DONTWAIT);
   int const error = errno;
   uint32_t const ifIndex = static_cast<uint32_t>(from.sll_ifindex);
@@ -229,8 +200,8 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
   }
   bool const all = bulkPreparedQuota_ != quota || bulkPreparedSize_ != size;
   uint32_t const packets = all ? quota : bulkSlotsDirty_;
-  // The headers point into the packets: all of them again when another bundle or a ring read moved them.
-  uint32_t const count = headers && (all || bulkHeaders.preparedBy != this) ? quota : packets;
+  // The headers point into the packets: all of them again when a ring read moved them.
+  uint32_t const count = headers && (all || !bulkHeadersReady_) ? quota : packets;
   for (uint32_t i = 0; i < count; ++i) {
     uint16_t const slot = static_cast<uint16_t>(i);
     if (i < packets) {
@@ -246,17 +217,14 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
       VORN_ASSERT(maxData >= maxRxPktData());
     }
     if (headers) {
-      bulkHeaders.iov[i] = iovec{bulkPkt_[i]->data(), size};
-      rxMessageIs(bulkHeaders.headers[i].msg_hdr, &bulkHeaders.from[i], sizeof(sockaddr_ll), bulkHeaders.iov[i],
-                  bulkHeaders.control[i].bytes, controlBytes);
-      bulkHeaders.headers[i].msg_len = 0;
+      bulkBatch_.slotIs(i, bulkPkt_[i]->data(), size);
     }
     if (i < packets) savedPacketRxIs(slot, false);
   }
   if (headers) {
-    bulkHeaders.preparedBy = this;
-  } else if (packets && bulkHeaders.preparedBy == this) {
-    bulkHeaders.preparedBy = nullptr;
+    bulkHeadersReady_ = true;
+  } else if (packets) {
+    bulkHeadersReady_ = false;
   }
   bulkPreparedQuota_ = quota;
   bulkPreparedSize_ = size;
@@ -269,7 +237,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   int const sock = currActiveSd_;
   EDPM_TRACE(9, "Bulk get pkts on EdpBundle's FileDescriptor: " << sock);
   doBulkSlotsPrepare(true);
-  int const received = Platform::calls().recvmmsg(sock, bulkHeaders.headers, bulkReadQuota_, MSG_DONTWAIT, nullptr);
+  int const received = Platform::calls().recvmmsg(sock, bulkBatch_.headers(), bulkReadQuota_, MSG_DONTWAIT, nullptr);
   int const error = errno;
   EDPM_TRACE(9, "recvmmsg:  " << received << " pkts received ");
   if (received < 0) {
@@ -283,13 +251,13 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   uint32_t const count = static_cast<uint32_t>(received);
   bulkSlotsDirty_ = count;
   for (uint32_t i = 0; i < count; ++i) {
-    sockaddr_ll const & from = bulkHeaders.from[i];
+    sockaddr_ll const & from = bulkBatch_.from(i);
     Ovel::Pkt & pkt = *bulkPkt_[i];
     pkt.ifIndexIs(static_cast<uint32_t>(from.sll_ifindex));
     pkt.pktTypeIs(from.sll_pkttype);
     if (from.sll_pkttype == PACKET_OUTGOING) continue;
-    vlanTagFromAuxData(pkt, bulkHeaders.headers[i].msg_hdr);
-    pkt.dataLenIs(bulkHeaders.headers[i].msg_len);
+    vlanTagFromAuxData(pkt, bulkBatch_.header(i));
+    pkt.dataLenIs(bulkBatch_.length(i));
   }
   doBulkSlotsDeliver(sock, count);
 }
