@@ -67,6 +67,28 @@ class EthDevPamBundleTest : public IntfsmTest::ModuleTest {
   static std::string opt(int level, int option, long value) {
     return std::to_string(level) + "/" + std::to_string(option) + "=" + std::to_string(value);
   }
+  // The Pam of interface "Cpu" (device "cpu" on ifindex 7, without status), enabled on `sd`, published.
+  Ptr<Ovel::EthDevPamInBundle> cpuPam(int sd) {
+    devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+    Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
+    pam->ifIndexIs(7);
+    pam->sdIs(sd);
+    pam->enabledIs(true);
+    pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+    return pam;
+  }
+  // Queues `frame` from `ifIndex` on `sd`.
+  void queue(int sd, std::string const & frame, int ifIndex = 7) {
+    sockaddr_storage from{};
+    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = ifIndex;
+    fake.queueDatagram(sd, frame, &from);
+  }
+  // Queues the frames and reads as a readable event of `sd` does.
+  void receive(int sd, std::vector<std::string> const & frames) {
+    for (auto const & f : frames) queue(sd, f);
+    bundle->currActiveSdIs(sd);
+    bundle->doGetRxPkt();
+  }
 
   Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
   Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
@@ -350,14 +372,9 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   int const sd = fakeSocket();
   bundle->enabledIs(true);
   bundle->currActiveSdIs(sd);
-  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
   devices->intfStatusByIfIndexIs(8, {nullptr, "bad name", 8});
   devices->intfStatusByIfIndexIs(10, {intfStatusFactory(Ovel::IntfId("Ethernet10")), "et10", 10});
-  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
-  pam->ifIndexIs(7);
-  pam->sdIs(sd);
-  pam->enabledIs(true);
-  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
   Ptr<Reader> reader = new Reader(pam);
   struct Row {
     int ifIndex, error;  // a frame from ifIndex, or a read failing with `error`
@@ -374,9 +391,7 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   for (Row const & row : rows) {
     SCOPED_TRACE(row.trace);
     trace.clear();
-    sockaddr_storage from{};
-    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = row.ifIndex;
-    row.error ? fake.failNext(Kind::recvmsg, row.error) : fake.queueDatagram(sd, std::string(60, char(row.ifIndex)), &from);
+    row.error ? fake.failNext(Kind::recvmsg, row.error) : queue(sd, std::string(60, char(row.ifIndex)), row.ifIndex);
     bundle->doGetRxPkt();
     EXPECT_EQ(std::vector<uint32_t>({uint32_t(reader->frames.size()), bundle->noPamDropCount(),
                                      bundle->pamNotReadyDropCount(), bundle->rxErrors()}),
@@ -386,18 +401,14 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   EXPECT_EQ(reader->frames[0], std::vector<uint8_t>(60, 7));
   // One readable event reads what is there, up to bulkReadQuota frames.
   bundle->bulkReadQuotaIs(2);
-  sockaddr_storage from{};
-  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-  for (char k : {'a', 'b', 'c'}) fake.queueDatagram(sd, std::string(60, k), &from);
-  bundle->doGetRxPkt();
+  receive(sd, {std::string(60, 'a'), std::string(60, 'b'), std::string(60, 'c')});
   EXPECT_EQ(std::vector<size_t>({reader->frames.size(), fake.queuedDatagrams(sd)}), std::vector<size_t>({3, 1}));
   bundle->doGetRxPkt();
   EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'c'));
   // A frame its reader did not take in place (a reader on an activity, a slow one) gets no other on
   // top of it: the next waits in the socket.
   reader->notifierIs(nullptr);
-  for (char k : {'d', 'e'}) fake.queueDatagram(sd, std::string(60, k), &from);
-  bundle->doGetRxPkt();
+  receive(sd, {std::string(60, 'd'), std::string(60, 'e')});
   EXPECT_EQ(std::vector<size_t>({pam->rxPkts(), fake.queuedDatagrams(sd), pam->queueDropCount()}),
             std::vector<size_t>({1, 1, 0}));
   reader->notifierIs(pam);
@@ -453,10 +464,7 @@ TEST_F(EthDevPamBundleTest, FramesFollowEveryChangeOfTheWayToTheirPam) {
     for (Row const & row : rows) {
       SCOPED_TRACE(row.what);
       row.change();
-      sockaddr_storage from{};
-      reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-      fake.queueDatagram(sd, std::string(60, 'f'), &from);
-      bundle->doGetRxPkt();
+      receive(sd, {std::string(60, 'f')});
       EXPECT_EQ(std::vector<uint32_t>({uint32_t(readers[0]->frames.size()), uint32_t(readers[1]->frames.size()),
                                        bundle->noPamDropCount(), bundle->pamNotReadyDropCount()}),
                 row.counts);
@@ -494,31 +502,19 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
 // and a frame that its Pam's full queue refuses still tells its reader (store, then count).
 TEST_F(EthDevPamBundleTest, ReusedPacketsGrowWithMaxRxPktDataAndARefusedFrameStillTellsTheReader) {
   int const sd = fakeSocket();
-  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
-  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
-  pam->ifIndexIs(7);
-  pam->sdIs(sd);
-  pam->enabledIs(true);
-  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
   Ptr<Reader> reader = new Reader(pam);
-  sockaddr_storage from{};
-  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-  auto receive = [&](std::string const & f) {
-    bundle->currActiveSdIs(sd);
-    fake.queueDatagram(sd, f, &from);
-    bundle->doGetRxPkt();
-  };
   for (bool bulk : {false, true}) {
     SCOPED_TRACE(bulk ? "bulk" : "single");
     bundle = new EthDevPamBundle(desired, devices, pams);
     bundle->pktReuseIs(true);
     bundle->enableBulkPamReadIs(bulk);
     bundle->enabledIs(true);
-    receive(std::string(60, 'a'));
+    receive(sd, {std::string(60, 'a')});
     bundle->enabledIs(false);
     bundle->maxRxPktDataIs(9000);
     bundle->enabledIs(true);
-    receive(std::string(9000, 'b'));
+    receive(sd, {std::string(9000, 'b')});
     ASSERT_EQ(reader->frames.size(), 2u);
     EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(9000, 'b'));
     reader->frames.clear();
@@ -528,8 +524,8 @@ TEST_F(EthDevPamBundleTest, ReusedPacketsGrowWithMaxRxPktDataAndARefusedFrameSti
   reader->notifierIs(nullptr);
   pam->maxRxPktsIs(1);
   uint32_t const told = pam->readableCount();
-  receive("first");
-  receive("refused: the queue is full");
+  receive(sd, {"first"});
+  receive(sd, {"refused: the queue is full"});
   EXPECT_EQ(std::vector<uint32_t>({pam->readableCount() - told, pam->queueDropCount(), pam->rxPkts()}),
             std::vector<uint32_t>({2, 1, 1}));
 }
@@ -538,12 +534,7 @@ TEST_F(EthDevPamBundleTest, ReusedPacketsGrowWithMaxRxPktDataAndARefusedFrameSti
 // reader is served again when it takes a frame on its own, or with its next frame.
 TEST_F(EthDevPamBundleTest, AReaderThatLeavesItsFramesIsServedWhenItReadsOrOnItsNextFrameNeverInABusyLoop) {
   int const sd = fakeSocket();
-  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
-  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
-  pam->ifIndexIs(7);
-  pam->sdIs(sd);
-  pam->enabledIs(true);
-  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
   struct Lazy : Ovel::Pam::NotifieeConst {
     void onReadableCount() override {
       ++calls;
@@ -561,18 +552,11 @@ TEST_F(EthDevPamBundleTest, AReaderThatLeavesItsFramesIsServedWhenItReadsOrOnIts
   auto activity = loop().activityIs("edpBundleActivity", 99);
   Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
   sm->ethDevPamBundleIs(bundle);
-  sockaddr_storage from{};
-  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-  auto receive = [&](int frames) {
-    for (int k = 0; k < frames; ++k) fake.queueDatagram(sd, std::string(60, char('a' + k)), &from);
-    bundle->currActiveSdIs(sd);
-    bundle->doGetRxPkt();
-  };
-  receive(7);
+  receive(sd, std::vector<std::string>(7, std::string(60, 'a')));
   EXPECT_LT(runUntilIdle(), 5u);  // idle: no pass re-arms the activity
   EXPECT_EQ(std::vector<uint32_t>({reader->calls, bundle->schedPktDelivery(), pam->curRxPkts()}),
             std::vector<uint32_t>({1, 0, 7}));
-  receive(1);  // its next frame: called again, with all eight
+  receive(sd, {std::string(60, 'b')});  // its next frame: called again, with all eight
   EXPECT_EQ(std::vector<uint32_t>({reader->calls, pam->curRxPkts()}), std::vector<uint32_t>({2, 8}));
   reader->take = 1;
   ASSERT_TRUE(pam->rxPkt());  // it reads on its own: the rest is delivered on the activity, once
