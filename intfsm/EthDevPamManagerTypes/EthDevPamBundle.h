@@ -13,7 +13,7 @@
 //   pams->intfPamIs(Ovel::IntfId("Ethernet1"), pam); // frames from ifindex 7 now reach `pam`
 //   bundle->doSetRcvBuf(sd);                        // re-size for the interfaces now sharing it
 //   ...
-//   bundle->doUnrefSd(sd);                           // the interface leaves (the socket stays open)
+//   bundle->doUnrefSd(sd);                           // the interface leaves; the last one closes the sockets
 //   bundle->enabledIs(false);                        // closes both sockets
 //
 // Sockets. At most two: the common socket `sd`, and the tap socket `sdTap` for kernel software
