@@ -13,18 +13,25 @@
 //   pams->intfPamIs(Ovel::IntfId("Ethernet1"), pam); // frames from ifindex 7 now reach `pam`
 //   bundle->doSetRcvBuf(sd);                        // re-size for the interfaces now sharing it
 //   ...
-//   bundle->doUnrefSd(sd);                           // the interface leaves (the socket stays open)
+//   bundle->doUnrefSd(sd);                           // the interface leaves; the last one closes the sockets
 //   bundle->enabledIs(false);                        // closes both sockets
 //
 // Sockets. At most two: the common socket `sd`, and the tap socket `sdTap` for kernel software
 // devices ("tun", "veth") when the protocol is the fabric pseudo-protocol 0x002A; the tap socket
 // receives every protocol behind a three-instruction guard that drops 0x002A. `sdRef`/`sdTapRef`
-// count the interfaces on each; the sockets stay open until disabled. Every failure while a socket is
+// count the interfaces on each; the sockets are closed when disabled, and also as soon as no interface
+// is left on either (see doUnrefSd). Every failure while a socket is
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
-// with bad content). doSetRcvBuf and attachOrDetachFilter close `sock` whenever they raise; when that
-// socket is one of the bundle's, doSetRcvBuf makes the bundle forget it as well (sd -1, count 0, no
-// watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
+// with bad content). doSetRcvBuf closes `sock` whenever it raises; when that socket is one of the
+// bundle's, it makes the bundle forget it as well (sd -1, count 0, no watch).
+//
+// Filters. A new program is tried first on a scratch socket (filterProgramTry), so that only a program
+// the kernel accepts ever reaches a live socket. attachOrDetachFilter departs from the plain
+// SO_ATTACH_FILTER-then-close in two ways, both so that a filter change can never mute a socket:
+// an empty program is detached with SO_DETACH_FILTER (the kernel refuses to attach an empty one;
+// "nothing attached" counts as done), and a refusal leaves the socket open with its old program in
+// force (the kernel keeps it) instead of closing it under the Pams that share it.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
 // doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until none is
@@ -35,8 +42,12 @@
 // the frame's ifindex; a Pam takes it when it is usable (ifIndex != 0 and sd >= 0) and enabled (see
 // Ovel::EthDevPam). Frames the host sent itself are skipped uncounted; frames of an unknown ifindex count
 // in noPamDropCount, those of an interface without a usable, enabled Pam in pamNotReadyDropCount. In bulk
-// mode the readers are called after the batch; a reader that leaves its frames is served again on the
-// "edpBundleActivity" activity (schedPktDelivery counts those reschedules) until it takes them. Frames
+// mode the readers are called after the batch; a reader that takes some of its frames is called again
+// at once until it has them all. One that takes none of them is saved (it stays in actPamCollection)
+// and served again with its next frame, or on the "edpBundleActivity" activity as soon as it takes a
+// frame on its own (schedPktDelivery counts those reschedules); it is never re-armed at once, which
+// would keep the loop busy for as long as the frames wait. (Rescheduling at once after every pass that
+// found a reader idle spins the process at 100 % of a core while its frames are left unread.) Frames
 // handed to a Pam are never overwritten by a later read: the Pam keeps its own packet sharing the buffer,
 // and the next read into that slot takes a fresh buffer while the old one is held. In the single-frame path
 // the frame is also the bundle's own receive packet (rxPkt) until the next read begins; one nobody took is
@@ -69,6 +80,14 @@
 // SO_PRIORITY, before anything else (set-up failures: "failed to set PACKET_VERSION", "failed to set
 // PACKET_RX_RING", "failed to map the ring"), and unmapped whenever its socket is closed.
 //
+// Shape: each socket is one slot {descriptor, count, watch, descriptor state machine, ring}, held
+// twice (common, tap); the attributes sd, sdRef, fileDesc and the tap's read and write the slots.
+// A socket has one open path (doSocketCreateProto, whose guard closes and forgets the new socket on
+// every early exit and puts the buffer sizes back), its options come from one table, and it has one
+// close path (doSocketDrop). Sources by job: EthDevPamBundle.cpp (attributes, protocol choice,
+// joining and leaving, enabled), EthDevPamBundleSocket.cpp (set-up, sizing, filters, closing),
+// EthDevPamBundleReceive.cpp (receive paths, Pam notifications), EthDevPamBundleRing.cpp (the ring).
+//
 // Threading: everything runs on the event loop's one thread; nothing is locked.
 #pragma once
 
@@ -85,13 +104,14 @@
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
 #include "intfsm/foundation/ovel/Pkt.h"
+#include "intfsm/foundation/ovel/RxBatch.h"
 #include "intfsm/foundation/ovel/SockFilterProgram.h"
 #include "intfsm/foundation/vorn/Collection.h"
 #include "intfsm/foundation/vorn/FileDescriptor.h"
 
 namespace Interface {
 
-class EthDevPamBundle : public Ovel::EthDevPamBase {
+class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBundle::ReaderListener {
  public:
   class NotifieeConst : public Vorn::Notifiee<EthDevPamBundle, Ovel::EthDevPamBase::NotifieeConst> {
    public:
@@ -141,6 +161,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   static constexpr uint32_t queueProbeInterval = 300;
   static constexpr uint32_t defaultRxRingBlockSize = 1u << 16;
   static constexpr uint32_t defaultRxRingBlockCount = 64;
+  static constexpr uint32_t minRxRingFrameSize = 128;
 
   // Ethernet protocols (host order) that decide the socket's protocol.
   static constexpr uint16_t ethPAll = 0x0003;
@@ -160,8 +181,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   Vorn::Ptr<EthDevPamCollection> const & pamCollection() const { return pamCollection_; }
   // The Pams whose readers a bulk read has still to call; present while enabled in bulk mode.
   Vorn::Ptr<EthDevPamCollection> const & actPamCollection() const { return actPamCollection_; }
-  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSm() const { return fdSm_; }
-  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSmTap() const { return fdSmTap_; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSm() const { return sockets_[common].fdSm; }
+  Vorn::Ptr<EthDevPamBundleFdSm> const & fdSmTap() const { return sockets_[tap].fdSm; }
 
   // ---- attributes, in declaration order ----
   Ovel::NamespaceName const & netNs() const { return netNs_; }
@@ -204,27 +225,29 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void enabledIs(bool v);
   int currActiveSd() const { return currActiveSd_; }
   void currActiveSdIs(int v) { set(currActiveSd_, v, &NotifieeConst::onCurrActiveSd); }
-  int sd() const { return sd_; }
-  void sdIs(int v) { set(sd_, v, &NotifieeConst::onSd); }
+  // The two sockets' attributes, read from their slots (see Socket below).
+  int sd() const { return sockets_[common].sd; }
+  void sdIs(int v) { slotSdIs(common, v); }
   // The loop's watch of `sd`, named "edpm"; null while there is no common socket.
-  Vorn::Ptr<Vorn::FileDescriptor> const & fileDesc() const { return fileDesc_; }
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescNew(Vorn::Name const & name);
-  void fileDescDel();
-  int sdRef() const { return sdRef_; }
-  void sdRefIs(int v) { set(sdRef_, v, &NotifieeConst::onSdRef); }
-  int sdTap() const { return sdTap_; }
-  void sdTapIs(int v) { set(sdTap_, v, &NotifieeConst::onSdTap); }
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDesc() const { return sockets_[common].watch; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescNew(Vorn::Name const & name) { return slotWatchNew(common, name); }
+  void fileDescDel() { slotWatchDel(common); }
+  int sdRef() const { return sockets_[common].ref; }
+  void sdRefIs(int v) { slotRefIs(common, v); }
+  int sdTap() const { return sockets_[tap].sd; }
+  void sdTapIs(int v) { slotSdIs(tap, v); }
   // The loop's watch of `sdTap`, named "edpmTap".
-  Vorn::Ptr<Vorn::FileDescriptor> const & fileDescTap() const { return fileDescTap_; }
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescTapNew(Vorn::Name const & name);
-  void fileDescTapDel();
-  int sdTapRef() const { return sdTapRef_; }
-  void sdTapRefIs(int v) { set(sdTapRef_, v, &NotifieeConst::onSdTapRef); }
+  Vorn::Ptr<Vorn::FileDescriptor> const & fileDescTap() const { return sockets_[tap].watch; }
+  Vorn::Ptr<Vorn::FileDescriptor> fileDescTapNew(Vorn::Name const & name) { return slotWatchNew(tap, name); }
+  void fileDescTapDel() { slotWatchDel(tap); }
+  int sdTapRef() const { return sockets_[tap].ref; }
+  void sdTapRefIs(int v) { slotRefIs(tap, v); }
   bool enableBulkPamRead() const { return enableBulkPamRead_; }
   void enableBulkPamReadIs(bool v) { set(enableBulkPamRead_, v, &NotifieeConst::onEnableBulkPamRead); }
-  // At most 128 when the bulk path reads (asserted there).
+  // Frames per readable event, 1..128; else Vorn::RangeException
+  // "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed" (0 would read nothing, ever).
   uint32_t bulkReadQuota() const { return bulkReadQuota_; }
-  void bulkReadQuotaIs(uint32_t v) { set(bulkReadQuota_, v, &NotifieeConst::onBulkReadQuota); }
+  void bulkReadQuotaIs(uint32_t v);
   bool mmsgInitialized() const { return mmsgInitialized_; }
   void mmsgInitializedIs(bool v) { set(mmsgInitialized_, v, &NotifieeConst::onMmsgInitialized); }
   // The packets of the bulk slots: slot i receives into savedBulkPkt(i). A null packet deletes the slot.
@@ -240,14 +263,19 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void schedPktDeliveryIs(uint32_t v) { set(schedPktDelivery_, v, &NotifieeConst::onSchedPktDelivery); }
   void schedPktDeliveryInc(uint32_t n = 1) { schedPktDeliveryIs(schedPktDelivery_ + n); }
   // Ring mode and its geometry (see Ring mode above); they apply to the sockets opened afterwards.
+  // Values that no kernel takes raise Vorn::RangeException and change nothing: a block size that is
+  // not a whole number of pages ("EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096
+  // not allowed", with the page size), a block count of 0 ("EthDevPamBundle::rxRingBlockCount < 1 not
+  // allowed"), a frame size other than 0 below 128 or not a multiple of 16 ("EthDevPamBundle::
+  // rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed").
   bool rxRing() const { return rxRing_; }
   void rxRingIs(bool v) { set(rxRing_, v, &NotifieeConst::onRxRing); }
   uint32_t rxRingBlockSize() const { return rxRingBlockSize_; }
-  void rxRingBlockSizeIs(uint32_t v) { set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize); }
+  void rxRingBlockSizeIs(uint32_t v);
   uint32_t rxRingBlockCount() const { return rxRingBlockCount_; }
-  void rxRingBlockCountIs(uint32_t v) { set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount); }
+  void rxRingBlockCountIs(uint32_t v);
   uint32_t rxRingFrameSize() const { return rxRingFrameSize_; }
-  void rxRingFrameSizeIs(uint32_t v) { set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize); }
+  void rxRingFrameSizeIs(uint32_t v);
   // Whether `sock` (sd or sdTap) receives through a ring.
   bool rxRingMapped(int sock) const;
 
@@ -256,7 +284,10 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   // socket it needs on first use. May raise (see Sockets above); nothing is counted then.
   int doGetSd(Vorn::String const & deviceName);
   // The interface that shared `sock` leaves. A socket that is neither sd nor sdTap, or a count below
-  // 0, is a program error (assertion).
+  // 0, is a program error (assertion). When no interface is left on either socket, both are closed
+  // (and sockRcvBuf is 0 again), so that the next doGetSd opens a fresh socket in whatever namespace
+  // has the name netNs by then: a socket kept open would pin a namespace deleted and made again under
+  // the same name, and frames of the new one would never arrive.
   void doUnrefSd(int sock);
   // Opens, configures and binds a socket for `ethProto` (host order) as sdTap or sd.
   void doSocketCreateProto(uint16_t ethProto, bool forSdTap);
@@ -264,11 +295,19 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void doSetRcvBuf(int sock);
   // The kernel's receive-buffer size of `sock` (0 when it cannot be read), also kept in allocRcvBuf.
   uint32_t doFindRcvBuf(int sock);
+  // Raises Vorn::ErrnoException with the kernel's errno when the kernel would refuse `program` on a
+  // socket of this bundle, as it is or behind the tap socket's guard; tried on a scratch packet socket
+  // in netNs that is bound to nothing (it receives nothing) and closed again. No effect otherwise.
+  void filterProgramTry(Ovel::SockFilterProgram const & program) const;
   // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
-  // `sock` was closed by a failed step (attachOrDetachFilter closes what it cannot filter): when it is
-  // one of ours, forget it (descriptor -1, count 0, no watch) without closing it again.
+  // Closes `sock` when it is one of ours and forgets it (descriptor -1, count 0, no watch); nothing
+  // for any other descriptor.
   void doSocketForget(int sock);
+  // Frames the kernel dropped on the bundle's sockets for want of room (PACKET_STATISTICS tp_drops of
+  // both sockets), summed over the bundle's life. Each call reads the kernel's counters, which the
+  // kernel then starts again from 0: read them here, not off sd() and sdTap().
+  uint64_t kernelDrops();
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
   // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
@@ -333,18 +372,51 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
     uint32_t block = 0, inBlock = 0;
     size_t offset = 0;
   };
-  RxRing * ringOf(int sock);
-  // Sets up and maps the ring of the new socket `fd` in `ring`; on failure closes `fd`, traces, raises.
+  // One socket of the bundle and all that belongs to it: the descriptor, the interfaces counted on
+  // it, the loop's watch, its descriptor state machine and its ring. It is opened by one path
+  // (doSocketCreateProto, whose guard undoes every early exit) and closed by one (doSocketDrop).
+  struct Socket {
+    int sd = -1;
+    int ref = 0;
+    Vorn::Ptr<Vorn::FileDescriptor> watch;
+    Vorn::Ptr<EthDevPamBundleFdSm> fdSm;
+    RxRing ring;
+  };
+  enum Slot : unsigned { common = 0, tap = 1 };
+  struct SlotNames;
+  static SlotNames const slotNames[2];
+  void slotSdIs(Slot slot, int v);
+  void slotRefIs(Slot slot, int v);
+  Vorn::Ptr<Vorn::FileDescriptor> slotWatchNew(Slot slot, Vorn::Name const & name);
+  void slotWatchDel(Slot slot);
+  // The slot of `sock`; null when it is neither socket.
+  Socket * socketOf(int sock);
+  Slot slotOf(Socket const & s) const;
+  // The one close path: out of the loop, ring unmapped, closed, forgotten; with `notifying`, the
+  // attributes are changed through their mutators (sd, sdRef, fileDesc and the tap's).
+  void doSocketDrop(Slot slot, bool notifying);
+  // The socket options of one point of the set-up, from a table of {when, option, value, failure}.
+  enum class OptionStep { first, afterBind };
+  void doSocketOptionsSet(int fd, OptionStep step) const;
+  // Sets up and maps the ring of the new socket `fd` in `ring`; on failure traces and raises (the
+  // caller closes `fd`).
   void doRxRingSetUp(int fd, RxRing & ring);
   // Unmaps `ring` (if mapped).
   static void doRxRingRelease(RxRing & ring);
   // Copies up to bulkReadQuota frames out of `ring` into the bulk slots and hands their ring slots
   // back; how many it took.
   uint32_t doRxRingTake(RxRing & ring);
-  // Closes the sockets without notifying anyone (destruction).
-  void doSocketCloseQuietly();
+  // A saved Pam's reader took a frame: its Pams are served again on the activity.
+  void onReaderResumed(Ovel::EthDevPamInBundle & pam) override;
+  // No Pam of actPamCollection tells this bundle anything any more.
+  void doReaderListenersClear();
+  // Closes both sockets, their watches and descriptor state machines.
+  void doSocketsClose();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
+  // Closes `sock` after a failed step (forgetting it when it is one of ours), traces, raises.
   [[noreturn]] void doSocketSetupFailed(int sock, char const * trace, int error);
+  // Closes `sock`, forgetting it when it is one of ours.
+  void doSocketDropOrClose(int sock);
 
   Vorn::Ptr<PamDesiredIntfDir const> desiredIntfDir_;
   Vorn::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir_;
@@ -368,12 +440,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   bool perIntfRlimit_ = true;
   bool enabled_ = false;
   int currActiveSd_ = -1;
-  int sd_ = -1;
-  Vorn::Ptr<Vorn::FileDescriptor> fileDesc_;
-  int sdRef_ = 0;
-  int sdTap_ = -1;
-  Vorn::Ptr<Vorn::FileDescriptor> fileDescTap_;
-  int sdTapRef_ = 0;
+  Socket sockets_[2];  // the common socket's, the tap socket's
   bool enableBulkPamRead_ = false;
   uint32_t bulkReadQuota_ = maxBulkReadQuota;
   bool mmsgInitialized_ = false;
@@ -386,8 +453,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   uint32_t rxRingFrameSize_ = 0;
 
   Vorn::Ptr<EthDevPamCollection> actPamCollection_;
-  Vorn::Ptr<EthDevPamBundleFdSm> fdSm_;
-  Vorn::Ptr<EthDevPamBundleFdSm> fdSmTap_;
+  uint64_t kernelDrops_ = 0;
 
   // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
   std::array<Vorn::Ptr<Ovel::Pkt>, maxBulkReadQuota> bulkPkt_;
@@ -396,17 +462,21 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   uint32_t bulkSlotsDirty_ = 0;
   uint32_t bulkPreparedQuota_ = UINT32_MAX;
   uint32_t bulkPreparedSize_ = 0;
-  RxRing rings_[2];  // the common socket's, the tap socket's
   Route route_;
+  // The message headers of the single-frame read and of the bulk read (one per bulk slot; ready while
+  // bulkHeadersReady_, until a ring read moves the slots' buffers).
+  Ovel::RxBatch singleBatch_{1};
+  Ovel::RxBatch bulkBatch_{maxBulkReadQuota};
+  bool bulkHeadersReady_ = false;
   // Readers that took nothing in the last notification pass, kept for their capacity.
   std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> savedPams_;
 };
 
 // Attaches `filter` (filterLen classic BPF instructions) to `sock` with SO_ATTACH_FILTER. With
 // needQuentaFilter and a non-empty filter, three instructions go first that drop frames of the fabric
-// pseudo-protocol 0x002A (load the protocol, compare with 0x2A, return 0). With filterLen 0 an empty
-// program is attached, which the kernel refuses. On failure `sock` is closed and Vorn::ErrnoException
-// raised with the errno.
+// pseudo-protocol 0x002A (load the protocol, compare with 0x2A, return 0). With filterLen 0 the
+// socket's program is detached (SO_DETACH_FILTER; none attached is no error). A refusal is traced and
+// raised as Vorn::ErrnoException with the kernel's errno; `sock` stays open with its old program.
 void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen);
 
 }  // namespace Interface

@@ -20,25 +20,18 @@
 #include <vector>
 
 #include "intfsm/foundation/ovel/SocketAt.h"
-#include "intfsm/foundation/vorn/ActivityManager.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 #include "tests/support/Packets.h"
-#include "tests/support/ScopedLoop.h"
 
+using IntfsmTest::Reader;
+using IntfsmTest::testProtocol;
 using Ovel::Pkt;
 using Vorn::Ptr;
 
 namespace {
 
-constexpr uint16_t testProtocol = 0x88b5;  // local experimental EtherType: nothing else on the link uses it
-
 // A frame of `length` bytes whose first payload byte (offset 14) is `first`.
-std::string frame(char first, size_t length = 60) {
-  std::string f = IntfsmTest::frameBytes(testProtocol, std::string(1, first));
-  f.resize(length, static_cast<char>(0x5a));
-  return f;
-}
+std::string frame(char first, size_t length = 60) { return IntfsmTest::frame(first, testProtocol, length); }
 
 Ovel::SockFilterProgram firstByteIs(char wanted) {
   return {{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14},
@@ -47,47 +40,28 @@ Ovel::SockFilterProgram firstByteIs(char wanted) {
           {BPF_RET | BPF_K, 0, 0, 0}};
 }
 
-struct Reader : Ovel::Pam::NotifieeConst {
-  explicit Reader(Ptr<Ovel::EthDevPam> const & p) : pam(p.ptr()) { notifierIs(p); }
-  void onReadableCount() override {
-    while (Ptr<Pkt> pkt = pam->rxPkt()) frames.push_back(IntfsmTest::bytesOf(pkt)), pkts.push_back(pkt);
-  }
-  Ovel::Pam * pam;
-  std::vector<std::string> frames;
-  std::vector<Ptr<Pkt>> pkts;
-};
-
-class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
+class EthDevPamKernelTest : public IntfsmTest::KernelModuleTest {
  protected:
   void SetUp() override {
-    NetNsTest::SetUp();
+    KernelModuleTest::SetUp();
     if (IsSkipped()) return;
-    descriptorsBefore = IntfsmTest::openDescriptorCount();
     ns = netns().namespaceNew();
-    netns().vethPairNew(ns, "va0", "vb0");
-    netns().linkUp(ns, "va0");
-    netns().linkUp(ns, "vb0");
-    ASSERT_TRUE(netns().waitForOperState(ns, "va0", IF_OPER_UP));
-    ASSERT_TRUE(netns().waitForOperState(ns, "vb0", IF_OPER_UP));
+    auto const link = vethUp(ns, "va0", "vb0");
     peer = Ovel::socketAt(AF_PACKET, SOCK_RAW, htons(testProtocol), ns.c_str());
     sockaddr_ll at{};
     at.sll_family = AF_PACKET;
     at.sll_protocol = htons(testProtocol);
-    at.sll_ifindex = netns().link(ns, "vb0")->ifindex;
+    at.sll_ifindex = link.b;
     ASSERT_EQ(bind(peer, reinterpret_cast<sockaddr *>(&at), sizeof at), 0);
     pam->netNsIs(Ovel::NamespaceName(ns));
     pam->ethProtocolIs(testProtocol);
     pam->perIntfSocketIs(true);
   }
   void TearDown() override {
-    if (!IsSkipped()) {
-      reader = nullptr;
-      pam = nullptr;
-      ::close(peer);
-      EXPECT_EQ(loop.watches(), 0u);
-      EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptorsBefore);
-    }
-    NetNsTest::TearDown();
+    reader = nullptr;
+    pam = nullptr;
+    if (peer >= 0) ::close(peer);
+    KernelModuleTest::TearDown();
   }
   // Out of vb0, to which the peer's socket is bound.
   void sendFromPeer(std::string const & f) { ASSERT_EQ(send(peer, f.data(), f.size(), 0), static_cast<ssize_t>(f.size())); }
@@ -98,13 +72,10 @@ class EthDevPamKernelTest : public IntfsmTest::NetNsTest {
     ssize_t const n = poll(&p, 1, 1000) == 1 ? recv(peer, buffer, sizeof buffer, 0) : 0;
     return std::string(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
   }
-  bool runUntilFrames(size_t n) { return loop.runUntil([&] { return reader->frames.size() >= n; }, 5.0); }
+  bool runUntilFrames(size_t n) { return runUntil([&] { return reader->frames.size() >= n; }); }
 
-  Vorn::ActivityManager loop;
-  IntfsmTest::ScopedLoop scopedLoop{loop};  // the Pam's socket is watched here
   std::string ns;
   int peer = -1;
-  int descriptorsBefore = 0;
   Ptr<Ovel::EthDevPam> pam = new Ovel::EthDevPam("va0");
   Ptr<Reader> reader = new Reader(pam);
 };
@@ -119,14 +90,14 @@ TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeerAndStopsWhenDisabled) {
   for (auto const & f : sent) sendFromPeer(f);
   ASSERT_TRUE(runUntilFrames(3)) << reader->frames.size() << " frames";
   EXPECT_EQ(reader->frames, sent);
-  EXPECT_EQ(reader->pkts[0]->ifIndex(), pam->ifIndex());
-  EXPECT_EQ(reader->pkts[0]->pktType(), PACKET_BROADCAST);
+  EXPECT_EQ(reader->held[0]->ifIndex(), pam->ifIndex());
+  EXPECT_EQ(reader->held[0]->pktType(), PACKET_BROADCAST);
   EXPECT_EQ(pam->rxErrors(), 0u);
   pam->enabledIs(false);
   EXPECT_EQ(fcntl(sd, F_GETFD), -1);  // closed
-  EXPECT_EQ(loop.watches(), 0u);
+  EXPECT_EQ(loop().watches(), 0u);
   sendFromPeer(frame('x'));
-  loop.runOnce(0.05);
+  loop().runOnce(0.05);
   pam->enabledIs(true);
   sendFromPeer(frame('y'));
   ASSERT_TRUE(runUntilFrames(4));
@@ -151,7 +122,7 @@ TEST_F(EthDevPamKernelTest, TheFilterDropsWhatItShouldAndCanBeChangedWhileEnable
     sendFromPeer(frame(wanted));
     size_t const before = reader->frames.size();
     ASSERT_TRUE(runUntilFrames(before + 1));
-    loop.runOnce(0.05);  // frames arrive in order: the unwanted one would have come first
+    loop().runOnce(0.05);  // frames arrive in order: the unwanted one would have come first
     ASSERT_EQ(reader->frames.size(), before + 1);
     EXPECT_EQ(reader->frames.back()[14], wanted);
   }
@@ -166,8 +137,8 @@ TEST_F(EthDevPamKernelTest, AVlanTagArrivesBesideTheFrame) {
   std::string const inner = frame('v');
   sendFromPeer(inner.substr(0, 12) + std::string("\x81\x00\x00\x64", 4) + inner.substr(12));
   auto const found = [&] { return std::find(reader->frames.begin(), reader->frames.end(), inner); };
-  ASSERT_TRUE(loop.runUntil([&] { return found() != reader->frames.end(); }, 5.0));
-  Pkt const & pkt = *reader->pkts[static_cast<size_t>(found() - reader->frames.begin())];
+  ASSERT_TRUE(runUntil([&] { return found() != reader->frames.end(); }));
+  Pkt const & pkt = *reader->held[static_cast<size_t>(found() - reader->frames.begin())];
   EXPECT_EQ(pkt.vlanId(), 100);
   EXPECT_EQ(pkt.vlanTpid(), 0x8100);
 }

@@ -46,7 +46,10 @@ TEST_F(NetNsFixtureKernel, DestructionRemovesEverything) {
     own.namespaceDel(a);
     EXPECT_FALSE(exists(a));
     EXPECT_EQ(own.namespaces(), std::vector<std::string>{b});
+    EXPECT_EQ(own.namespaceNew(a), a);  // made again under its name, and removed like the others
+    EXPECT_TRUE(exists(a));
   }
+  EXPECT_FALSE(exists(a));
   EXPECT_FALSE(exists(b));
 }
 

@@ -1,5 +1,5 @@
 // socketAt against the real kernel: sockets land in the named namespace, the thread comes back to
-// its own, and nothing stays open on any path.
+// its own, and nothing stays open on any path (the fixture checks at tear-down).
 #include "intfsm/foundation/ovel/SocketAt.h"
 
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 
 #include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 
 namespace {
 
@@ -37,13 +37,8 @@ uint64_t namespaceCookie(int sd) {
   return cookie;
 }
 
-class SocketAtKernel : public IntfsmTest::NetNsTest {
+class SocketAtKernel : public IntfsmTest::KernelModuleTest {
  protected:
-  void SetUp() override {
-    NetNsTest::SetUp();
-    descriptors = IntfsmTest::openDescriptorCount();  // with the namespace fixture's own open
-  }
-  int descriptors = 0;
   ino_t const home = ownNamespaceInode();
 };
 
@@ -65,7 +60,6 @@ TEST_F(SocketAtKernel, TheSocketSeesTheNamespacesDevicesAndTheThreadComesBack) {
   EXPECT_EQ(namespaceCookie(here), namespaceCookie(reference));
   EXPECT_EQ(ifindexVia(here, "va0"), -ENODEV);
   for (int sd : {sameNs, otherNs, inside, here, reference}) ::close(sd);
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
 }
 
 // A namespace that is not there (never made, or deleted), or an address family the kernel does not
@@ -85,7 +79,6 @@ TEST_F(SocketAtKernel, FailuresLeaveTheThreadAtHomeAndNothingOpen) {
     EXPECT_EQ(errno, c.error) << c.ns;
     EXPECT_EQ(ownNamespaceInode(), home);
   }
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
 }
 
 }  // namespace

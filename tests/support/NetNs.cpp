@@ -181,9 +181,10 @@ void NetNsFixture::ip(std::vector<std::string> const & arguments) const {
   if (r.status != 0) throw std::runtime_error(describe(argv) + " failed: " + r.output);
 }
 
-std::string NetNsFixture::namespaceNew() {
-  std::string const name =
-      netNsPrefix + std::to_string(::getpid()) + "-" + std::to_string(namespaceCounter.fetch_add(1));
+std::string NetNsFixture::namespaceNew(std::string const & given) {
+  std::string const name = !given.empty() ? given
+                                          : netNsPrefix + std::to_string(::getpid()) + "-" +
+                                                std::to_string(namespaceCounter.fetch_add(1));
   // Registered before it exists, so that an end in between still removes it.
   if (!registerName(name)) throw std::runtime_error("too many test namespaces at once");
   namespaces_.push_back(name);

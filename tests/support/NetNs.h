@@ -67,8 +67,9 @@ class NetNsFixture {
   NetNsFixture(NetNsFixture const &) = delete;
   NetNsFixture & operator=(NetNsFixture const &) = delete;
 
-  // A new empty namespace, its loopback device up.
-  std::string namespaceNew();
+  // A new empty namespace, its loopback device up; named `name` when given (one deleted before, made
+  // again under its old name).
+  std::string namespaceNew(std::string const & name = {});
   void namespaceDel(std::string const & ns);
   std::vector<std::string> const & namespaces() const { return namespaces_; }
 

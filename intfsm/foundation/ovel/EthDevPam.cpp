@@ -1,5 +1,7 @@
 #include "intfsm/foundation/ovel/EthDevPam.h"
 
+#include "intfsm/foundation/ovel/RxBatch.h"
+
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
@@ -23,14 +25,9 @@ namespace Ovel {
 
 namespace {
 
-// Room for the PACKET_AUXDATA message (and a little more, should the kernel add one).
-constexpr size_t controlBytes = CMSG_SPACE(sizeof(tpacket_auxdata)) + CMSG_SPACE(sizeof(int));
 constexpr uint32_t vlanTagBytes = 4;
 constexpr uint32_t macAddrBytes = 12;  // destination and source
 
-struct alignas(cmsghdr) ControlArea {
-  unsigned char bytes[controlBytes];
-};
 
 bool quietReadError(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
@@ -48,11 +45,8 @@ class EthDevPam::VornFileDesc : public Vorn::Reactor<EthDevPam, Vorn::FileDescri
 // The message headers of one bulk read, made once and kept while the read limit stays the same (also
 // across a close, so that a reader closing the socket in the middle of a batch leaves them in place).
 struct EthDevPam::BulkSlots {
-  explicit BulkSlots(size_t n) : headers(n), iov(n), from(n), control(n), pkts(n) {}
-  std::vector<mmsghdr> headers;
-  std::vector<iovec> iov;
-  std::vector<sockaddr_ll> from;
-  std::vector<ControlArea> control;
+  explicit BulkSlots(size_t n) : batch(n), pkts(n) {}
+  RxBatch batch;
   std::vector<Vorn::Ptr<Pkt>> pkts;
 };
 
@@ -277,11 +271,9 @@ void EthDevPam::doReadSingle() {
   for (int32_t i = 0; i < socketReadLimit_; ++i) {
     Vorn::Ptr<Pkt> pkt = rxBufferFor(i);
     if (!pkt) return;
-    sockaddr_ll from{};
-    ControlArea control;
-    iovec iov{pkt->data(), maxRxPktData()};
-    msghdr header;
-    rxMessageIs(header, &from, sizeof from, iov, control.bytes, sizeof control.bytes);
+    if (!single_) single_ = std::make_unique<RxBatch>(1);
+    single_->slotIs(0, pkt->data(), maxRxPktData());
+    msghdr & header = single_->header(0);
     ssize_t const length = Platform::calls().recvmsg(fd, &header, MSG_DONTWAIT);
     if (length < 0) {
       readFailed(*this, "recvmsg", fd, errno);
@@ -294,25 +286,21 @@ void EthDevPam::doReadSingle() {
 void EthDevPam::doReadBulk() {
   int const fd = sd_;
   size_t const limit = static_cast<size_t>(socketReadLimit_);
-  if (!bulk_ || bulk_->headers.size() != limit) bulk_ = std::make_unique<BulkSlots>(limit);
+  if (!bulk_ || bulk_->batch.size() != limit) bulk_ = std::make_unique<BulkSlots>(limit);
   BulkSlots & slots = *bulk_;
   unsigned count = 0;
   for (; count < limit; ++count) {
     Vorn::Ptr<Pkt> pkt = rxBufferFor(static_cast<int32_t>(count));
     if (!pkt) break;
-    slots.iov[count] = iovec{pkt->data(), maxRxPktData()};
-    slots.from[count] = sockaddr_ll{};
-    rxMessageIs(slots.headers[count].msg_hdr, &slots.from[count], sizeof(sockaddr_ll), slots.iov[count],
-                slots.control[count].bytes, controlBytes);
-    slots.headers[count].msg_len = 0;
+    slots.batch.slotIs(count, pkt->data(), maxRxPktData());
     slots.pkts[count] = std::move(pkt);
   }
   if (count) {
-    int const received = Platform::calls().recvmmsg(fd, slots.headers.data(), count, MSG_DONTWAIT, nullptr);
+    int const received = Platform::calls().recvmmsg(fd, slots.batch.headers(), count, MSG_DONTWAIT, nullptr);
     if (received < 0) readFailed(*this, "recvmmsg", fd, errno);
     for (int i = 0; i < received; ++i) {
-      if (!doDeliver(*slots.pkts[static_cast<size_t>(i)], slots.headers[static_cast<size_t>(i)].msg_hdr,
-                     slots.headers[static_cast<size_t>(i)].msg_len)) {
+      size_t const slot = static_cast<size_t>(i);
+      if (!doDeliver(*slots.pkts[slot], slots.batch.header(slot), slots.batch.length(slot))) {
         break;
       }
     }
@@ -328,7 +316,8 @@ bool EthDevPam::doDeliver(Pkt & pkt, msghdr & header, uint32_t length) {
   pkt.ifIndexIs(from.sll_ifindex > 0 ? static_cast<uint32_t>(from.sll_ifindex) : ifIndex_);
   pkt.pktTypeIs(from.sll_pkttype);
   int const fd = sd_;
-  if (rxPktIs(Vorn::Ptr<Pkt>(&pkt))) readableCountInc(1);
+  rxPktIs(Vorn::Ptr<Pkt>(&pkt));  // a refused frame is counted by the queue; the reader is told all the same
+  readableCountInc(1);
   return enabled_ && ownSocket_ && sd_ == fd;
 }
 

@@ -84,6 +84,8 @@
 
 namespace Ovel {
 
+class RxBatch;
+
 class EthDevPam : public EthDevPamBase {
  public:
   class NotifieeConst : public Vorn::Notifiee<EthDevPam, EthDevPamBase::NotifieeConst> {
@@ -194,6 +196,7 @@ class EthDevPam : public EthDevPamBase {
   Vorn::Ptr<Vorn::FileDescriptor> fileDesc_;
   Vorn::Ptr<VornFileDesc> fileDescReactor_;
   std::unique_ptr<BulkSlots> bulk_;
+  std::unique_ptr<RxBatch> single_;  // the single read's header, made on the first read
 };
 
 }  // namespace Ovel

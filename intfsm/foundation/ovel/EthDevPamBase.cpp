@@ -15,8 +15,8 @@ EthDevPamBase::EthDevPamBase(Vorn::Name const & name) : Pam(name) {}
 EthDevPamBase::~EthDevPamBase() = default;
 
 void EthDevPamBase::maxRxPktDataIs(uint32_t bytes) {
-  if (bytes > PktManager::maxHeadData) {
-    throw Vorn::RangeException("EthDevPamBase::maxRxPktData > " + std::to_string(PktManager::maxHeadData) +
+  if (bytes < 1 || bytes > PktManager::maxHeadData) {
+    throw Vorn::RangeException("EthDevPamBase::maxRxPktData < 1 or > " + std::to_string(PktManager::maxHeadData) +
                                " not allowed");
   }
   set(maxRxPktData_, bytes, &NotifieeConst::onMaxRxPktData);

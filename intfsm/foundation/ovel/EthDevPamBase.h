@@ -9,8 +9,8 @@
 //
 // Defaults: ethProtocol 0 (all), maxRxPktData 1518 (an untagged frame without FCS), listenAddr
 // 00:00:00:00:00:00 (none), an empty filter program. Each mutator compares, stores and notifies.
-// maxRxPktData above PktManager::maxHeadData raises Vorn::RangeException
-// "EthDevPamBase::maxRxPktData > 262144 not allowed".
+// maxRxPktData of 0 (every frame would arrive empty) or above PktManager::maxHeadData raises
+// Vorn::RangeException "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed".
 #pragma once
 
 #include <sys/socket.h>
@@ -54,19 +54,7 @@ class EthDevPamBase : public Pam {
  protected:
   ~EthDevPamBase() override;
 
-  // What the receive paths of every endpoint with a packet socket share.
-  // The message header of one read: the frame into `iov`, its source into `from` (a sockaddr_ll),
-  // the auxiliary data into `control`.
-  static void rxMessageIs(msghdr & header, void * from, socklen_t fromBytes, iovec & iov, void * control,
-                          size_t controlBytes) {
-    header = msghdr{};
-    header.msg_name = from;
-    header.msg_namelen = fromBytes;
-    header.msg_iov = &iov;
-    header.msg_iovlen = 1;
-    header.msg_control = control;
-    header.msg_controllen = controlBytes;
-  }
+  // What the receive paths of every endpoint with a packet socket share (see also RxBatch).
   // Gives `pkt` the VLAN tag that the kernel took out of the frame, when the PACKET_AUXDATA message
   // of `header` carries one (tag protocol 0x8100 unless the kernel names another).
   static void vlanTagFromAuxData(Pkt & pkt, msghdr & header);

@@ -39,6 +39,10 @@ Vorn::Ptr<Pkt> EthDevPamInBundle::rxPkt() {
   Vorn::Ptr<Pkt> pkt = std::move(ring_[head_]);
   head_ = static_cast<uint8_t>((head_ + 1u) % ringSlots);
   --count_;
+  if (ReaderListener * const listener = readerListener_) {
+    readerListener_ = nullptr;
+    listener->onReaderResumed(*this);
+  }
   return pkt;
 }
 

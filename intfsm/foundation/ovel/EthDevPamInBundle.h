@@ -19,6 +19,10 @@
 // Frames dropped by a bound lowered or by disabling count there too.
 //
 // rxPktIs (the single-frame receive path) queues like writeNewRxPkt, and rxPkt() takes the oldest.
+//
+// A reader that left its frames waiting is not called again and again: its receiver registers a
+// ReaderListener (readerListenerIs), and the first frame the reader then takes tells it once
+// (onReaderResumed, after the frame is off the queue), so the receiver serves the rest later.
 // enableBulkPamRead is the manager's choice of bulk reading, passed to each Pam; a Pam with its own
 // socket (perIntfSocket) reads that socket in batches (recvmmsg) when it is on together with pktReuse.
 //
@@ -44,6 +48,15 @@ class EthDevPamInBundle : public EthDevPam {
 
   static constexpr uint8_t defaultMaxRxPkts = 255;
 
+  // Told once, when the reader takes a frame, that a reader which had stopped reads again.
+  class ReaderListener {
+   public:
+    virtual void onReaderResumed(EthDevPamInBundle & pam) = 0;
+
+   protected:
+    ~ReaderListener() = default;
+  };
+
   explicit EthDevPamInBundle(Vorn::String const & name);
 
   // Queues a received frame (see above); a null packet raises Vorn::RangeException
@@ -61,6 +74,10 @@ class EthDevPamInBundle : public EthDevPam {
   void enableBulkPamReadIs(bool on) { set(enableBulkPamRead_, on, &NotifieeConst::onEnableBulkPamRead); }
   uint8_t maxRxPkts() const noexcept { return maxRxPkts_; }
   void maxRxPktsIs(uint8_t bound);
+  // The listener to tell on the next frame taken (then forgotten); null: none. Not owned: its owner
+  // clears it before it goes.
+  ReaderListener * readerListener() const noexcept { return readerListener_; }
+  void readerListenerIs(ReaderListener * listener) noexcept { readerListener_ = listener; }
 
  protected:
   ~EthDevPamInBundle() override;
@@ -78,6 +95,7 @@ class EthDevPamInBundle : public EthDevPam {
   std::vector<Vorn::Ptr<Pkt>> ring_;
   uint8_t head_ = 0;
   uint8_t count_ = 0;
+  ReaderListener * readerListener_ = nullptr;
 };
 
 }  // namespace Ovel

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/ThrownText.h"
@@ -66,6 +67,28 @@ class EthDevPamBundleTest : public IntfsmTest::ModuleTest {
   static std::string opt(int level, int option, long value) {
     return std::to_string(level) + "/" + std::to_string(option) + "=" + std::to_string(value);
   }
+  // The Pam of interface "Cpu" (device "cpu" on ifindex 7, without status), enabled on `sd`, published.
+  Ptr<Ovel::EthDevPamInBundle> cpuPam(int sd) {
+    devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
+    Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
+    pam->ifIndexIs(7);
+    pam->sdIs(sd);
+    pam->enabledIs(true);
+    pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+    return pam;
+  }
+  // Queues `frame` from `ifIndex` on `sd`.
+  void queue(int sd, std::string const & frame, int ifIndex = 7) {
+    sockaddr_storage from{};
+    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = ifIndex;
+    fake.queueDatagram(sd, frame, &from);
+  }
+  // Queues the frames and reads as a readable event of `sd` does.
+  void receive(int sd, std::vector<std::string> const & frames) {
+    for (auto const & f : frames) queue(sd, f);
+    bundle->currActiveSdIs(sd);
+    bundle->doGetRxPkt();
+  }
 
   Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
   Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
@@ -85,7 +108,7 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
       {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
       {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},
       {Kind::setsockopt, SOL_PACKET, PACKET_VERSION, EINVAL, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: 22", true},
-      {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING, errno: 12", true},
+      {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize 1600), errno: 12", true},
       {Kind::mmap, 0, 0, EAGAIN, "EthDevPamBundle::enabled failed to map the ring, errno: 11", true},
       {Kind::setsockopt, SOL_SOCKET, SO_RCVBUFFORCE, ENOBUFS, "EthDevPamBundle::failed to set rcvbuf size, errno: 105"},
       {Kind::setsockopt, SOL_PACKET, 19, ENOMEM, "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: 12"},
@@ -146,6 +169,50 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
     if (ring) expected.insert(expected.begin() + 2, ringSteps.begin(), ringSteps.end());
     EXPECT_EQ(steps, expected);
   }
+}
+
+// A program is tried on a scratch socket of the bundle's namespace, plain and guarded, and the scratch
+// socket is closed on every way out; a refusal on a live socket leaves it open, an empty program detaches.
+TEST_F(EthDevPamBundleTest, FiltersAreTriedOnAScratchSocketAndARefusalNeverClosesALiveOne) {
+  bundle->netNsIs(Ovel::NamespaceName("blue"));
+  Ovel::SockFilterProgram const program{{BPF_RET | BPF_K, 0, 0, 0xffff}};
+  auto const setsockopt = fake.behaviour().setsockopt;
+  for (int failAt : {0, 1, 2, 3}) {  // the socket, the plain program, the guarded one, nothing
+    SCOPED_TRACE(failAt);
+    fake.clearCalls();
+    int attaches = 0;
+    fake.behaviour().setsockopt = [&](int fd, int l, int o, void const * v, socklen_t n) {
+      if (o == SO_ATTACH_FILTER && ++attaches == failAt) return errno = EINVAL, -1;
+      return setsockopt(fd, l, o, v, n);
+    };
+    if (failAt == 0) fake.failNext(Kind::socketAt, EMFILE);
+    int thrown = 0;
+    try {
+      bundle->filterProgramTry(program);
+    } catch (Vorn::ErrnoException const & e) {
+      thrown = e.errorNumber();
+    }
+    EXPECT_EQ(thrown, failAt == 0 ? EMFILE : failAt < 3 ? EINVAL : 0);
+    EXPECT_EQ(fake.calls(Kind::socketAt)[0].text, "blue");
+    EXPECT_EQ(fake.count(Kind::setsockopt), failAt == 0 ? 0u : failAt == 1 ? 1u : 2u);
+    EXPECT_EQ(fake.count(Kind::bind), 0u);
+    EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+  }
+  fake.clearCalls();
+  bundle->filterProgramTry({});  // detaching cannot be refused: nothing to try
+  EXPECT_EQ(fake.count(Kind::socketAt), 0u);
+
+  int const sd = fakeSocket();
+  fake.behaviour().setsockopt = setsockopt;
+  fake.failNext(Kind::setsockopt, ENOENT);  // nothing attached: done
+  attachOrDetachFilter(sd, true, nullptr, 0);
+  EXPECT_EQ(fake.calls(Kind::setsockopt).back().b, SO_DETACH_FILTER);
+  fake.failNext(Kind::setsockopt, EBADF);
+  EXPECT_THROW(attachOrDetachFilter(sd, false, nullptr, 0), Vorn::ErrnoException);
+  EXPECT_TRUE(trace.contains("Failed to detach filter, sd: " + std::to_string(sd) + " errno: 9")) << trace.dump();
+  fake.failNext(Kind::setsockopt, EINVAL);
+  EXPECT_THROW(attachOrDetachFilter(sd, true, program.filter(), program.len()), Vorn::ErrnoException);
+  EXPECT_THAT(fake.openDescriptors(), testing::ElementsAre(sd));  // still open, its old program in force
 }
 
 TEST_F(EthDevPamBundleTest, ReceiveBufferIsSizedForTheInterfacesSharingTheSocket) {
@@ -257,41 +324,57 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(bundle->doGetSd("et1"), sd);
   EXPECT_EQ(bundle->doGetSd("et2"), sd);
   EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({2, 1}));
-  bundle->doUnrefSd(sd);
+  for (auto [fd, drops] : {std::pair(sd, 3u), std::pair(tap, 2u)}) {  // what the fake's kernel reports
+    tpacket_stats const stats{10, drops};
+    Platform::calls().setsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, sizeof stats);
+  }
+  EXPECT_EQ(bundle->kernelDrops(), 5u);  // both sockets
   bundle->doUnrefSd(tap);
-  EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({1, 0}));
   EXPECT_DEATH(bundle->doUnrefSd(tap), "EthDevPamManagerTypes: assertion \"sdTapRef\\(\\) >= 0\"");
   EXPECT_DEATH(bundle->doUnrefSd(4321), "assertion \"sdTap\\(\\) == sock\"");
   EXPECT_DEATH(bundle->doSetRcvBuf(4321), "assertion \"sock == sdTap\\(\\)\"");
+  bundle->doGetSd("va0");
+  bundle->doUnrefSd(sd);
   bundle->doUnrefSd(sd);
   EXPECT_DEATH(bundle->doUnrefSd(sd), "assertion \"sdRef\\(\\) >= 0\"");
-  bundle->pktReuseIs(true);
-  bundle->bulkReadQuotaIs(129);
-  EXPECT_DEATH(bundle->doGetRxPktIntBulk(), "assertion \"bulkReadQuota\\(\\) <= 128\"");
-
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { bundle->sockPrioIs(16); }),
-            "EthDevPamBundle::sockPrio < 0 or > 15 not allowed");
+  EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sdRef(), bundle->sdTapRef()}),
+            std::vector<long>({sd, tap, 0, 1}));  // open while any interface is left on either
   bundle->sockRcvBufIs(1000);
-  bundle->doSocketClose();
+  bundle->doUnrefSd(tap);  // the last one: both close, the next socket is sized afresh
   EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
   EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sockRcvBuf()}), std::vector<long>({-1, -1, 0}));
   bundle->sockRcvBufIs(1000);
   bundle->doSocketClose();  // nothing open: nothing changes
   EXPECT_EQ(bundle->sockRcvBuf(), 1000u);
+  // Settings that could not work are refused at the setter, and the value in force stays.
+  struct Range {
+    std::function<void()> set;
+    std::string text;
+  };
+  for (Range const & r : std::vector<Range>{
+           {[&] { bundle->sockPrioIs(16); }, "EthDevPamBundle::sockPrio < 0 or > 15 not allowed"},
+           {[&] { bundle->bulkReadQuotaIs(0); }, "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed"},
+           {[&] { bundle->bulkReadQuotaIs(129); }, "EthDevPamBundle::bulkReadQuota < 1 or > 128 not allowed"},
+           {[&] { bundle->rxRingBlockSizeIs(6000); }, "EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096 not allowed"},
+           {[&] { bundle->rxRingBlockSizeIs(0); }, "EthDevPamBundle::rxRingBlockSize < 4096 or not a multiple of 4096 not allowed"},
+           {[&] { bundle->rxRingBlockCountIs(0); }, "EthDevPamBundle::rxRingBlockCount < 1 not allowed"},
+           {[&] { bundle->rxRingFrameSizeIs(100); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
+           {[&] { bundle->rxRingFrameSizeIs(1601); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
+           {[&] { bundle->maxRxPktDataIs(0); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"}}) {
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>(r.set), r.text);
+  }
+  EXPECT_EQ(std::vector<long>({bundle->sockPrio(), bundle->bulkReadQuota(), bundle->rxRingBlockSize(), bundle->rxRingBlockCount(),
+                               bundle->rxRingFrameSize(), bundle->maxRxPktData()}),
+            std::vector<long>({0, 128, 65536, 64, 0, 1518}));
 }
 
 TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoesNowhere) {
   int const sd = fakeSocket();
   bundle->enabledIs(true);
   bundle->currActiveSdIs(sd);
-  devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
   devices->intfStatusByIfIndexIs(8, {nullptr, "bad name", 8});
   devices->intfStatusByIfIndexIs(10, {intfStatusFactory(Ovel::IntfId("Ethernet10")), "et10", 10});
-  Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
-  pam->ifIndexIs(7);
-  pam->sdIs(sd);
-  pam->enabledIs(true);
-  pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
   Ptr<Reader> reader = new Reader(pam);
   struct Row {
     int ifIndex, error;  // a frame from ifIndex, or a read failing with `error`
@@ -308,9 +391,7 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   for (Row const & row : rows) {
     SCOPED_TRACE(row.trace);
     trace.clear();
-    sockaddr_storage from{};
-    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = row.ifIndex;
-    row.error ? fake.failNext(Kind::recvmsg, row.error) : fake.queueDatagram(sd, std::string(60, char(row.ifIndex)), &from);
+    row.error ? fake.failNext(Kind::recvmsg, row.error) : queue(sd, std::string(60, char(row.ifIndex)), row.ifIndex);
     bundle->doGetRxPkt();
     EXPECT_EQ(std::vector<uint32_t>({uint32_t(reader->frames.size()), bundle->noPamDropCount(),
                                      bundle->pamNotReadyDropCount(), bundle->rxErrors()}),
@@ -320,18 +401,14 @@ TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoes
   EXPECT_EQ(reader->frames[0], std::vector<uint8_t>(60, 7));
   // One readable event reads what is there, up to bulkReadQuota frames.
   bundle->bulkReadQuotaIs(2);
-  sockaddr_storage from{};
-  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-  for (char k : {'a', 'b', 'c'}) fake.queueDatagram(sd, std::string(60, k), &from);
-  bundle->doGetRxPkt();
+  receive(sd, {std::string(60, 'a'), std::string(60, 'b'), std::string(60, 'c')});
   EXPECT_EQ(std::vector<size_t>({reader->frames.size(), fake.queuedDatagrams(sd)}), std::vector<size_t>({3, 1}));
   bundle->doGetRxPkt();
   EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(60, 'c'));
   // A frame its reader did not take in place (a reader on an activity, a slow one) gets no other on
   // top of it: the next waits in the socket.
   reader->notifierIs(nullptr);
-  for (char k : {'d', 'e'}) fake.queueDatagram(sd, std::string(60, k), &from);
-  bundle->doGetRxPkt();
+  receive(sd, {std::string(60, 'd'), std::string(60, 'e')});
   EXPECT_EQ(std::vector<size_t>({pam->rxPkts(), fake.queuedDatagrams(sd), pam->queueDropCount()}),
             std::vector<size_t>({1, 1, 0}));
   reader->notifierIs(pam);
@@ -387,10 +464,7 @@ TEST_F(EthDevPamBundleTest, FramesFollowEveryChangeOfTheWayToTheirPam) {
     for (Row const & row : rows) {
       SCOPED_TRACE(row.what);
       row.change();
-      sockaddr_storage from{};
-      reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-      fake.queueDatagram(sd, std::string(60, 'f'), &from);
-      bundle->doGetRxPkt();
+      receive(sd, {std::string(60, 'f')});
       EXPECT_EQ(std::vector<uint32_t>({uint32_t(readers[0]->frames.size()), uint32_t(readers[1]->frames.size()),
                                        bundle->noPamDropCount(), bundle->pamNotReadyDropCount()}),
                 row.counts);
@@ -422,6 +496,76 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
   EXPECT_EQ(type->attributes()[29], "schedPktDelivery");
   EXPECT_EQ(type->attributes().back(), "rxRingFrameSize");
   EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
+}
+
+// A larger maxRxPktData after the packets were made gives every reused packet a buffer of that size,
+// and a frame that its Pam's full queue refuses still tells its reader (store, then count).
+TEST_F(EthDevPamBundleTest, ReusedPacketsGrowWithMaxRxPktDataAndARefusedFrameStillTellsTheReader) {
+  int const sd = fakeSocket();
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
+  Ptr<Reader> reader = new Reader(pam);
+  for (bool bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "bulk" : "single");
+    bundle = new EthDevPamBundle(desired, devices, pams);
+    bundle->pktReuseIs(true);
+    bundle->enableBulkPamReadIs(bulk);
+    bundle->enabledIs(true);
+    receive(sd, {std::string(60, 'a')});
+    bundle->enabledIs(false);
+    bundle->maxRxPktDataIs(9000);
+    bundle->enabledIs(true);
+    receive(sd, {std::string(9000, 'b')});
+    ASSERT_EQ(reader->frames.size(), 2u);
+    EXPECT_EQ(reader->frames.back(), std::vector<uint8_t>(9000, 'b'));
+    reader->frames.clear();
+  }
+  bundle = new EthDevPamBundle(desired, devices, pams);
+  bundle->enabledIs(true);
+  reader->notifierIs(nullptr);
+  pam->maxRxPktsIs(1);
+  uint32_t const told = pam->readableCount();
+  receive(sd, {"first"});
+  receive(sd, {"refused: the queue is full"});
+  EXPECT_EQ(std::vector<uint32_t>({pam->readableCount() - told, pam->queueDropCount(), pam->rxPkts()}),
+            std::vector<uint32_t>({2, 1, 1}));
+}
+
+// A reader that leaves its frames unread is not called again and again: the loop goes idle, and the
+// reader is served again when it takes a frame on its own, or with its next frame.
+TEST_F(EthDevPamBundleTest, AReaderThatLeavesItsFramesIsServedWhenItReadsOrOnItsNextFrameNeverInABusyLoop) {
+  int const sd = fakeSocket();
+  Ptr<Ovel::EthDevPamInBundle> pam = cpuPam(sd);
+  struct Lazy : Ovel::Pam::NotifieeConst {
+    void onReadableCount() override {
+      ++calls;
+      for (unsigned n = 0; n < take && pam->rxPkt(); ++n) ++taken;
+    }
+    Ovel::Pam * pam = nullptr;
+    unsigned take = 0, calls = 0, taken = 0;
+  };
+  Ptr<Lazy> reader = new Lazy;
+  reader->pam = pam.ptr();
+  reader->notifierIs(pam);
+  bundle->pktReuseIs(true);
+  bundle->enableBulkPamReadIs(true);
+  bundle->enabledIs(true);
+  auto activity = loop().activityIs("edpBundleActivity", 99);
+  Ptr<EthDevPamBundleActivitySm> sm = new EthDevPamBundleActivitySm(activity, nullptr);
+  sm->ethDevPamBundleIs(bundle);
+  receive(sd, std::vector<std::string>(7, std::string(60, 'a')));
+  EXPECT_LT(runUntilIdle(), 5u);  // idle: no pass re-arms the activity
+  EXPECT_EQ(std::vector<uint32_t>({reader->calls, bundle->schedPktDelivery(), pam->curRxPkts()}),
+            std::vector<uint32_t>({1, 0, 7}));
+  receive(sd, {std::string(60, 'b')});  // its next frame: called again, with all eight
+  EXPECT_EQ(std::vector<uint32_t>({reader->calls, pam->curRxPkts()}), std::vector<uint32_t>({2, 8}));
+  reader->take = 1;
+  ASSERT_TRUE(pam->rxPkt());  // it reads on its own: the rest is delivered on the activity, once
+  ++reader->taken;
+  EXPECT_LT(runUntilIdle(), 5u);
+  EXPECT_EQ(std::vector<uint32_t>({reader->taken, pam->curRxPkts(), bundle->schedPktDelivery()}),
+            std::vector<uint32_t>({8, 0, 1}));
+  EXPECT_TRUE(bundle->actPamCollection()->empty());
+  sm = nullptr;
 }
 
 }  // namespace

@@ -108,7 +108,8 @@ TEST_F(EthDevPamTest, OutOfRangeSettingsAreRefusedAndKeepTheValue) {
       {[&] { pam->socketReadLimitIs(0); }, "EthDevPam::socketReadLimit < 1 or > 1024 not allowed"},
       {[&] { pam->socketReadLimitIs(1025); }, "EthDevPam::socketReadLimit < 1 or > 1024 not allowed"},
       {[&] { pam->sdIs(-2); }, "EthDevPam::sd < -1 not allowed"},
-      {[&] { pam->maxRxPktDataIs(262145); }, "EthDevPamBase::maxRxPktData > 262144 not allowed"},
+      {[&] { pam->maxRxPktDataIs(262145); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"},
+      {[&] { pam->maxRxPktDataIs(0); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"},
   };
   for (auto const & [set, text] : cases) EXPECT_EQ(thrownText<Vorn::RangeException>(set), text);
   EXPECT_EQ(pam->socketReadLimit(), 15);
