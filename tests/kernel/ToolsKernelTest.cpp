@@ -508,8 +508,9 @@ TEST_F(ToolsKernelTest, AgentMirrorsOperStatusCountsWatchedFramesAndSends) {
   EXPECT_EQ(linesMatching(capture.output(), std::regex("^.* pe1 .*vlan 7 p 0, ethertype 0x88b7, length 64$")).size(), 3u)
       << capture.output();
 
-  // Unwatched, Ethernet1 loses its endpoint: its frames are drops now, counted from the clear.
-  agent.write("unwatch Ethernet1\nclear\nsay unwatched\n");
+  // Unwatched, Ethernet1 loses its endpoint: its frames are drops now, counted from the clear (Ethernet2
+  // stays watched: the shared socket closes with its last interface, and then nothing is read at all).
+  agent.write("watch Ethernet2\nunwatch Ethernet1\nclear\nsay unwatched\n");
   agent.readUntil("== unwatched");
   send("1", 3);
   agent.write("wait 0.3\nshow\nsay after\n");
