@@ -505,15 +505,9 @@ bool Capture::finish() {
   for (Device const & d : captured_) std::fprintf(stderr, "  %-16s %llu\n", d.name.c_str(), static_cast<unsigned long long>(d.frames));
   auto const & bundle = manager_ ? manager_->edpBundle() : nullptr;
   if (bundle) {
-    // The kernel's count of frames it dropped for want of room in the socket (read, and so reset, once).
-    unsigned kernelDrops = 0;
-    for (int sd : {bundle->sd(), bundle->sdTap()}) {
-      tpacket_stats stats{};
-      socklen_t length = sizeof stats;
-      if (sd >= 0 && getsockopt(sd, SOL_PACKET, PACKET_STATISTICS, &stats, &length) == 0) kernelDrops += stats.tp_drops;
-    }
-    std::fprintf(stderr, "  dropped: %u of devices not captured, %u of devices without a ready endpoint, %u by the kernel\n",
-                 bundle->noPamDropCount(), bundle->pamNotReadyDropCount(), kernelDrops);
+    std::fprintf(stderr, "  dropped: %u of devices not captured, %u of devices without a ready endpoint, %llu by the kernel\n",
+                 bundle->noPamDropCount(), bundle->pamNotReadyDropCount(),
+                 static_cast<unsigned long long>(bundle->kernelDrops()));
   }
   return ok && written;
 }
