@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -257,12 +258,17 @@ TEST_F(EthDevPamManagerTest, BridgeFilterWantsBridgedInterfacesAndDevicesWithout
   devices->intfStatusAndDeviceNameIs(id(2), {nullptr, "et2", 8});
   Ptr<EthBridgeIntfFilter> filter = ethBridgeIntfFilterFactory(devices, desired);
   EXPECT_TRUE(desired->intfDesired(id(2)));  // no status: desired at once
-  devices->intfStatusAndDeviceNameIs(id(1), {status, "et1", 7});
-  // Entries of the desired directory: a model other than bridged deletes, it never stores false.
-  for (auto [model, entries] : {std::pair(forwardingModelBridged, 2u), {forwardingModelRouted, 1u},
-                                {forwardingModelBridged, 2u}, {forwardingModelDataLink, 1u}, {forwardingModelBridged, 2u}}) {
+  // A model other than bridged deletes the entry, never stores false. A record without its status is
+  // desired; its status reactor stays, deciding nothing until the record names that status again.
+  for (auto [named, model, entries] : {std::tuple(true, forwardingModelBridged, 2u), {true, forwardingModelRouted, 1u},
+                                       {true, forwardingModelBridged, 2u}, {true, forwardingModelDataLink, 1u},
+                                       {false, forwardingModelDataLink, 2u}, {false, forwardingModelRouted, 2u},
+                                       {true, forwardingModelRouted, 1u}, {true, forwardingModelBridged, 2u}}) {
+    if (named != bool(devices->intfStatusAndDeviceName(id(1)).intfStatus)) {
+      devices->intfStatusAndDeviceNameIs(id(1), {named ? status : nullptr, "et1", 7});
+    }
     status->forwardingModelIs(model);
-    EXPECT_EQ(desired->intfDesireds(), entries) << model;
+    EXPECT_EQ(L({desired->intfDesireds(), filter->intfStatuss()}), L({entries, 1})) << named << model;
   }
   EXPECT_EQ(count("Ethernet1 is bridged"), 3);
   devices->intfStatusAndDeviceNameDel(id(1));
