@@ -21,6 +21,7 @@
 #include <new>
 #include <string_view>
 
+#include "intfsm/EthDevPamManagerTypes/internal/Cleanup.h"
 #include "intfsm/EthDevPamManagerTypes/internal/Trace.h"
 #include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
@@ -250,14 +251,21 @@ void EthDevPamBundle::doUnrefSd(int sock) {
 // ---- opening, sizing, closing ----------------------------------------------------------------------
 
 void EthDevPamBundle::doSocketSetupFailed(int sock, char const * trace, int error) {
-  Platform::calls().close(sock);
-  doSocketForget(sock);
+  doSocketSetupFailedQuietly(sock);
   EDPM_TRACE(0, trace << error);
   throw Vorn::ErrnoException(error, "");
 }
 
+void EthDevPamBundle::doSocketSetupFailedQuietly(int sock) {
+  if (sock == sd_ || sock == sdTap_) {
+    doSocketForget(sock);
+  } else {
+    Platform::calls().close(sock);
+  }
+}
+
 void EthDevPamBundle::doSocketForget(int sock) {
-  if (sock < 0) return;
+  if (sock < 0 || (sock != sd_ && sock != sdTap_)) return;
   if (RxRing * ring = ringOf(sock)) doRxRingRelease(*ring);
   if (sock == sd_) {
     fdSm_ = nullptr;
@@ -265,13 +273,14 @@ void EthDevPamBundle::doSocketForget(int sock) {
     fileDescDel();
     sdIs(-1);
     sdRefIs(0);
-  } else if (sock == sdTap_) {
+  } else {
     fdSmTap_ = nullptr;
     if (fileDescTap_) fileDescTap_->descriptorIs(-1);
     fileDescTapDel();
     sdTapIs(-1);
     sdTapRefIs(0);
   }
+  Platform::calls().close(sock);
 }
 
 void EthDevPamBundle::doSocketCreateProto(uint16_t ethProto, bool forSdTap) {
@@ -306,7 +315,7 @@ void EthDevPamBundle::doSocketCreateProto(uint16_t ethProto, bool forSdTap) {
     doSetRcvBuf(fd);
     if (!filterProgram().empty()) attachOrDetachFilter(fd, forSdTap, filterProgram().filter(), filterProgram().len());
   } catch (...) {
-    doSocketForget(fd);  // closed by the step that failed
+    doSocketForget(fd);  // still ours unless the step that failed closed it already
     restore();
     throw;
   }
@@ -405,8 +414,7 @@ void EthDevPamBundle::configureRlimitIntfSize(int sock, uint32_t perIntf) {
     int const read = std::fscanf(file, "%d", &value);
     std::fclose(file);
     if (read != 1 || value < 1) {
-      os.close(sock);
-      doSocketForget(sock);
+      doSocketSetupFailedQuietly(sock);
       EDPM_TRACE(0, rlimitOptInvalid);
       throw Vorn::Exception(rlimitOptInvalid);
     }
@@ -419,8 +427,7 @@ void EthDevPamBundle::configureRlimitIntfSize(int sock, uint32_t perIntf) {
   if (intOption(sock, SOL_PACKET, option, static_cast<int>(perIntf)) < 0) {
     int const error = errno;
     EDPM_TRACE(0, "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: " << perIntf << ", errno: " << error);
-    os.close(sock);
-    doSocketForget(sock);
+    doSocketSetupFailedQuietly(sock);
     throw Vorn::ErrnoException(error, "");
   }
 }
@@ -522,32 +529,64 @@ void EthDevPamBundle::doRxRingRelease(RxRing & ring) {
   ring = RxRing{};
 }
 
-void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen) {
-  EDPM_TRACE(5, "attachOrDetachFilter: sock " << sock << " needQuentaFilter: " << needQuentaFilter
-                                              << " filterLen: " << filterLen);
+namespace {
+
+// The program that goes on `sock` for `filter`: the caller's as it is, or, with `guarded` and a
+// non-empty filter, behind three instructions that drop frames of the fabric pseudo-protocol 0x002A
+// (load the protocol, compare with 0x2A, return 0). An empty program detaches whatever is attached
+// (ENOENT: nothing was, which is what was asked). 0 when the kernel took it, else its errno.
+int filterSet(int sock, bool guarded, Ovel::SockFilter const * filter, int filterLen) {
   Platform::Calls & os = Platform::calls();
+  if (filterLen == 0) {
+    int unused = 0;
+    if (os.setsockopt(sock, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused) == 0) return 0;
+    return errno == ENOENT ? 0 : errno;
+  }
   sock_fprog program{static_cast<unsigned short>(filterLen), const_cast<Ovel::SockFilter *>(filter)};
   std::unique_ptr<Ovel::SockFilter[]> built;
-  if (filterLen && needQuentaFilter) {
+  if (guarded) {
     built.reset(new (std::nothrow) Ovel::SockFilter[static_cast<size_t>(filterLen) + 3]);
     if (!built) {
       EDPM_TRACE(0, "Failed to allocate filter Program");
-      os.close(sock);
-      throw Vorn::ErrnoException(ENOMEM, "");
+      return ENOMEM;
     }
-    // Frames of the fabric pseudo-protocol never reach the tap socket.
     built[0] = {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PROTOCOL)};
     built[1] = {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, EthDevPamBundle::ethPFabric};
     built[2] = {BPF_RET | BPF_K, 0, 0, 0};
     std::copy(filter, filter + filterLen, built.get() + 3);
     program = sock_fprog{static_cast<unsigned short>(filterLen + 3), built.get()};
   }
-  if (os.setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) < 0) {
-    int const error = errno;
-    built.reset();
-    os.close(sock);
+  return os.setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) < 0 ? errno : 0;
+}
+
+}  // namespace
+
+void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen) {
+  EDPM_TRACE(5, "attachOrDetachFilter: sock " << sock << " needQuentaFilter: " << needQuentaFilter
+                                              << " filterLen: " << filterLen);
+  if (int const error = filterSet(sock, needQuentaFilter, filter, filterLen)) {
     EDPM_TRACE(0, "Failed to " << (filterLen ? "attach" : "detach") << " filter, sd: " << sock << " errno: " << error);
     throw Vorn::ErrnoException(error, "");
+  }
+}
+
+void EthDevPamBundle::filterProgramTry(Ovel::SockFilterProgram const & program) const {
+  EDPM_TRACE(8, "void Interface::EthDevPamBundle::filterProgramTry( " << program << " ) const");
+  if (program.empty()) return;  // detaching cannot be refused
+  // Protocol 0 and no bind: the scratch socket is on no device's receive path.
+  int const scratch = Ovel::socketAt(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0, netNs_.charPtr());
+  if (scratch < 0) {
+    int const error = errno;
+    EDPM_TRACE(0, "EthDevPamBundle::filterProgramTry failed to create socket, errno: " << error);
+    throw Vorn::ErrnoException(error, "");
+  }
+  auto const closeScratch = Cleanup([scratch] { Platform::calls().close(scratch); });
+  for (bool guarded : {false, true}) {
+    if (int const error = filterSet(scratch, guarded, program.filter(), program.len())) {
+      EDPM_TRACE(0, "EthDevPamBundle::filterProgram refused by the kernel" << (guarded ? " (tap socket)" : "")
+                                                                           << ", errno: " << error);
+      throw Vorn::ErrnoException(error, "");
+    }
   }
 }
 

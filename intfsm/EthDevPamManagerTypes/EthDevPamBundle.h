@@ -22,9 +22,15 @@
 // count the interfaces on each; the sockets stay open until disabled. Every failure while a socket is
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
-// with bad content). doSetRcvBuf and attachOrDetachFilter close `sock` whenever they raise; when that
-// socket is one of the bundle's, doSetRcvBuf makes the bundle forget it as well (sd -1, count 0, no
-// watch), while the caller of attachOrDetachFilter, a free function, tells it with doSocketForget.
+// with bad content). doSetRcvBuf closes `sock` whenever it raises; when that socket is one of the
+// bundle's, it makes the bundle forget it as well (sd -1, count 0, no watch).
+//
+// Filters. A new program is tried first on a scratch socket (filterProgramTry), so that only a program
+// the kernel accepts ever reaches a live socket. attachOrDetachFilter departs from the plain
+// SO_ATTACH_FILTER-then-close in two ways, both so that a filter change can never mute a socket:
+// an empty program is detached with SO_DETACH_FILTER (the kernel refuses to attach an empty one;
+// "nothing attached" counts as done), and a refusal leaves the socket open with its old program in
+// force (the kernel keeps it) instead of closing it under the Pams that share it.
 //
 // Receiving. A readable socket (EthDevPamBundleFdSm sets currActiveSd around the call) is read by
 // doGetRxPkt: frame by frame (one recvmsg each, each frame delivered before the next is read) until none is
@@ -264,10 +270,14 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void doSetRcvBuf(int sock);
   // The kernel's receive-buffer size of `sock` (0 when it cannot be read), also kept in allocRcvBuf.
   uint32_t doFindRcvBuf(int sock);
+  // Raises Vorn::ErrnoException with the kernel's errno when the kernel would refuse `program` on a
+  // socket of this bundle, as it is or behind the tap socket's guard; tried on a scratch packet socket
+  // in netNs that is bound to nothing (it receives nothing) and closed again. No effect otherwise.
+  void filterProgramTry(Ovel::SockFilterProgram const & program) const;
   // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
-  // `sock` was closed by a failed step (attachOrDetachFilter closes what it cannot filter): when it is
-  // one of ours, forget it (descriptor -1, count 0, no watch) without closing it again.
+  // Closes `sock` when it is one of ours and forgets it (descriptor -1, count 0, no watch); nothing
+  // for any other descriptor.
   void doSocketForget(int sock);
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
@@ -345,6 +355,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
   void doSocketCloseQuietly();
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
   [[noreturn]] void doSocketSetupFailed(int sock, char const * trace, int error);
+  // Closes `sock` after a failed step: through doSocketForget when it is one of ours.
+  void doSocketSetupFailedQuietly(int sock);
 
   Vorn::Ptr<PamDesiredIntfDir const> desiredIntfDir_;
   Vorn::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir_;
@@ -404,9 +416,9 @@ class EthDevPamBundle : public Ovel::EthDevPamBase {
 
 // Attaches `filter` (filterLen classic BPF instructions) to `sock` with SO_ATTACH_FILTER. With
 // needQuentaFilter and a non-empty filter, three instructions go first that drop frames of the fabric
-// pseudo-protocol 0x002A (load the protocol, compare with 0x2A, return 0). With filterLen 0 an empty
-// program is attached, which the kernel refuses. On failure `sock` is closed and Vorn::ErrnoException
-// raised with the errno.
+// pseudo-protocol 0x002A (load the protocol, compare with 0x2A, return 0). With filterLen 0 the
+// socket's program is detached (SO_DETACH_FILTER; none attached is no error). A refusal is traced and
+// raised as Vorn::ErrnoException with the kernel's errno; `sock` stays open with its old program.
 void attachOrDetachFilter(int sock, bool needQuentaFilter, Ovel::SockFilter const * filter, int filterLen);
 
 }  // namespace Interface

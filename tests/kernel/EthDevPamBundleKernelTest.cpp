@@ -63,6 +63,16 @@ std::string tagged(uint16_t tpid, uint16_t tci, char tag) {
   return f.substr(0, 12) + char(tpid >> 8) + char(tpid & 0xff) + char(tci >> 8) + char(tci & 0xff) + f.substr(12);
 }
 
+// The classic BPF program attached to `fd`, instruction by instruction.
+std::vector<std::vector<uint32_t>> program(int fd) {
+  sock_filter f[8];
+  socklen_t n = 8;
+  std::vector<std::vector<uint32_t>> out;
+  if (getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, f, &n) < 0) return out;
+  for (socklen_t i = 0; i < n; ++i) out.push_back({f[i].code, f[i].jt, f[i].jf, f[i].k});
+  return out;
+}
+
 std::string bytesOf(Ovel::Pkt const & pkt) { return std::string(reinterpret_cast<char const *>(pkt.data()), pkt.dataLen()); }
 
 struct Reader : Ovel::Pam::NotifieeConst {
@@ -330,14 +340,6 @@ TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocke
     };
     EXPECT_EQ(boundTo(sd), 0x002a);
     EXPECT_EQ(boundTo(tap), ETH_P_ALL);
-    auto program = [](int fd) {
-      sock_filter f[8];
-      socklen_t n = 8;
-      std::vector<std::vector<uint32_t>> out;
-      if (getsockopt(fd, SOL_SOCKET, SO_GET_FILTER, f, &n) < 0) return out;
-      for (socklen_t i = 0; i < n; ++i) out.push_back({f[i].code, f[i].jt, f[i].jf, f[i].k});
-      return out;
-    };
     EXPECT_EQ(program(tap), (std::vector<std::vector<uint32_t>>{
                                 {0x20, 0, 0, 0xfffff000}, {0x15, 0, 1, 0x2a}, {0x06, 0, 0, 0}, {0x06, 0, 0, 0xffff}}));
     EXPECT_EQ(program(sd).size(), 1u);  // the common socket has no guard
@@ -352,6 +354,34 @@ TEST_F(EthDevPamBundleKernelTest, AVethOnTheFabricProtocolGetsTheGuardedTapSocke
               std::vector<int>({-1, -1, -1, -1, 0}));
     leave();
   }
+}
+
+// A program the kernel refuses (no return instruction) is refused on a scratch socket first; tried on a
+// live socket it leaves the socket open with its old program, and an empty one detaches.
+TEST_F(EthDevPamBundleKernelTest, ARefusedFilterNeverMutesASocket) {
+  Ovel::SockFilterProgram const accept{{BPF_RET | BPF_K, 0, 0, 0xffff}}, refused{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12}};
+  bundleNew(0x002a, single, accept);
+  join(0);  // va0 is a veth: the tap socket, with the guard
+  int const tap = bundle->sdTap(), descriptors = IntfsmTest::openDescriptorCount();
+  auto thrown = [](std::function<void()> const & f) {
+    try {
+      f();
+    } catch (Vorn::ErrnoException const & e) {
+      return e.errorNumber();
+    }
+    return 0;
+  };
+  EXPECT_EQ(thrown([&] { bundle->filterProgramTry(refused); }), EINVAL);
+  EXPECT_EQ(thrown([&] { bundle->filterProgramTry(accept); }), 0);
+  EXPECT_EQ(thrown([&] { attachOrDetachFilter(tap, true, refused.filter(), refused.len()); }), EINVAL);
+  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
+  EXPECT_EQ(program(tap).size(), 4u);  // the old one, guard included
+  send(0, frame('k'));
+  ASSERT_TRUE(runUntil([&] { return readers[0]->frames.size() == 1; }));
+  for (int twice = 0; twice < 2; ++twice) {  // the second finds nothing to detach
+    EXPECT_EQ(thrown([&] { attachOrDetachFilter(tap, true, nullptr, 0); }), 0);
+  }
+  EXPECT_TRUE(program(tap).empty());
 }
 
 }  // namespace

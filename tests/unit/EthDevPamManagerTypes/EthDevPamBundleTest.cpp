@@ -148,6 +148,50 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
   }
 }
 
+// A program is tried on a scratch socket of the bundle's namespace, plain and guarded, and the scratch
+// socket is closed on every way out; a refusal on a live socket leaves it open, an empty program detaches.
+TEST_F(EthDevPamBundleTest, FiltersAreTriedOnAScratchSocketAndARefusalNeverClosesALiveOne) {
+  bundle->netNsIs(Ovel::NamespaceName("blue"));
+  Ovel::SockFilterProgram const program{{BPF_RET | BPF_K, 0, 0, 0xffff}};
+  auto const setsockopt = fake.behaviour().setsockopt;
+  for (int failAt : {0, 1, 2, 3}) {  // the socket, the plain program, the guarded one, nothing
+    SCOPED_TRACE(failAt);
+    fake.clearCalls();
+    int attaches = 0;
+    fake.behaviour().setsockopt = [&](int fd, int l, int o, void const * v, socklen_t n) {
+      if (o == SO_ATTACH_FILTER && ++attaches == failAt) return errno = EINVAL, -1;
+      return setsockopt(fd, l, o, v, n);
+    };
+    if (failAt == 0) fake.failNext(Kind::socketAt, EMFILE);
+    int thrown = 0;
+    try {
+      bundle->filterProgramTry(program);
+    } catch (Vorn::ErrnoException const & e) {
+      thrown = e.errorNumber();
+    }
+    EXPECT_EQ(thrown, failAt == 0 ? EMFILE : failAt < 3 ? EINVAL : 0);
+    EXPECT_EQ(fake.calls(Kind::socketAt)[0].text, "blue");
+    EXPECT_EQ(fake.count(Kind::setsockopt), failAt == 0 ? 0u : failAt == 1 ? 1u : 2u);
+    EXPECT_EQ(fake.count(Kind::bind), 0u);
+    EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+  }
+  fake.clearCalls();
+  bundle->filterProgramTry({});  // detaching cannot be refused: nothing to try
+  EXPECT_EQ(fake.count(Kind::socketAt), 0u);
+
+  int const sd = fakeSocket();
+  fake.behaviour().setsockopt = setsockopt;
+  fake.failNext(Kind::setsockopt, ENOENT);  // nothing attached: done
+  attachOrDetachFilter(sd, true, nullptr, 0);
+  EXPECT_EQ(fake.calls(Kind::setsockopt).back().b, SO_DETACH_FILTER);
+  fake.failNext(Kind::setsockopt, EBADF);
+  EXPECT_THROW(attachOrDetachFilter(sd, false, nullptr, 0), Vorn::ErrnoException);
+  EXPECT_TRUE(trace.contains("Failed to detach filter, sd: " + std::to_string(sd) + " errno: 9")) << trace.dump();
+  fake.failNext(Kind::setsockopt, EINVAL);
+  EXPECT_THROW(attachOrDetachFilter(sd, true, program.filter(), program.len()), Vorn::ErrnoException);
+  EXPECT_THAT(fake.openDescriptors(), testing::ElementsAre(sd));  // still open, its old program in force
+}
+
 TEST_F(EthDevPamBundleTest, ReceiveBufferIsSizedForTheInterfacesSharingTheSocket) {
   int const sd = fakeSocket();
   bundle->sdIs(sd);
