@@ -136,8 +136,16 @@ void EthDevPamManager::enabledIs(bool enabled) {
 }
 
 void EthDevPamManager::filterProgramIs(Ovel::SockFilterProgram const & program) {
-  if (!filterProgramStore(program)) return;
-  handleFilterProgram();
+  if (program == filterProgram()) return;
+  if (initialized_ && enabled()) edpBundle_->filterProgramTry(program);  // a refusal raises: nothing changed
+  Ovel::SockFilterProgram const old = filterProgram();
+  filterProgramStore(program);
+  try {
+    handleFilterProgram();  // puts the old program back where it fails
+  } catch (...) {
+    filterProgramStore(old);
+    throw;
+  }
   filterProgramNotify();
 }
 
@@ -466,35 +474,41 @@ void EthDevPamManager::handleFilterProgram() {
   }
   Ovel::SockFilterProgram const & program = filterProgram();
   EthDevPamBundle & bundle = *edpBundle_;
-  bundle.filterProgramIs(program);  // for the sockets it opens from now on
+  Ovel::SockFilterProgram const old = bundle.filterProgram();  // in force until this succeeds
   if (!bundle.perIntfSocket()) {
     if (bundle.sd() == -1) {
       EDPM_TRACE(5, "Socket not yet created as no EthDevPam enabled yet. Ignore");
-      return;
+    } else {
+      attachOrDetachFilter(bundle.sd(), false, program.filter(), program.len());
+      if (bundle.sdTap() != -1) {
+        try {
+          attachOrDetachFilter(bundle.sdTap(), true, program.filter(), program.len());
+        } catch (...) {
+          attachOrDetachFilter(bundle.sd(), false, old.filter(), old.len());
+          throw;
+        }
+      }
     }
-    int sock = bundle.sd();
-    try {
-      attachOrDetachFilter(sock, false, program.filter(), program.len());
-      if (bundle.sdTap() != -1) attachOrDetachFilter(sock = bundle.sdTap(), true, program.filter(), program.len());
-    } catch (Vorn::ErrnoException const &) {
-      bundle.doSocketForget(sock);  // closed by the refusal
-      doSharedSocketLost();
-    }
+    bundle.filterProgramIs(program);  // for the sockets it opens from now on
     for (auto const & e : pam_) {
       if (e.value->pam()) e.value->pam()->filterProgramIs(program);  // no socket of their own: stored only
     }
     return;
   }
+  std::vector<Vorn::Ptr<Ovel::EthDevPamInBundle>> done;
   for (auto const & e : pam_) {
     Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = e.value->pam();
     if (!pam) continue;
     EDPM_TRACE(5, "Applying new filter to " << e.key << " pam device");
     try {
       pam->filterProgramIs(program);
-    } catch (Vorn::ErrnoException const & failure) {
-      EDPM_TRACE(0, "Unable to apply filter to pam for " << e.key << " errno " << failure.errorNumber());
+    } catch (...) {
+      for (auto const & p : done) p->filterProgramIs(old);
+      throw;
     }
+    done.push_back(pam);
   }
+  bundle.filterProgramIs(program);
 }
 
 // ---- life cycle ------------------------------------------------------------------------------------

@@ -21,6 +21,7 @@
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/NetNs.h"
 
@@ -143,6 +144,21 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
       send(i, 'k');
     }
     ASSERT_TRUE(runUntil([&] { return got(0, "ak") && got(1, "bk"); }));
+    // A program the kernel refuses (it does not end in a return) raises its errno; the one in force stays.
+    try {
+      manager->filterProgramIs(Ovel::SockFilterProgram{{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14}});
+      ADD_FAILURE() << "refused program taken";
+    } catch (Vorn::ErrnoException const & e) {
+      EXPECT_EQ(e.errorNumber(), EINVAL);
+    }
+    for (int i : {0, 1}) {
+      send(i, 'x');
+      send(i, 'k');
+    }
+    ASSERT_TRUE(runUntil([&] { return got(0, "akk") && got(1, "bkk"); }));
+    manager->filterProgramIs({});  // cleared: every frame again, on the same sockets
+    for (int i : {0, 1}) send(i, 'x');
+    ASSERT_TRUE(runUntil([&] { return got(0, "akkx") && got(1, "bkkx"); }));
 
     // Out of the Pam's own interface (the shared socket, addressed to va1): it arrives at va1's peer.
     Ptr<Ovel::Pkt> out = Ovel::globalPktManager().newPkt();
@@ -165,7 +181,7 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     ASSERT_TRUE(runUntil([&] { return pam(0) && pam(0)->ifIndex() == now; }));
     EXPECT_NE(now, old);
     send(0, 'k');
-    ASSERT_TRUE(runUntil([&] { return got(0, "akk"); }));
+    ASSERT_TRUE(runUntil([&] { return got(0, "akkxk"); }));
 
     manager->handleDestruction();
     EXPECT_EQ(pams->intfPams(), 0u);

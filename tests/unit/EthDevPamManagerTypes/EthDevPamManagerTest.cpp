@@ -62,9 +62,19 @@ class EthDevPamManagerTest : public IntfsmTest::ModuleTest {
     auto const t = traces();
     return std::count_if(t.begin(), t.end(), [&](std::string const & s) { return s.starts_with(text); });
   }
-  long attached() {
+  // SO_ATTACH_FILTER (or `option`) calls on `fd` (any descriptor when -1).
+  long attached(int fd = -1, int option = SO_ATTACH_FILTER) {
     auto const c = fake.calls(Kind::setsockopt);
-    return std::count_if(c.begin(), c.end(), [](auto const & x) { return x.b == SO_ATTACH_FILTER; });
+    return std::count_if(c.begin(), c.end(), [&](auto const & x) { return x.b == option && (fd < 0 || x.fd == fd); });
+  }
+  // As the kernel, refuses a program that does not end in a return (EINVAL); and any on `refuseOn` (ENOMEM).
+  void refusePrograms() {
+    fake.behaviour().setsockopt = [this, base = fake.behaviour().setsockopt](int fd, int l, int o, void const * v, socklen_t n) {
+      auto const * p = static_cast<sock_fprog const *>(v);
+      if (o == SO_ATTACH_FILTER && BPF_CLASS(p->filter[p->len - 1].code) != BPF_RET) return errno = EINVAL, -1;
+      if (o == SO_ATTACH_FILTER && fd == refuseOn) return errno = ENOMEM, -1;
+      return base(fd, l, o, v, n);
+    };
   }
   EthDevPamBundle & bundle() { return *manager->edpBundle(); }
   // What a failed call must leave as it found: published Pams, holders, counts, open sockets.
@@ -72,6 +82,7 @@ class EthDevPamManagerTest : public IntfsmTest::ModuleTest {
     return {pams->intfPams(), manager->pams(), bundle().sdRef(), bundle().sdTapRef(), long(fake.openDescriptors().size())};
   }
 
+  int refuseOn = -1;
   Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
   Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
   Ptr<EthDevPamCollection> pams = ethDevPamCollectionFactory("pams");
@@ -164,7 +175,7 @@ TEST_F(EthDevPamManagerTest, AStatusChangeKeepsThePamUnlessTheIfIndexChanges) {
   want(1, 7);
   manager->filterProgramIs(acceptAll);
   manager->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});  // equal: nothing
-  EXPECT_EQ(attached(), 1);
+  EXPECT_EQ(L({attached(bundle().sd()), attached()}), L({1, 3}));  // tried on a scratch socket, plain and guarded
   Ptr<Ovel::EthDevPam> const first = pam(1);
   devices->intfStatusAndDeviceNameIs(id(1), {nullptr, "et1", 7});  // same device, the status changed
   EXPECT_EQ(L({pam(1) == first, count("Pam for Ethernet1 already exists")}), L({1, 1}));
@@ -281,19 +292,63 @@ TEST_F(EthDevPamManagerTest, AFailedPamTakesBackWhatItBuiltThenRaisesOrIsTraced)
   EXPECT_EQ(L({pams->intfPams(), long(fake.openDescriptors().size())}), L({0, 0}));
 }
 
-TEST_F(EthDevPamManagerTest, AFilterReachesTheSocketsOpenedLaterAndEveryOwnSocket) {
+TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTheOldOneEverywhere) {
+  refusePrograms();
+  Ovel::SockFilterProgram const refused{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12}};
+  Ovel::SockFilterProgram const second{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12}, {BPF_RET | BPF_K, 0, 0, 0xffff}};
+  auto everywhere = [&](Ovel::SockFilterProgram const & p) {  // manager, bundle and every Pam hold `p`
+    return manager->filterProgram() == p && bundle().filterProgram() == p && pam(1)->filterProgram() == p &&
+           pam(2)->filterProgram() == p;
+  };
+  auto lastAttachedLength = [&](int fd) {
+    auto const c = fake.calls(Kind::setsockopt);
+    auto it = std::find_if(c.rbegin(), c.rend(), [&](auto const & x) { return x.b == SO_ATTACH_FILTER && x.fd == fd; });
+    return it == c.rend() ? -1 : it->template dataAs<sock_fprog>().len;
+  };
+  // On the fabric protocol a veth device (et2) shares the tap socket, behind its guard.
+  manager->ethProtocolIs(0x002a);
+  fake.behaviour().ioctl = [](int, unsigned long request, void * argument) {
+    auto * ifr = static_cast<ifreq *>(argument);
+    if (request != SIOCETHTOOL || std::strcmp(ifr->ifr_name, "et2") != 0) return errno = EOPNOTSUPP, -1;
+    return std::strcpy(reinterpret_cast<ethtool_drvinfo *>(ifr->ifr_data)->driver, "veth"), 0;
+  };
   manager->enabledIs(true);
+  EXPECT_EQ(raised([&] { manager->filterProgramIs(refused); }), EINVAL);  // no socket yet: refused all the same
   manager->filterProgramIs(acceptAll);
   want(1, 7);
-  EXPECT_EQ(L({count("Socket not yet created as no EthDevPam enabled yet. Ignore"), attached()}), L({1, 1}));
+  want(2, 8);
+  int const sd = bundle().sd(), tap = bundle().sdTap();
+  EXPECT_EQ(L({count("Socket not yet created as no EthDevPam enabled yet. Ignore"), lastAttachedLength(sd),
+               lastAttachedLength(tap), everywhere(acceptAll)}),
+            L({1, 1, 4, 1}));  // applied as each socket was made
+  L const before = state();
+  fake.clearCalls();
+  EXPECT_EQ(raised([&] { manager->filterProgramIs(refused); }), EINVAL);
+  EXPECT_EQ(L({attached(sd), attached(tap), bundle().sd() == sd, bundle().sdTap() == tap, everywhere(acceptAll)}),
+            L({0, 0, 1, 1, 1}));
+  EXPECT_EQ(state(), before);
+  refuseOn = tap;  // a live socket refuses what the scratch one took: the one already changed gets the old one back
+  EXPECT_EQ(raised([&] { manager->filterProgramIs(second); }), ENOMEM);
+  EXPECT_EQ(L({attached(sd), lastAttachedLength(sd), everywhere(acceptAll)}), L({2, 1, 1}));
+  refuseOn = -1;
+  fake.clearCalls();
+  manager->filterProgramIs({});  // clearing detaches, and mutes nothing
+  EXPECT_EQ(L({attached(sd, SO_DETACH_FILTER), attached(tap, SO_DETACH_FILTER), everywhere({})}), L({1, 1, 1}));
+  EXPECT_EQ(state(), before);
+
+  // Sockets of their own: the same, Pam by Pam.
   manager->enabledIs(false);
   manager->perIntfSocketIs(true);
+  manager->filterProgramIs(acceptAll);
   manager->enabledIs(true);
-  want(2, 8);
-  fake.clearCalls();
-  manager->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0}});
-  EXPECT_EQ(L({pam(2)->ownSocket(), count("Applying new filter to Ethernet2 pam device"), attached(), bundle().sd()}),
-            L({1, 1, 2, -1}));
+  EXPECT_EQ(raised([&] { manager->filterProgramIs(refused); }), EINVAL);
+  manager->filterProgramIs(second);
+  EXPECT_EQ(L({count("Applying new filter to Ethernet2 pam device"), lastAttachedLength(pam(1)->sd()),
+               lastAttachedLength(pam(2)->sd()), everywhere(second)}),
+            L({1, 2, 2, 1}));
+  refuseOn = pam(2)->sd();
+  EXPECT_EQ(raised([&] { manager->filterProgramIs(acceptAll); }), ENOMEM);
+  EXPECT_EQ(L({lastAttachedLength(pam(1)->sd()), everywhere(second)}), L({2, 1}));
 }
 
 TEST_F(EthDevPamManagerTest, BridgeFilterWantsBridgedInterfacesAndDevicesWithoutStatus) {

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <net/if.h>
 
 #include <cstdlib>
@@ -18,6 +19,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+using L = std::vector<size_t>;
 using Ovel::IntfId;
 
 struct Instruction {
@@ -79,9 +81,17 @@ class SimpleTxRxPktManagerTest : public IntfsmTest::ModuleTest {
   Vorn::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory("devices");
 };
 
-TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadText) {
+TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadTextOrARefusedProgram) {
+  // As the kernel: a program must end in a return.
+  fake.behaviour().setsockopt = [base = fake.behaviour().setsockopt](int fd, int l, int o, void const * v, socklen_t n) {
+    auto const * p = static_cast<sock_fprog const *>(v);
+    if (o == SO_ATTACH_FILTER && BPF_CLASS(p->filter[p->len - 1].code) != BPF_RET) return errno = EINVAL, -1;
+    return base(fd, l, o, v, n);
+  };
   auto m = initialized();
   ASSERT_TRUE(m->ethDevPamManager());
+  m->ethDevPamManager()->handleInitialized();
+  m->ethDevPamManager()->enabledIs(true);
   EXPECT_EQ(m->pamCollection()->name(), "edpc");
   EXPECT_EQ(m->ethDevPamManager()->pamCollection(), m->pamCollection());
 
@@ -92,13 +102,18 @@ TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadText) {
   EXPECT_EQ(m->ethDevPamManager()->filterProgram(), good);
   EXPECT_EQ(trace.count("Filter parsed and set"), 1u);
 
-  for (char const * bad : {"{ 0x6, 0, 0 }", "no program", "{ 0x6, 0, 0, 0 } {"}) {
-    EXPECT_FALSE(m->applyFilter(bad)) << bad;
+  std::string tooLong;
+  for (int i = 0; i <= 0xffff; ++i) tooLong += "{ 6, 0, 0, 0 }";
+  for (std::string const & bad : {std::string("{ 0x6, 0, 0 }"), std::string("no program"), std::string("{ 0x6, 0, 0, 0 } {"),
+                                  std::string("{ 0x28, 0, 0, 0xc }"), tooLong}) {
+    EXPECT_FALSE(m->applyFilter(Vorn::String(bad))) << bad.substr(0, 40);
     EXPECT_EQ(m->bpfFilterLen(), 2u);
     EXPECT_EQ(Ovel::SockFilterProgram(m->bpfFilter(), m->bpfFilterLen()), good);
     EXPECT_EQ(m->ethDevPamManager()->filterProgram(), good);
   }
-  EXPECT_EQ(trace.count("Filter parsed and set"), 1u);
+  EXPECT_EQ(L({trace.count("Filter parsed and set"), trace.count("Filter refused, errno 22"),
+               trace.count("Filter refused: SockFilterProgram::len > 65535 not allowed: 65536 instructions")}),
+            L({1, 1, 1}));
 }
 
 TEST_F(SimpleTxRxPktManagerTest, ApplyFilterOutsideATestEnvironmentStopsTheProcess) {
