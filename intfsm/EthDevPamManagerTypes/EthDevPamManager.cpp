@@ -107,8 +107,8 @@ void RxRingSettings::check(uint32_t maxRxPktData) const {
   }
   if (blockCount < 1) refuse("rxRingBlockCount < 1");
   if (blockSize > UINT32_MAX / blockCount) refuse("rxRingBlockSize * rxRingBlockCount > " + std::to_string(UINT32_MAX));
-  if (frameSize && (frameSize < TPACKET2_HDRLEN || frameSize % TPACKET_ALIGNMENT)) {
-    refuse("rxRingFrameSize < " + std::to_string(TPACKET2_HDRLEN) + " or not a multiple of " +
+  if (frameSize && (frameSize < minFrameSize || frameSize % TPACKET_ALIGNMENT)) {
+    refuse("rxRingFrameSize < " + std::to_string(minFrameSize) + " or not a multiple of " +
            std::to_string(TPACKET_ALIGNMENT));
   }
   if (frameSize > blockSize) refuse("rxRingFrameSize > rxRingBlockSize");

@@ -91,9 +91,12 @@ namespace Interface {
 
 // The bundle's ring receive mode and its geometry, one value (see EthDevPamBundle, Ring mode): `on`,
 // blocks of `blockSize` bytes (a power of two, at least a page), `blockCount` of them (at least 1, at
-// most 4 GiB in all), frame slots of `frameSize` bytes (a multiple of 16 that holds the slot header,
-// at most a block; 0 = the smallest slot that holds the header and maxRxPktData bytes of frame).
+// most 4 GiB in all), frame slots of `frameSize` bytes (a multiple of 16, at least 128 so that the slot
+// header leaves room for a frame, at most a block; 0 = the smallest slot that holds the header and
+// maxRxPktData bytes of frame).
 struct RxRingSettings {
+  static constexpr uint32_t minFrameSize = 128;
+
   bool on = false;
   uint32_t blockSize = EthDevPamBundle::defaultRxRingBlockSize;
   uint32_t blockCount = EthDevPamBundle::defaultRxRingBlockCount;
