@@ -54,27 +54,23 @@ class SimpleTxRxPktManagerTest : public IntfsmTest::ModuleTest {
   // A manager with a packet-access manager of its own.
   Vorn::Ptr<Interface::SimpleTxRxPktManager> initialized() {
     auto m = Interface::simpleTxRxPktManagerFactory(devices, nullptr);
-    m->desiredIntfDirIs("desired");
-    m->initializedTxRxIs(true);
-    return m;
+    return m->desiredIntfDirIs("desired"), m->initializedTxRxIs(true), m;
   }
 
   Vorn::Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory("devices");
 };
 
-TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadTextOrARefusedProgram) {
+TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramKeepsItOnBadTextOrARefusedProgramAndIsForTestsOnly) {
   // As the kernel: a program must end in a return.
   fake.behaviour().setsockopt = [base = fake.behaviour().setsockopt](int fd, int l, int o, void const * v, socklen_t n) {
     auto const * p = static_cast<sock_fprog const *>(v);
-    if (o == SO_ATTACH_FILTER && BPF_CLASS(p->filter[p->len - 1].code) != BPF_RET) return errno = EINVAL, -1;
-    return base(fd, l, o, v, n);
+    return o == SO_ATTACH_FILTER && BPF_CLASS(p->filter[p->len - 1].code) != BPF_RET ? (errno = EINVAL, -1) : base(fd, l, o, v, n);
   };
   auto m = initialized();
-  ASSERT_TRUE(m->ethDevPamManager());
+  ASSERT_TRUE(m->ethDevPamManager() && m->pamCollection()->name() == "edpc");
+  EXPECT_EQ(m->ethDevPamManager()->pamCollection(), m->pamCollection());
   m->ethDevPamManager()->handleInitialized();
   m->ethDevPamManager()->enabledIs(true);
-  EXPECT_EQ(m->pamCollection()->name(), "edpc");
-  EXPECT_EQ(m->ethDevPamManager()->pamCollection(), m->pamCollection());
 
   ASSERT_TRUE(m->applyFilter("{ 0x28, 0, 0, 0xc }, { 0x6, 0, 0, 0x40000 }"));
   Ovel::SockFilterProgram const good{{0x28, 0, 0, 0xc}, {0x6, 0, 0, 0x40000}};
@@ -92,10 +88,7 @@ TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramAndKeepsItOnBadTextOrA
   EXPECT_EQ(L({trace.count("Filter parsed and set"), trace.count("Filter refused, errno 22"),
                trace.count("Filter refused: SockFilterProgram::len > 65535 not allowed: 65536 instructions")}),
             L({1, 1, 1}));
-}
-
-TEST_F(SimpleTxRxPktManagerTest, ApplyFilterOutsideATestEnvironmentStopsTheProcess) {
-  auto m = initialized();
+  // Outside a test environment it stops the process.
   EXPECT_DEATH(
       {
         unsetenv("ETHDEVPAMMANAGER_TESTING");
@@ -137,37 +130,27 @@ TEST_F(SimpleTxRxPktManagerTest, ReadsOneFramePerReadableNotification) {
   Vorn::Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("et1");
   pams->intfPamIs(IntfId("Ethernet9"), new Ovel::EthDevPamInBundle("et9"));  // there before: found at binding
   Vorn::Ptr<Recorder> r = new Recorder(devices, pams);
-  EXPECT_EQ(r->pams(), 1u);
   pams->intfPamIs(IntfId("Ethernet1"), pam);
-  EXPECT_EQ(r->pams(), 2u);
-  EXPECT_THAT(r->outputs, ElementsAre("Ethernet1"));
+  EXPECT_EQ(L({r->pams(), r->outputs.size()}), L({2, 1}));
 
   auto write = [&](uint8_t first) {
-    Vorn::Ptr<Ovel::Pkt> pkt = Ovel::globalPktManager().newPkt();
     uint8_t bytes[60] = {first};
-    pkt->dataIs(bytes, sizeof bytes);
-    pam->writeNewRxPkt(pkt);
+    Vorn::Ptr<Ovel::Pkt> pkt = Ovel::globalPktManager().newPkt();
+    pkt->dataIs(bytes, sizeof bytes), pam->writeNewRxPkt(pkt);
   };
   for (uint8_t first : {1, 2, 3}) write(first);
   pam->readableCountInc(1);
-  EXPECT_THAT(r->frames, ElementsAre("Ethernet1:1"));
-  EXPECT_EQ(r->numRcvd(), 1u);
-  EXPECT_EQ(pam->curRxPkts(), 2u);
-  pam->readableCountInc(1);
-  pam->readableCountInc(1);
-  pam->readableCountInc(1);  // nothing left
+  EXPECT_EQ(L({r->frames.size(), r->numRcvd(), pam->curRxPkts()}), L({1, 1, 2}));
+  for (int i = 0; i < 3; ++i) pam->readableCountInc(1);  // the last finds nothing left
   EXPECT_THAT(r->frames, ElementsAre("Ethernet1:1", "Ethernet1:2", "Ethernet1:3"));
-  EXPECT_EQ(r->numRcvd(), 3u);
-  EXPECT_EQ(trace.count("void Interface::SimpleTxRxPktManager::VornPam::handleReadableCount() no pkt, pam only set"),
-            1u);
+  EXPECT_EQ(L({r->numRcvd(), trace.count("void Interface::SimpleTxRxPktManager::VornPam::handleReadableCount() no pkt, pam only set")}),
+            L({3, 1}));
 
   // A Pam withdrawn from the collection is no longer read.
   pams->intfPamDel(IntfId("Ethernet1"));
-  EXPECT_EQ(r->pams(), 1u);
-  EXPECT_THAT(r->outputs, ElementsAre("Ethernet1", "Ethernet1"));
   write(9);
   pam->readableCountInc(1);
-  EXPECT_EQ(r->numRcvd(), 3u);
+  EXPECT_EQ(L({r->pams(), r->outputs.size(), r->numRcvd()}), L({1, 2, 3}));
 }
 
 TEST_F(SimpleTxRxPktManagerTest, SimpleEthDevPamManagerFeedsItsDeviceDirectoryOnceInitialized) {
@@ -183,14 +166,13 @@ TEST_F(SimpleTxRxPktManagerTest, SimpleEthDevPamManagerFeedsItsDeviceDirectoryOn
 
   auto s = Interface::simpleEthDevPamManagerFactory(all, locals, kni);
   ASSERT_TRUE(s->deviceIntfStatusDir() && s->desiredIntfDir() && s->pamCollection() && s->ethDevPamManager());
-  EXPECT_EQ(s->deviceIntfStatusDir()->parent().ptr(), s.ptr());
-  EXPECT_EQ(s->ethDevPamManager()->deviceIntfStatusDir(), s->deviceIntfStatusDir());
-  EXPECT_FALSE(s->ethDevPamManager()->enabled());
+  EXPECT_TRUE(s->deviceIntfStatusDir()->parent().ptr() == s.ptr() && !s->ethDevPamManager()->enabled() &&
+              s->ethDevPamManager()->deviceIntfStatusDir() == s->deviceIntfStatusDir());
   EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceNames(), 0u);
 
   s->initializedIs(true);
-  EXPECT_TRUE(s->intfStatusManagerRoot()->intfStatusManager(Ovel::NamespaceName(Ovel::DEFAULT_NS)));
-  EXPECT_FALSE(s->intfStatusManagerRoot()->filterByNetNs());
+  EXPECT_TRUE(s->intfStatusManagerRoot()->intfStatusManager(Ovel::NamespaceName(Ovel::DEFAULT_NS)) &&
+              !s->intfStatusManagerRoot()->filterByNetNs());
   EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceName(IntfId("Ethernet1")).ifIndex, 7u);
   kernel->interfaceDel(7);
   EXPECT_EQ(s->deviceIntfStatusDir()->intfStatusAndDeviceNames(), 0u);
