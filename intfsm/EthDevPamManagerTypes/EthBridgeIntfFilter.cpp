@@ -66,22 +66,28 @@ void EthBridgeIntfFilter::handleDeviceIntfStatus(Ovel::IntfId const & intfId) {
   IntfStatusAndDeviceName const * record = deviceIntfStatusDir_->intfStatusAndDeviceNameIter().find(intfId);
   EDPM_TRACE(8, "EthBridgeIntfFilter::" << "handleDeviceIntfStatus" << "(" << intfId << ") "
                                         << (record ? "created" : "deleted"));
-  if (record && record->intfStatus) {
-    intfStatusIs(intfId, record->intfStatus);  // a new or moved reactor decides at once
+  if (!record) {
+    intfStatusDel(intfId);
+    desiredIntfDir_->intfDesiredDel(intfId);
     return;
   }
-  intfStatusDel(intfId);
-  if (record) {
-    desiredIntfDir_->intfDesiredIs(intfId, true);
-  } else {
-    desiredIntfDir_->intfDesiredDel(intfId);
+  if (!record->intfStatus) {
+    desiredIntfDir_->intfDesiredIs(intfId, true);  // its status reactor stays, silent while the record has none
+    return;
   }
+  Vorn::Ptr<VornIntfStatus> const kept = intfStatus(intfId);
+  if (kept && kept->notifier() == record->intfStatus) {
+    kept->handleForwardingModel();  // the same status again (it may have been absent meanwhile): it decides
+    return;
+  }
+  intfStatusIs(intfId, record->intfStatus);  // a new or moved reactor decides at once
 }
 
 void EthBridgeIntfFilter::VornIntfStatus::handleForwardingModel() {
   EDPM_TRACE(8, "void Interface::EthBridgeIntfFilter::VornIntfStatus::handleForwardingModel()");
   Vorn::Ptr<IntfStatus const> const status = notifier();
-  if (!status) return;
+  IntfStatusAndDeviceName const * record = owner()->deviceIntfStatusDir()->intfStatusAndDeviceNameIter().find(intfId_);
+  if (!status || !record || record->intfStatus != status) return;  // only the status the record names decides
   if (status->forwardingModel() == forwardingModelBridged) {
     EDPM_TRACE(5, intfId_ << " is bridged");
     owner()->desiredIntfDir()->intfDesiredIs(intfId_, true);

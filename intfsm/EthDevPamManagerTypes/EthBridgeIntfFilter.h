@@ -10,8 +10,11 @@
 // and the interface is desired while its forwardingModel is the bridged one (4), its entry deleted
 // otherwise; a record without a status (a device only the kernel knows) is desired at once; a
 // record that goes takes its reactor and its entry along. Entries are deleted, never set to false.
-// A record whose status goes (or changes) moves the reactor with it, so that only the status the
-// record names decides.
+// A record whose status changes moves the reactor to the new status. A record that loses its status
+// keeps the reactor (the interface is desired as any status-less record is), but a reactor decides only
+// while the record names its status: the old status's forwardingModel changes nothing meanwhile, and
+// when the record names that status again the reactor decides anew at once (otherwise the interface
+// would stay desired whatever its model).
 //
 // Threading: everything runs on the loop's one thread and nothing is locked. The nested reactors hold
 // references to what they watch (a bound notifiee keeps its notifier alive): the device directory and

@@ -1,5 +1,10 @@
 #include "intfsm/EthDevPamManagerTypes/EthDevPamManager.h"
 
+#include <linux/if_packet.h>
+#include <unistd.h>
+
+#include <string>
+
 #include "intfsm/EthDevPamManagerTypes/internal/Trace.h"
 #include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
@@ -18,8 +23,9 @@ Intfsm::TypeRegistration registration(
     {"deviceIntfStatusDir", "netNs", "allMulticast", "sockRcvBuf", "sockPrio", "broadcast", "pktReuse",
      "createVornFileDescOnEnabled", "separateDot1QHdr", "enableBulkPamRead", "headDropPolicy", "perIntfSocket",
      "perIntfRlimit", "socketReadLimit", "edpBundle", "ethDevPamBundleActivitySm", "pam", "savedPacket", "defer",
-     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRing", "rxRingBlockSize",
-     "rxRingBlockCount", "rxRingFrameSize"});
+     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRingSettings"});
+
+std::string const managerText = "EthDevPamManager::";
 }  // namespace
 
 class EthDevPamManager::VornDeviceIntfStatusDir : public Vorn::Reactor<EthDevPamManager, DeviceIntfStatusDir> {
@@ -88,15 +94,58 @@ void EthDevPamManager::socketReadLimitIs(int32_t v) {
   set(socketReadLimit_, v, &NotifieeConst::onSocketReadLimit);
 }
 
+uint32_t RxRingSettings::frameSizeFor(uint32_t maxRxPktData) const {
+  // As the bundle sizes a slot: the frame's link header lands at TPACKET_ALIGN(TPACKET2_HDRLEN + 16).
+  return frameSize ? frameSize : TPACKET_ALIGN(TPACKET_ALIGN(TPACKET2_HDRLEN + 16) + maxRxPktData);
+}
+
+void RxRingSettings::check(uint32_t maxRxPktData) const {
+  auto refuse = [](std::string const & limit) { throw Vorn::RangeException(managerText + limit + " not allowed"); };
+  uint32_t const page = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
+  if (blockSize < page || (blockSize & (blockSize - 1))) {
+    refuse("rxRingBlockSize < " + std::to_string(page) + " or not a power of two");
+  }
+  if (blockCount < 1) refuse("rxRingBlockCount < 1");
+  if (blockSize > UINT32_MAX / blockCount) refuse("rxRingBlockSize * rxRingBlockCount > " + std::to_string(UINT32_MAX));
+  if (frameSize && (frameSize < minFrameSize || frameSize % TPACKET_ALIGNMENT)) {
+    refuse("rxRingFrameSize < " + std::to_string(minFrameSize) + " or not a multiple of " +
+           std::to_string(TPACKET_ALIGNMENT));
+  }
+  if (frameSize > blockSize) refuse("rxRingFrameSize > rxRingBlockSize");
+  if (on && frameSizeFor(maxRxPktData) > blockSize) {
+    refuse("rxRingFrameSize of maxRxPktData " + std::to_string(maxRxPktData) + " > rxRingBlockSize");
+  }
+}
+
+void EthDevPamManager::rxRingSettingsIs(RxRingSettings const & v) {
+  v.check(maxRxPktData());
+  set(rxRingSettings_, v, &NotifieeConst::onRxRingSettings);
+}
+
+void EthDevPamManager::maxRxPktDataCheck(uint32_t bytes) const { rxRingSettings_.check(bytes); }
+
 void EthDevPamManager::enabledIs(bool enabled) {
   if (!enabledStore(enabled)) return;
-  handleEnabled();
+  try {
+    handleEnabled();
+  } catch (...) {
+    enabledNotify();  // enabled all the same: only some interfaces failed
+    throw;
+  }
   enabledNotify();
 }
 
 void EthDevPamManager::filterProgramIs(Ovel::SockFilterProgram const & program) {
-  if (!filterProgramStore(program)) return;
-  handleFilterProgram();
+  if (program == filterProgram()) return;
+  if (initialized_ && enabled()) edpBundle_->filterProgramTry(program);  // a refusal raises: nothing changed
+  Ovel::SockFilterProgram const old = filterProgram();
+  filterProgramStore(program);
+  try {
+    handleFilterProgram();  // puts the old program back where it fails
+  } catch (...) {
+    filterProgramStore(old);
+    throw;
+  }
   filterProgramNotify();
 }
 
@@ -192,10 +241,47 @@ void EthDevPamManager::handleIntf(Ovel::IntfId const & intfId) {
 
 void EthDevPamManager::doDeferredRun() const { ethDevPamClockReactor_->timeMinIs(Vorn::System::currentTime()); }
 
-void EthDevPamManager::doPamRelease(Ovel::EthDevPam & pam) {
-  if (!pam.perIntfSocket() && pam.sd() >= 0) edpBundle_->doUnrefSd(pam.sd());
+void EthDevPamManager::doPamWithdraw(Ovel::IntfId const & intfId, Ovel::EthDevPam & pam, bool giveBack,
+                                     Holder holder) {
+  Vorn::Ptr<Ovel::EthDevPam> const keep(&pam);  // the entries below may hold the last references
+  int const sd = pam.sd();
+  if (giveBack && !pam.perIntfSocket() && sd >= 0 && edpBundle_ && (sd == edpBundle_->sd() || sd == edpBundle_->sdTap())) {
+    edpBundle_->doUnrefSd(sd);
+  }
   pam.enabledIs(false);
   pam.sdIs(-1);
+  if (pamCollection()->intfPam(intfId).ptr() == &pam) pamCollection()->intfPamDel(intfId);
+  if (holder == Holder::drop) {
+    pamDel(intfId);
+  } else if (Vorn::Ptr<EthDevPamInBundleHolder> const h = pam_.get(intfId)) {
+    h->pamDel();
+  }
+}
+
+void EthDevPamManager::doPamConfigure(Ovel::EthDevPamInBundle & pam, IntfStatusAndDeviceName const & record) const {
+  EthDevPamBundle const & bundle = *edpBundle_;
+  pam.ifIndexIs(record.ifIndex);
+  pam.netNsIs(netNs_);
+  pam.ethProtocolIs(ethProtocol());
+  pam.listenAddrIs(listenAddr());
+  pam.allMulticastIs(allMulticast_);
+  pam.broadcastIs(broadcast_);
+  pam.filterProgramIs(filterProgram());
+  pam.sockRcvBufIs(bundle.perIntfSockRcvBuf());
+  pam.sockPrioIs(sockPrio_);
+  pam.maxRxPktDataIs(maxRxPktData());
+  pam.pktReuseIs(pktReuse_);
+  pam.enableBulkPamReadIs(bundle.enableBulkPamRead());
+  pam.perIntfSocketIs(bundle.perIntfSocket());
+  pam.createVornFileDescOnEnabledIs(createVornFileDescOnEnabled_);
+  pam.headDropPolicyIs(headDropPolicy_);
+  if (pktReuse_) {
+    for (int32_t i = 0; i < socketReadLimit_; ++i) {
+      uint16_t const index = static_cast<uint16_t>(i);
+      if (Vorn::Ptr<Ovel::Pkt> const saved = savedPacket(index)) pam.savedPacketIs(index, saved);
+    }
+  }
+  pam.socketReadLimitIs(socketReadLimit_);
 }
 
 void EthDevPamManager::doProcessIntf(Ovel::IntfId const & intfId) {
@@ -207,7 +293,7 @@ void EthDevPamManager::doProcessIntf(Ovel::IntfId const & intfId) {
   if (!deviceExists(*this, intfId)) {
     if (Vorn::Ptr<Ovel::Pam> const published = pamCollection()->intfPam(intfId)) {
       EDPM_TRACE(5, "Deleting pam for " << intfId);
-      if (auto * pam = dynamic_cast<Ovel::EthDevPam *>(published.ptr())) doPamRelease(*pam);
+      if (auto * pam = dynamic_cast<Ovel::EthDevPam *>(published.ptr())) doPamWithdraw(intfId, *pam, true);
     }
     pamCollection()->intfPamDel(intfId);
     pamDel(intfId);
@@ -223,78 +309,49 @@ void EthDevPamManager::doProcessIntf(Ovel::IntfId const & intfId) {
       return;
     }
     EDPM_TRACE(5, "Deleting stale pam for " << intfId);
-    doPamRelease(*old);  // its count on the shared socket goes with it
-    pamCollection()->intfPamDel(intfId);
-    holder->pamDel();
+    doPamWithdraw(intfId, *old, true, Holder::keep);  // its count on the shared socket goes with it
   }
 
   EDPM_TRACE(5, "Creating pam for " << intfId << " / " << record.deviceName << " ifIndex " << record.ifIndex);
   Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = holder->pamIs(record.deviceName);
-  pam->ifIndexIs(record.ifIndex);
-  pam->netNsIs(netNs_);
-  pam->ethProtocolIs(ethProtocol());
-  pam->listenAddrIs(listenAddr());
-  pam->allMulticastIs(allMulticast_);
-  pam->broadcastIs(broadcast_);
-  pam->filterProgramIs(filterProgram());
-  pam->sockRcvBufIs(bundle.perIntfSockRcvBuf());
-  pam->sockPrioIs(sockPrio_);
-  pam->maxRxPktDataIs(maxRxPktData());
-  pam->pktReuseIs(pktReuse_);
-  pam->enableBulkPamReadIs(bundle.enableBulkPamRead());
-  pam->perIntfSocketIs(bundle.perIntfSocket());
-  pam->createVornFileDescOnEnabledIs(createVornFileDescOnEnabled_);
-  pam->headDropPolicyIs(headDropPolicy_);
-  if (pktReuse_) {
-    for (int32_t i = 0; i < socketReadLimit_; ++i) {
-      uint16_t const index = static_cast<uint16_t>(i);
-      if (Vorn::Ptr<Ovel::Pkt> const saved = savedPacket(index)) pam->savedPacketIs(index, saved);
-    }
-  }
-  pam->socketReadLimitIs(socketReadLimit_);
-
-  int shared = -1;  // the bundle's descriptor counted for this interface
+  doPamConfigure(*pam, record);
+  // A failure from here on takes back what this call built (the count, the Pam, its holder) before it
+  // is traced (enabling) or raised (the shared socket).
+  enum class Step { socket, enable, size } step = Step::socket;
+  auto undo = [&] {
+    int const sd = pam->perIntfSocket() ? -1 : pam->sd();
+    doPamWithdraw(intfId, *pam, true);
+    if (step == Step::size && sd >= 0 && sd != bundle.sd() && sd != bundle.sdTap()) doSharedSocketLost();
+  };
   try {
-    if (!bundle.perIntfSocket()) {
-      shared = bundle.doGetSd(record.deviceName);
-      pam->sdIs(shared);
-    }
+    if (!bundle.perIntfSocket()) pam->sdIs(bundle.doGetSd(record.deviceName));
+    step = Step::enable;
     pam->separateDot1QHdrIs(separateDot1QHdr_);
     pam->enabledIs(true);
+    step = Step::size;
     if (!pam->perIntfSocket()) bundle.doSetRcvBuf(pam->sd());
-  } catch (Vorn::Exception const & e) {
-    auto const * failure = dynamic_cast<Vorn::ErrnoException const *>(&e);
+  } catch (Vorn::ErrnoException const & failure) {
+    undo();
+    if (step != Step::enable) throw;
     EDPM_TRACE(0, "Unable to enable pam for device " << record.deviceName << " for intf " << intfId << " errno "
-                                                     << (failure ? failure->errorNumber() : 0)
-                                                     << (failure ? "" : ": ") << (failure ? "" : e.what()));
-    pam->enabledIs(false);
-    pam->sdIs(-1);
-    pamDel(intfId);
-    if (shared >= 0) {
-      if (shared == bundle.sd() || shared == bundle.sdTap()) {
-        bundle.doUnrefSd(shared);
-      } else {
-        doSharedSocketLost();  // sizing it failed: the bundle closed it under the other Pams
-      }
-    }
+                                                     << failure.errorNumber());
     return;
+  } catch (...) {
+    undo();
+    throw;
   }
   pamCollection()->intfPamIs(intfId, pam);
 }
 
 void EthDevPamManager::doSharedSocketLost() {
   EDPM_TRACE(1, "Shared socket closed after a failure: its pams are made again");
-  std::vector<Ovel::IntfId> lost;
+  std::vector<std::pair<Ovel::IntfId, Vorn::Ptr<Ovel::EthDevPamInBundle>>> lost;
   for (auto const & e : pam_) {
-    if (e.value->pam() && !e.value->pam()->perIntfSocket()) lost.push_back(e.key);
+    if (e.value->pam() && !e.value->pam()->perIntfSocket()) lost.emplace_back(e.key, e.value->pam());
   }
-  for (Ovel::IntfId const & intfId : lost) {
-    Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = pam_.get(intfId)->pam();
+  for (auto const & [intfId, pam] : lost) {
     EDPM_TRACE(5, "Deleting pam for " << intfId << " / " << pam->name());
-    pam->enabledIs(false);
-    pam->sdIs(-1);  // the number is closed, and may be handed out again
-    pamCollection()->intfPamDel(intfId);
-    pamDel(intfId);
+    doPamWithdraw(intfId, *pam, false);  // its number is closed, and may be handed out again
     ethDevPamEventIs(intfId);
   }
   edpBundle_->doSocketClose();  // the other one too: the counts start again from nothing
@@ -311,7 +368,11 @@ void EthDevPamManager::handleEthDevPamClock() {
   }
   Ovel::IntfId const intfId = it->key;
   ethDevPamEventDel(intfId);
-  doProcessIntf(intfId);
+  try {
+    doProcessIntf(intfId);
+  } catch (Vorn::Exception const & failure) {
+    EDPM_TRACE(0, "Unable to make pam for " << intfId << ": " << failure.what());
+  }
   ++it;
   if (it != ethDevPamEvent_.end()) ethDevPamEventBookmarkIs(it->key);
   if (!ethDevPamEvent_.empty()) doDeferredRun();  // the next one on the next pass
@@ -326,25 +387,17 @@ void EthDevPamManager::handleEnabled() {
   }
   EDPM_TRACE(5, "Enabled became " << enabled());
   double const start = Vorn::System::currentTime();
+  std::exception_ptr failure;
   if (enabled()) {
-    doEnable();
+    failure = doEnable();
   } else {
     doDisable();
   }
   EDPM_TRACE(5, "time taken to enable/disable: " << Vorn::System::currentTime() - start);
+  if (failure) std::rethrow_exception(failure);
 }
 
-void EthDevPamManager::doEnable() {
-  Ovel::PktManager & packets = Ovel::globalPktManager();
-  EthDevPamBundle & bundle = *edpBundleIs(desiredIntfDir(), deviceIntfStatusDir_, pamCollection());
-  bundle.enableBulkPamReadIs(enableBulkPamRead_);
-  savedPacketDelAll();
-  if (!pktReuse_) {
-    EDPM_TRACE(1, "Turning off enableBulkPamRead as the pkts cannot be reused");
-    bundle.enableBulkPamReadIs(false);
-  } else {
-    for (int32_t i = 0; i < socketReadLimit_; ++i) savedPacketIs(static_cast<uint16_t>(i), packets.newPkt());
-  }
+void EthDevPamManager::doBundleConfigure(EthDevPamBundle & bundle) const {
   bundle.netNsIs(netNs_);
   bundle.allMulticastIs(allMulticast_);
   bundle.broadcastIs(broadcast_);
@@ -357,10 +410,23 @@ void EthDevPamManager::doEnable() {
   bundle.maxRxPktDataIs(maxRxPktData());
   bundle.perIntfSocketIs(perIntfSocket_);
   bundle.perIntfRlimitIs(perIntfRlimit_);
-  bundle.rxRingIs(rxRing_);
-  bundle.rxRingBlockSizeIs(rxRingBlockSize_);
-  bundle.rxRingBlockCountIs(rxRingBlockCount_);
-  bundle.rxRingFrameSizeIs(rxRingFrameSize_);
+  bundle.rxRingIs(rxRingSettings_.on);
+  bundle.rxRingBlockSizeIs(rxRingSettings_.blockSize);
+  bundle.rxRingBlockCountIs(rxRingSettings_.blockCount);
+  bundle.rxRingFrameSizeIs(rxRingSettings_.frameSize);
+}
+
+std::exception_ptr EthDevPamManager::doEnable() {
+  Ovel::PktManager & packets = Ovel::globalPktManager();
+  EthDevPamBundle & bundle = *edpBundleIs(desiredIntfDir(), deviceIntfStatusDir_, pamCollection());
+  bundle.enableBulkPamReadIs(enableBulkPamRead_);
+  if (!pktReuse_) {
+    EDPM_TRACE(1, "Turning off enableBulkPamRead as the pkts cannot be reused");
+    bundle.enableBulkPamReadIs(false);
+  } else {
+    for (int32_t i = 0; i < socketReadLimit_; ++i) savedPacketIs(static_cast<uint16_t>(i), packets.newPkt());
+  }
+  doBundleConfigure(bundle);
 
   Vorn::Ptr<Vorn::ActivityConfig> const activity = Vorn::activityManager().activityIs(activityName, activityBudget);
   EDPM_TRACE(5, "Adding EthDevPamBundleActivitySm");
@@ -368,26 +434,35 @@ void EthDevPamManager::doEnable() {
 
   bundle.separateDot1QHdrIs(separateDot1QHdr_);
   bundle.enabledIs(true);
-  for (auto const & e : desiredIntfDir()->intfDesiredIter()) handleIntf(e.key);
+  std::exception_ptr first;  // one interface failing does not keep the others waiting
+  for (auto const & e : desiredIntfDir()->intfDesiredIter()) {
+    try {
+      handleIntf(e.key);
+    } catch (...) {
+      if (!first) first = std::current_exception();
+    }
+  }
+  return first;
 }
 
 void EthDevPamManager::doDisable() {
-  for (auto const & e : pamCollection()->intfPamIter()) {
-    Vorn::Ptr<EthDevPamInBundleHolder> const holder = pam_.get(e.key);
-    if (!holder || holder->pam() != e.value) continue;  // not one of ours
+  for (auto const & e : pamCollection()->intfPamIter()) {  // every one, whoever made it
+    auto * pam = dynamic_cast<Ovel::EthDevPam *>(e.value.ptr());
+    if (!pam) continue;
     Ovel::IntfId const intfId = e.key;
-    Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = holder->pam();
     EDPM_TRACE(5, "Deleting pam for " << intfId << " / " << pam->name());
-    pam->enabledIs(false);
-    pam->sdIs(-1);
-    pamCollection()->intfPamDel(intfId);
-    pamDel(intfId);
+    doPamWithdraw(intfId, *pam, false);
   }
-  pamDelAll();
+  while (Ovel::IntfId const * key = pam_.anyKey()) {  // ours that are not published: off the socket too
+    Ovel::IntfId const intfId = *key;
+    if (Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = pam_.get(intfId)->pam()) {
+      doPamWithdraw(intfId, *pam, false);
+    } else {
+      pamDel(intfId);
+    }
+  }
   ethDevPamBundleActivitySmDel();
   if (edpBundle_) edpBundle_->enabledIs(false);
-  savedPacketDelAll();
-  ethDevPamEventDelAll();
 }
 
 // ---- filter ----------------------------------------------------------------------------------------
@@ -399,35 +474,41 @@ void EthDevPamManager::handleFilterProgram() {
   }
   Ovel::SockFilterProgram const & program = filterProgram();
   EthDevPamBundle & bundle = *edpBundle_;
-  bundle.filterProgramIs(program);  // for the sockets it opens from now on
+  Ovel::SockFilterProgram const old = bundle.filterProgram();  // in force until this succeeds
   if (!bundle.perIntfSocket()) {
     if (bundle.sd() == -1) {
       EDPM_TRACE(5, "Socket not yet created as no EthDevPam enabled yet. Ignore");
-      return;
+    } else {
+      attachOrDetachFilter(bundle.sd(), false, program.filter(), program.len());
+      if (bundle.sdTap() != -1) {
+        try {
+          attachOrDetachFilter(bundle.sdTap(), true, program.filter(), program.len());
+        } catch (...) {
+          attachOrDetachFilter(bundle.sd(), false, old.filter(), old.len());
+          throw;
+        }
+      }
     }
-    int sock = bundle.sd();
-    try {
-      attachOrDetachFilter(sock, false, program.filter(), program.len());
-      if (bundle.sdTap() != -1) attachOrDetachFilter(sock = bundle.sdTap(), true, program.filter(), program.len());
-    } catch (Vorn::ErrnoException const &) {
-      bundle.doSocketForget(sock);  // closed by the refusal
-      doSharedSocketLost();
-    }
+    bundle.filterProgramIs(program);  // for the sockets it opens from now on
     for (auto const & e : pam_) {
       if (e.value->pam()) e.value->pam()->filterProgramIs(program);  // no socket of their own: stored only
     }
     return;
   }
+  std::vector<Vorn::Ptr<Ovel::EthDevPamInBundle>> done;
   for (auto const & e : pam_) {
     Vorn::Ptr<Ovel::EthDevPamInBundle> const pam = e.value->pam();
     if (!pam) continue;
     EDPM_TRACE(5, "Applying new filter to " << e.key << " pam device");
     try {
       pam->filterProgramIs(program);
-    } catch (Vorn::ErrnoException const & failure) {
-      EDPM_TRACE(0, "Unable to apply filter to pam for " << e.key << " errno " << failure.errorNumber());
+    } catch (...) {
+      for (auto const & p : done) p->filterProgramIs(old);
+      throw;
     }
+    done.push_back(pam);
   }
+  bundle.filterProgramIs(program);
 }
 
 // ---- life cycle ------------------------------------------------------------------------------------

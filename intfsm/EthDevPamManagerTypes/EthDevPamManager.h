@@ -10,7 +10,7 @@
 //   manager->handleInitialized();                       // binds the clock; enabling is legal from now on
 //   manager->enabledIs(true);                           // bundle, activity, then a Pam per desired device
 //   desired->intfDesiredIs(Ovel::IntfId("Ethernet1"), true);   // pams->intfPam(Ethernet1) appears
-//   manager->filterProgramIs(program);                  // re-attached to the open sockets
+//   manager->filterProgramIs(program);                  // tried, then attached to the open sockets
 //   manager->enabledIs(false);                          // every Pam: disabled, sd -1, withdrawn
 //
 // Settings (defaults): netNs empty (the default namespace), allMulticast false, sockRcvBuf 0 (per
@@ -18,35 +18,54 @@
 // sockPrio < 0 or > 15 not allowed"), broadcast false, pktReuse false, createVornFileDescOnEnabled
 // true, separateDot1QHdr false, enableBulkPamRead false, headDropPolicy false, perIntfSocket false,
 // perIntfRlimit true, socketReadLimit 15 (1..1024, as a Pam takes it; else Vorn::RangeException
-// "EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed"), defer false, and the bundle's ring mode:
-// rxRing false, rxRingBlockSize, rxRingBlockCount and rxRingFrameSize as EthDevPamBundle's defaults
-// (64 KiB, 64, 0 = from maxRxPktData), passed to the bundle as they are. Settings are read when
-// a Pam is made and, for the bundle, when the manager is enabled: changing one while enabled reaches
-// the Pams made from then on (the bundle's at the next enabling), except filterProgram, which reaches
-// the open sockets at once.
+// "EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed"), defer false, and rxRingSettings,
+// the bundle's ring mode as one value (RxRingSettings below: off, 64 KiB blocks, 64 of them, frame
+// size from maxRxPktData), copied to the bundle's four ring settings. A setter raises
+// Vorn::RangeException and keeps the value in force when a value cannot work: socketReadLimit and
+// maxRxPktData past what a Pam's packets hold (which would abort later on the receive path), and a ring
+// geometry the kernel would refuse (which would leave every interface without a socket). Settings are
+// read when a Pam is made and, for the bundle, when the manager is enabled: changing one while enabled
+// reaches the Pams made from then on (the bundle's at the next enabling), except filterProgram, which
+// reaches the open sockets at once.
 //
 // Rules worth knowing:
 // - handleInitialized must come before enabling: enabling before it is a program error (assertion
 //   "! enabled()"); disabling before it does nothing.
 // - With defer, a Pam is made on a later pass of the loop, one interface per clock firing, resuming
 //   where the last firing stopped (fair over many interfaces); withdrawal is always immediate.
-// - With pktReuse, socketReadLimit packets are made once when enabling and lent (savedPacket 0..n-1) to
+// - With pktReuse, socketReadLimit packets are made at each enabling and lent (savedPacket 0..n-1) to
 //   every new Pam; without it the bundle's bulk reading is switched off (bulk reads reuse packets).
 // - A Pam whose device came back under the same interface with another ifindex is replaced ("Deleting
-//   stale pam for", then "Creating pam for"); its shared descriptor is given back first.
-// - A Pam that cannot be enabled (a system call refused while its socket is opened, joined or sized)
-//   is traced ("Unable to enable pam for device ..."), nothing is published, nothing stays counted on
-//   the bundle's socket, and the interface is tried again on its next notification.
-// - The bundle closes a shared socket whose sizing or filter the kernel refuses (an empty filter
-//   program is always refused: clearing the filter lands here). The Pams on it would keep a closed
-//   descriptor number, so they are all withdrawn at once (sd -1 first), the bundle's other socket is
-//   closed too, and each is made again on a later clock firing, one per firing, on a new socket that
-//   has the current program (none, for an empty one). Nothing is raised to whoever set the program.
-// - A Pam with its own socket that refuses a new program keeps its previous one (traced).
-// - The bundle's own program follows filterProgram while enabled, so a socket it opens later (the
-//   first one, a tap socket, a replacement) gets the current program.
-// - Disabling withdraws only this manager's Pams, and releases the saved packets and pending deferred
-//   work. Destroying an enabled manager withdraws its Pams as disabling does.
+//   stale pam for", then "Creating pam for").
+// - Making a Pam: a Pam that cannot be enabled (the kernel refuses its own socket) is traced ("Unable
+//   to enable pam for device ..."), nothing is published, and the interface is tried again on its next
+//   notification. A shared socket that cannot be opened (the namespace is missing, ...) or sized raises
+//   to whoever changed the directory; everything the call built is taken back first (the count on the
+//   shared socket, the Pam, its holder), so the manager is as it was before the call. Enabling carries
+//   on with the other interfaces and raises the first failure at the end; deferred work (a clock
+//   firing) cannot raise to anyone, so it traces the failure at level 0 and goes on with the next one.
+// - Disabling withdraws every Ovel::EthDevPam of the collection (sd -1 first), and any Pam of its own
+//   that is not published; the saved packets and the interfaces queued for deferred work stay (the
+//   queued ones are dropped by their firing, as any notification while disabled). Destroying an
+//   enabled manager disables it.
+// - filterProgramIs raises Vorn::ErrnoException with the kernel's errno, and changes nothing, for a
+//   program the kernel refuses: while enabled the program is first tried on a scratch socket in netNs
+//   (the tap-guarded variant too), so that only a program the kernel takes ever reaches a live socket
+//   (attaching a refused one would cost the socket, muting every interface on it). That holds also
+//   before the first socket exists. The empty program detaches the filter. While disabled the program
+//   is stored as it is; a refused one then fails at enabling, every Pam tracing "Unable to enable pam".
+//
+// Where this departs from the letter of the Parts, and why:
+// - A filter set while enabled but before the first shared socket exists reaches the bundle, which
+//   attaches it to each socket it opens (else the traffic would run unfiltered without a word).
+// - A stale Pam gives its count on the shared socket back when replaced (else one count leaks per
+//   replacement and the buffer sizing counts interfaces that are gone).
+// - When the bundle closes a shared socket that the kernel refused to size, the Pams on it are
+//   withdrawn (sd -1) and made again one per clock firing on a new socket, instead of keeping a closed
+//   descriptor number that the process may hand out again.
+// - Range errors for socketReadLimit, maxRxPktData and the ring geometry (above); filter programs
+//   tried before they are attached (above); failures of the enabling pass and of deferred work are
+//   not raised half-way (above).
 //
 // Threading: everything runs on the loop's one thread and nothing is locked. The nested reactors hold
 // references to what they watch (a bound notifiee keeps its notifier alive): the desired-interface
@@ -54,6 +73,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <vector>
 
 #include "intfsm/EthDevPamManagerTypes/EthDevPamBundle.h"
@@ -68,6 +88,28 @@
 #include "intfsm/foundation/vorn/Collection.h"
 
 namespace Interface {
+
+// The bundle's ring receive mode and its geometry, one value (see EthDevPamBundle, Ring mode): `on`,
+// blocks of `blockSize` bytes (a power of two, at least a page), `blockCount` of them (at least 1, at
+// most 4 GiB in all), frame slots of `frameSize` bytes (a multiple of 16, at least 128 so that the slot
+// header leaves room for a frame, at most a block; 0 = the smallest slot that holds the header and
+// maxRxPktData bytes of frame).
+struct RxRingSettings {
+  static constexpr uint32_t minFrameSize = 128;
+
+  bool on = false;
+  uint32_t blockSize = EthDevPamBundle::defaultRxRingBlockSize;
+  uint32_t blockCount = EthDevPamBundle::defaultRxRingBlockCount;
+  uint32_t frameSize = 0;
+
+  bool operator==(RxRingSettings const &) const = default;
+  // The slot size a socket gets with frames of up to `maxRxPktData` bytes.
+  uint32_t frameSizeFor(uint32_t maxRxPktData) const;
+  // Raises Vorn::RangeException naming the first limit broken, as "EthDevPamManager::rxRingBlockCount
+  // < 1 not allowed". The slot derived from maxRxPktData is checked only while `on`, so that a large
+  // maxRxPktData is free without the ring.
+  void check(uint32_t maxRxPktData) const;
+};
 
 class EthDevPamManager : public EthDevPamManagerBase {
  public:
@@ -91,10 +133,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
     virtual void onPam(Ovel::IntfId const &) {}
     virtual void onSavedPacket(uint16_t /*index*/) {}
     virtual void onDefer() {}
-    virtual void onRxRing() {}
-    virtual void onRxRingBlockSize() {}
-    virtual void onRxRingBlockCount() {}
-    virtual void onRxRingFrameSize() {}
+    virtual void onRxRingSettings() {}
     virtual void onEthDevPamEvent(Ovel::IntfId const &) {}
     virtual void onEthDevPamEventBookmark() {}
     virtual void onInitialized() {}
@@ -145,20 +184,23 @@ class EthDevPamManager : public EthDevPamManagerBase {
   void socketReadLimitIs(int32_t v);
   bool defer() const { return defer_; }
   void deferIs(bool v) { set(defer_, v, &NotifieeConst::onDefer); }
-  // The bundle's ring receive mode and its geometry (see EthDevPamBundle, Ring mode).
-  bool rxRing() const { return rxRing_; }
-  void rxRingIs(bool v) { set(rxRing_, v, &NotifieeConst::onRxRing); }
-  uint32_t rxRingBlockSize() const { return rxRingBlockSize_; }
-  void rxRingBlockSizeIs(uint32_t v) { set(rxRingBlockSize_, v, &NotifieeConst::onRxRingBlockSize); }
-  uint32_t rxRingBlockCount() const { return rxRingBlockCount_; }
-  void rxRingBlockCountIs(uint32_t v) { set(rxRingBlockCount_, v, &NotifieeConst::onRxRingBlockCount); }
-  uint32_t rxRingFrameSize() const { return rxRingFrameSize_; }
-  void rxRingFrameSizeIs(uint32_t v) { set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize); }
+  // The bundle's ring receive mode, as one value or one field at a time; each checks the whole value.
+  RxRingSettings const & rxRingSettings() const { return rxRingSettings_; }
+  void rxRingSettingsIs(RxRingSettings const & v);
+  bool rxRing() const { return rxRingSettings_.on; }
+  void rxRingIs(bool v) { rxRingSettingsIs(with(&RxRingSettings::on, v)); }
+  uint32_t rxRingBlockSize() const { return rxRingSettings_.blockSize; }
+  void rxRingBlockSizeIs(uint32_t v) { rxRingSettingsIs(with(&RxRingSettings::blockSize, v)); }
+  uint32_t rxRingBlockCount() const { return rxRingSettings_.blockCount; }
+  void rxRingBlockCountIs(uint32_t v) { rxRingSettingsIs(with(&RxRingSettings::blockCount, v)); }
+  uint32_t rxRingFrameSize() const { return rxRingSettings_.frameSize; }
+  void rxRingFrameSizeIs(uint32_t v) { rxRingSettingsIs(with(&RxRingSettings::frameSize, v)); }
 
   // Stores; a change runs handleEnabled at once, then notifies.
   void enabledIs(bool enabled) override;
-  // Stores a program that differs from the current one (SockFilterProgram equality), runs
-  // handleFilterProgram, then notifies.
+  // A program that differs from the current one (SockFilterProgram equality) is tried (see above),
+  // stored, handleFilterProgram runs, then it notifies. A refusal raises Vorn::ErrnoException and
+  // leaves everything as it was.
   void filterProgramIs(Ovel::SockFilterProgram const & program) override;
 
   // ---- what the manager made ----
@@ -226,13 +268,27 @@ class EthDevPamManager : public EthDevPamManagerBase {
                    Vorn::Ptr<EthDevPamCollection> const & pamCollection,
                    Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir);
 
-  void doEnable();
+  // Enables the bundle and catches up with the desired interfaces; the first failure, if any.
+  std::exception_ptr doEnable();
   void doDisable();
-  // Gives back the shared descriptor of `pam`, disables it and clears its descriptor.
-  void doPamRelease(Ovel::EthDevPam & pam);
-  // A shared socket of the bundle was closed under its Pams: withdraws them and queues them anew.
+  // The settings a bundle takes when enabled, and those a new Pam takes (ifIndex from `record`).
+  void doBundleConfigure(EthDevPamBundle & bundle) const;
+  void doPamConfigure(Ovel::EthDevPamInBundle & pam, IntfStatusAndDeviceName const & record) const;
+  // Takes `pam` of `intfId` out of service: with `giveBack`, its count on a shared socket of the
+  // bundle goes back; it is disabled and its descriptor cleared; then its collection entry goes (when
+  // it is `pam`) and, unless `keepHolder`, the holder.
+  enum class Holder { drop, keep };
+  void doPamWithdraw(Ovel::IntfId const & intfId, Ovel::EthDevPam & pam, bool giveBack, Holder holder = Holder::drop);
+  // The bundle closed a shared socket under its Pams: withdraws them and queues them anew.
   void doSharedSocketLost();
   void doDeferredRun() const;
+  void maxRxPktDataCheck(uint32_t bytes) const override;
+  template <class F>
+  RxRingSettings with(F RxRingSettings::*field, F v) const {
+    RxRingSettings r = rxRingSettings_;
+    r.*field = v;
+    return r;
+  }
 
   Vorn::Ptr<DeviceIntfStatusDir const> deviceIntfStatusDir_;
   Ovel::NamespaceName netNs_;
@@ -253,10 +309,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
   PamMap pam_;
   std::vector<Vorn::Ptr<Ovel::Pkt>> savedPacket_;
   bool defer_ = false;
-  bool rxRing_ = false;
-  uint32_t rxRingBlockSize_ = EthDevPamBundle::defaultRxRingBlockSize;
-  uint32_t rxRingBlockCount_ = EthDevPamBundle::defaultRxRingBlockCount;
-  uint32_t rxRingFrameSize_ = 0;
+  RxRingSettings rxRingSettings_;
   EventMap ethDevPamEvent_;
   Ovel::IntfId ethDevPamEventBookmark_;
   bool initialized_ = false;

@@ -39,10 +39,11 @@ void EthDevPamManagerBase::vornDoZombieReactors(bool zombie) {
 }
 
 void EthDevPamManagerBase::maxRxPktDataIs(uint32_t bytes) {
-  if (bytes > Ovel::PktManager::maxHeadData) {
-    throw Vorn::RangeException("EthDevPamManagerBase::maxRxPktData > " + std::to_string(Ovel::PktManager::maxHeadData) +
-                               " not allowed");
+  if (bytes < minMaxRxPktData || bytes > Ovel::PktManager::maxHeadData) {
+    throw Vorn::RangeException("EthDevPamManagerBase::maxRxPktData < " + std::to_string(minMaxRxPktData) + " or > " +
+                               std::to_string(Ovel::PktManager::maxHeadData) + " not allowed");
   }
+  maxRxPktDataCheck(bytes);
   set(maxRxPktData_, bytes, &NotifieeConst::onMaxRxPktData);
 }
 

@@ -9,10 +9,11 @@
 //
 // Attributes, in declaration order, with their defaults: desiredIntfDir, pamCollection (from the
 // constructor), enabled false, ethProtocol 0, listenAddr 00:00:00:00:00:00, filterProgram empty,
-// maxRxPktData 1518. Each mutator compares, stores and notifies onX(). maxRxPktData above 262144
-// (the largest packet buffer) raises Vorn::RangeException "EthDevPamManagerBase::maxRxPktData > 262144
-// not allowed" and keeps the old value. enabledIs and filterProgramIs are virtual: a manager reacts to
-// them.
+// maxRxPktData 1518. Each mutator compares, stores and notifies onX(). maxRxPktData below 14 (an
+// Ethernet header: less would deliver every frame empty) or above 262144 (the largest packet buffer)
+// raises Vorn::RangeException "EthDevPamManagerBase::maxRxPktData < 14 or > 262144 not allowed" and
+// keeps the old value; a manager may refuse more (maxRxPktDataCheck). enabledIs and filterProgramIs
+// are virtual: a manager reacts to them.
 //
 // Threading: everything runs on the loop's one thread and nothing is locked. The nested reactor on
 // desiredIntfDir holds a reference to that directory (a bound notifiee keeps its notifier alive).
@@ -41,6 +42,7 @@ class EthDevPamManagerBase : public Vorn::Entity {
   };
 
   static constexpr uint32_t defaultMaxRxPktData = 1518;
+  static constexpr uint32_t minMaxRxPktData = 14;
 
   char const * vornTypeName() const override { return "Interface::EthDevPamManagerBase"; }
 
@@ -75,6 +77,8 @@ class EthDevPamManagerBase : public Vorn::Entity {
   bool filterProgramStore(Ovel::SockFilterProgram const & program);
   void enabledNotify() const { notify(&NotifieeConst::onEnabled); }
   void filterProgramNotify() const { notify(&NotifieeConst::onFilterProgram); }
+  // Raises Vorn::RangeException when `bytes` cannot work with the manager's other settings.
+  virtual void maxRxPktDataCheck(uint32_t /*bytes*/) const {}
 
  private:
   class VornDesiredIntfDir;

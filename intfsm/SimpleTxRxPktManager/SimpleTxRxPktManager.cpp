@@ -7,6 +7,7 @@
 #include "intfsm/SimpleTxRxPktManager/internal/Trace.h"
 #include "intfsm/foundation/ovel/EthDevPam.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Exception.h"
 
 namespace Interface {
 
@@ -136,9 +137,17 @@ bool SimpleTxRxPktManager::applyFilter(Vorn::String const & text) {
   if (n == 0) return false;
   std::unique_ptr<sock_filter[]> filter(new sock_filter[static_cast<size_t>(n)]);
   parseFilter(text, filter.get());
+  try {  // the manager first: what it refuses (too long, or refused by the kernel) is not kept here either
+    if (ethDevPamManager_) ethDevPamManager_->filterProgramIs(Ovel::SockFilterProgram(filter.get(), size_t(n)));
+  } catch (Vorn::ErrnoException const & refused) {
+    STRPM_TRACE(0, "Filter refused, errno " << refused.errorNumber());
+    return false;
+  } catch (Vorn::RangeException const & refused) {
+    STRPM_TRACE(0, "Filter refused: " << refused.what());
+    return false;
+  }
   bpfFilterIs(std::move(filter));
   bpfFilterLenIs(static_cast<uint32_t>(n));
-  if (ethDevPamManager_) ethDevPamManager_->filterProgramIs(Ovel::SockFilterProgram(bpfFilter_.get(), bpfFilterLen_));
   STRPM_TRACE(5, "Filter parsed and set");
   return true;
 }

@@ -25,7 +25,10 @@
 //
 // applyFilter takes a socket filter in the text form of parseFilter and is meant for tests only: it
 // stops the process unless the environment variable ETHDEVPAMMANAGER_TESTING is set. A text that
-// does not parse leaves the current filter in place. Agents give the manager a program with
+// does not parse, or a program that ethDevPamManager refuses (more than 65535 instructions, or one the
+// kernel refuses: traced at level 0 with the errno), returns false and leaves the current filter in
+// place, here (bpfFilter, bpfFilterLen) and on every socket. So the program goes to the manager first
+// and is kept here only once the manager took it. Agents give the manager a program with
 // ethDevPamManager()->filterProgramIs instead.
 //
 // Threading: everything runs on the agent's one loop thread and nothing is locked. The per-Pam
@@ -128,7 +131,7 @@ class SimpleTxRxPktManager : public Vorn::Entity {
   // Removes the interface's entry, if any; true.
   bool delIntfPam(Ovel::IntfId const & intfId);
   // Test environments only (see above): parses `text` and gives the program to ethDevPamManager;
-  // false, keeping the current filter, when the text does not parse.
+  // false, keeping the current filter, when the text does not parse or the program is refused.
   bool applyFilter(Vorn::String const & text);
 
   // The derived class's handling of a frame, read from `pam` of `intfId`; the base only traces.

@@ -3,7 +3,6 @@
 // peers sit in a second namespace, from where a raw socket sends and receives the frames.
 #include <arpa/inet.h>
 #include <linux/filter.h>
-#include <linux/if.h>
 #include <linux/if_packet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,8 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,31 +17,21 @@
 #include "intfsm/KniIntfStatusManager/KniIntfStatusManager.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
-#include "intfsm/foundation/vorn/ActivityManager.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "intfsm/foundation/vorn/Exception.h"
+#include "tests/support/KernelModuleTest.h"
 
 using namespace Interface;
+using IntfsmTest::frame;
+using IntfsmTest::testProtocol;
 using Vorn::Ptr;
 
 namespace {
 
-constexpr uint16_t testProtocol = 0x88b5;  // local experimental EtherType
-
-std::string frame(char first) {
-  std::string f("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01\x88\xb5", 14);
-  f += first;
-  f.resize(60, 0x5a);
-  return f;
-}
-
-class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
+class EthDevPamManagerKernelTest : public IntfsmTest::KernelModuleTest {
  protected:
   void SetUp() override {
-    NetNsTest::SetUp();
+    KernelModuleTest::SetUp();
     if (IsSkipped()) return;
-    Vorn::activityManager();  // lives as long as the process: made before counting
-    descriptors = IntfsmTest::openDescriptorCount();
     ns = netns().namespaceNew();
     peerNs = netns().namespaceNew();
     root = netNsIntfStatusManagerRootFactory(all, locals, true);
@@ -52,7 +39,7 @@ class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
     kni->enabledIs(true);
     root->intfStatusManagerIs(devices, kni, Ovel::NamespaceName(ns));
     for (int i = 0; i < 3; ++i) {
-      vethNew(i);
+      link[i] = vethUp(ns, "va" + std::to_string(i), "vb" + std::to_string(i), peerNs);
       all->intfStatusIs(intfStatusFactory(id(i)));
       all->intfStatus(id(i))->deviceNameIs("va" + std::to_string(i));
       locals->intfStatusLocalIs(intfStatusLocalFactory(id(i)));
@@ -62,45 +49,25 @@ class EthDevPamManagerKernelTest : public IntfsmTest::NetNsTest {
     peer = Ovel::socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(testProtocol), peerNs.c_str());
   }
   void TearDown() override {
-    if (IsSkipped()) return;
-    manager = nullptr;
-    root = nullptr;
-    kni = nullptr;
-    close(peer);
-    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    std::vector<std::string> const made = netns().namespaces();
-    NetNsTest::TearDown();  // the devices go with their namespaces
-    for (std::string const & n : made) EXPECT_FALSE(std::filesystem::exists("/run/netns/" + n)) << n;
+    if (!IsSkipped()) { manager = nullptr; root = nullptr; kni = nullptr; close(peer); }
+    KernelModuleTest::TearDown();  // the devices go with their namespaces
   }
 
   static Ovel::IntfId id(int i) { return Ovel::IntfId("Ethernet" + std::to_string(i + 1)); }
-  void vethNew(int i) {
-    std::string const a = "va" + std::to_string(i), b = "vb" + std::to_string(i);
-    netns().vethPairNew(ns, a, b, peerNs);
-    netns().linkUp(ns, a);
-    netns().linkUp(peerNs, b);
-    ASSERT_TRUE(netns().waitForOperState(ns, a, IF_OPER_UP));
-  }
-  int peerIndex(int i) { return netns().link(peerNs, "vb" + std::to_string(i))->ifindex; }
-  void send(int i, char first) {
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = peerIndex(i);
-    ASSERT_EQ(sendto(peer, frame(first).data(), 60, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 60);
-  }
+  void send(int i, char first) { sendOn(peer, link[i].b, frame(first)); }
   Ptr<Ovel::EthDevPam> pam(int i) { return Vorn::ptr_cast<Ovel::EthDevPam>(pams->intfPam(id(i))); }
   // Whether the frames taken so far from interface i's Pam, by their first payload byte, are `expected`.
   bool got(int i, std::string const & expected) {
     while (Ptr<Ovel::Pkt> pkt = pam(i) ? pam(i)->rxPkt() : nullptr) firsts[i] += char(pkt->data()[14]);
     return firsts[i] == expected;
   }
-  bool runUntil(std::function<bool()> const & done) {
-    for (int pass = 0; pass < 1000 && !done(); ++pass) Vorn::activityManager().runOnce(0.01);
-    return done();
+  long raised(Ovel::SockFilterProgram const & program) {
+    try { manager->filterProgramIs(program); } catch (Vorn::ErrnoException const & e) { return e.errorNumber(); }
+    return 0;
   }
 
-  int descriptors = 0;
   std::string ns, peerNs;
+  VethLink link[3];
   int peer = -1;
   std::string firsts[2];
   Ptr<AllIntfStatusDir> all = allIntfStatusDirFactory("all");
@@ -127,9 +94,8 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     desired->intfDesiredIs(id(1), true);
     ASSERT_TRUE(runUntil([&] { return pams->intfPams() == 2; }));
     EthDevPamBundle const & bundle = *manager->edpBundle();
-    int const shared = perIntfSocket ? -1 : bundle.sd();
-    EXPECT_EQ(std::vector<int>({pam(0)->ownSocket(), pam(1)->ownSocket(), pam(0)->sd() == pam(1)->sd(), bundle.sd()}),
-              std::vector<int>({perIntfSocket, perIntfSocket, !perIntfSocket, shared}));
+    EXPECT_EQ(std::vector<int>({pam(0)->ownSocket(), pam(1)->ownSocket(), pam(0)->sd() == pam(1)->sd(), bundle.sd() == -1}),
+              std::vector<int>({perIntfSocket, perIntfSocket, !perIntfSocket, perIntfSocket}));
     firsts[0] = firsts[1] = "";
     for (int i : {0, 1, 2}) send(i, char('a' + i));  // the third is known, but has no Pam
     ASSERT_TRUE(runUntil([&] { return got(0, "a") && got(1, "b") && (perIntfSocket || bundle.pamNotReadyDropCount() == 1); }));
@@ -143,6 +109,16 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
       send(i, 'k');
     }
     ASSERT_TRUE(runUntil([&] { return got(0, "ak") && got(1, "bk"); }));
+    // A program the kernel refuses (it does not end in a return) raises its errno; the one in force stays.
+    EXPECT_EQ(raised(Ovel::SockFilterProgram{{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14}}), EINVAL);
+    for (int i : {0, 1}) {
+      send(i, 'x');
+      send(i, 'k');
+    }
+    ASSERT_TRUE(runUntil([&] { return got(0, "akk") && got(1, "bkk"); }));
+    manager->filterProgramIs({});  // cleared: every frame again, on the same sockets
+    for (int i : {0, 1}) send(i, 'x');
+    ASSERT_TRUE(runUntil([&] { return got(0, "akkx") && got(1, "bkkx"); }));
 
     // Out of the Pam's own interface (the shared socket, addressed to va1): it arrives at va1's peer.
     Ptr<Ovel::Pkt> out = Ovel::globalPktManager().newPkt();
@@ -154,23 +130,22 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     sockaddr_ll from{};
     socklen_t length = sizeof from;
     EXPECT_EQ(recvfrom(peer, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &length), 60);
-    EXPECT_EQ(std::pair(bytes[14], from.sll_ifindex), std::pair('t', peerIndex(1)));
+    EXPECT_EQ(std::pair(bytes[14], from.sll_ifindex), std::pair('t', link[1].b));
 
     // The device goes, and comes back under the same name with another ifindex.
     uint32_t const old = pam(0)->ifIndex();
     netns().linkDel(ns, "va0");
     ASSERT_TRUE(runUntil([&] { return !pams->intfPam(id(0)); }));
-    vethNew(0);
-    uint32_t const now = uint32_t(netns().link(ns, "va0")->ifindex);
+    link[0] = vethUp(ns, "va0", "vb0", peerNs);
+    uint32_t const now = uint32_t(link[0].a);
     ASSERT_TRUE(runUntil([&] { return pam(0) && pam(0)->ifIndex() == now; }));
     EXPECT_NE(now, old);
     send(0, 'k');
-    ASSERT_TRUE(runUntil([&] { return got(0, "akk"); }));
+    ASSERT_TRUE(runUntil([&] { return got(0, "akkxk"); }));
 
     manager->handleDestruction();
     EXPECT_EQ(pams->intfPams(), 0u);
     desired->intfDesiredDelAll();
-    manager->filterProgramIs({});
   }
 }
 
