@@ -77,14 +77,20 @@ TEST_F(IntfByDeviceTest, FollowsDeviceNamesDuplicatesAndNamespaces) {
       {"no device name, then one, then none", "default", false,
        [](auto & t) { t.status("Ethernet1", ""); t.status("Ethernet1", "et1"); t.status("Ethernet1", ""); },
        {}, {ignoring, ignoring, add1, "Deleting intf et1->Ethernet1"}},
-      {"duplicate: the later wins, either leaving removes the key", "default", false,
+      {"duplicate: the later holds the name; the other leaving leaves it", "default", false,
        [](auto & t) {
          t.status("Ethernet1", "et1");
          t.status("Ethernet2", "et1");
          EXPECT_EQ(t.indexed(), (Index{{"et1", "Ethernet2"}}));
+         EXPECT_THAT(t.reactor->claimants("et1"), ElementsAre(IntfId("Ethernet1"), IntfId("Ethernet2")));
          t.all->intfStatusDel(IntfId("Ethernet1"));
        },
-       {}, {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2"}},
+       {{"et1", "Ethernet2"}}, {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2"}},
+      {"duplicate: the holder moving on gives the name back", "default", false,
+       [](auto & t) { t.status("Ethernet1", "et1"); t.status("Ethernet2", "et1"); t.status("Ethernet2", "et2"); },
+       {{"et1", "Ethernet1"}, {"et2", "Ethernet2"}},
+       {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2", "Deleting intf et1->Ethernet2",
+        "Adding intf et2->Ethernet2"}},
       {"filtered: empty netNsName is the default namespace", "blue", true,
        [](auto & t) { t.status("Ethernet1", "et1"); t.local("Ethernet1", ""); t.status("Ethernet2", "et2"); t.local("Ethernet2", "blue"); },
        {{"et2", "Ethernet2"}}, {"Adding intf et2->Ethernet2", "Adding intf et2->Ethernet2"}},
