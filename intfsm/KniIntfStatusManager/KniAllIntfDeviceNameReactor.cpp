@@ -132,7 +132,7 @@ void KniAllIntfDeviceNameReactor::handleIntfStatusLocal(Ovel::IntfId const & int
   wantIs(intfId, nullptr);
   if (watcher_.local(intfId)) {
     KNISM_TRACE(3, intfId << "local status was added");
-  } else if (!intfStatusToDeviceName(intfId).empty()) {
+  } else if (!intfStatusToDeviceName(intfId).empty() || watcher_.status(intfId)) {
     KNISM_TRACE(3, intfId << " local status was removed");
   } else {
     return;

@@ -19,6 +19,8 @@
 //   index, and there it keeps following its device name and its status (a rename or a deleted status
 //   while it waits is not left behind as a stale entry). When that previous index goes too, the
 //   interface is simply not indexed until its own namespace's index comes.
+// - A local status that goes is handled also for an interface that is not indexed but has a status:
+//   it was waiting for its namespace's index, and now belongs in the default namespace's.
 // - A move takes only the interface's own claim out of the old index; it never deletes its old device
 //   name from the new namespace's index, where that name may be another interface's entry.
 //
