@@ -15,9 +15,7 @@ Intfsm::TypeRegistration registration("Interface::AllIntfDeviceNameReactor", nul
 constexpr char handleDeviceNameText[] = "void Interface::AllIntfDeviceNameReactor::handleDeviceName(Ovel::IntfId)";
 }  // namespace
 
-void AllIntfDeviceNameReactor::traceNotifier(char const * function, Ovel::IntfId const & id) {
-  IBD_TRACE(3, function << " notifier=" << id);
-}
+Brisklog::Handle & AllIntfDeviceNameReactor::vornTrace() { return intfByDeviceTrace; }
 
 Vorn::Ptr<AllIntfDeviceNameReactor> allIntfDeviceNameReactorFactory(
     Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir,

@@ -58,7 +58,7 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
       "void Interface::AllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName()";
   static constexpr char const * vornIntfStatusLocalText =
       "void Interface::AllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs()";
-  static void traceNotifier(char const * function, Ovel::IntfId const & id);
+  static Brisklog::Handle & vornTrace();
 
   ~AllIntfDeviceNameReactor() override;
   char const * vornTypeName() const override { return "Interface::AllIntfDeviceNameReactor"; }

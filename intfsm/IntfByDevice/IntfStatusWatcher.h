@@ -7,7 +7,7 @@
 //   void handleDeviceName(Ovel::IntfId const &);          // the interface's name or namespace changed
 //   void handleIntfStatus();  void handleIntfStatus(Ovel::IntfId const &);            // directory
 //   void handleIntfStatusLocal();  void handleIntfStatusLocal(Ovel::IntfId const &);  // changes
-//   static void traceNotifier(char const * function, Ovel::IntfId const &);   // its own facility
+//   static Brisklog::Handle & vornTrace();                                    // its trace facility
 //   static constexpr char const * vornIntfStatusText, * vornIntfStatusLocalText;  // function texts
 //
 //   class MyReactor : public Vorn::Entity {
@@ -23,6 +23,7 @@
 
 #include <cstdint>
 
+#include "intfsm/foundation/brisklog/Brisklog.h"
 #include "intfsm/foundation/interface/AllIntfStatusDir.h"
 #include "intfsm/foundation/interface/AllIntfStatusLocalDir.h"
 #include "intfsm/foundation/ovel/IntfId.h"
@@ -39,7 +40,10 @@ class IntfStatusWatcher {
    public:
     VornIntfStatus(IntfStatusWatcher * w, Ovel::IntfId const & id) : Vorn::Reactor<IntfStatusWatcher, IntfStatus>(w), intfId_(id) {}
     void onDeviceName() override { this->run(&VornIntfStatus::handleDeviceName); }
-    void handleDeviceName() { this->forward(&IntfStatusWatcher::notified, Owner::vornIntfStatusText, intfId_); }
+    void handleDeviceName() {
+      BRISKLOG_TRACE(Owner::vornTrace(), 3, Owner::vornIntfStatusText << " notifier=" << intfId_);
+      this->forward(&IntfStatusWatcher::notified, intfId_);
+    }
 
    private:
     Ovel::IntfId intfId_;
@@ -51,7 +55,10 @@ class IntfStatusWatcher {
     VornIntfStatusLocal(IntfStatusWatcher * w, Ovel::IntfId const & id)
         : Vorn::Reactor<IntfStatusWatcher, IntfStatusLocal>(w), intfId_(id) {}
     void onNetNsName() override { this->run(&VornIntfStatusLocal::handleDeviceNetNs); }
-    void handleDeviceNetNs() { this->forward(&IntfStatusWatcher::notified, Owner::vornIntfStatusLocalText, intfId_); }
+    void handleDeviceNetNs() {
+      BRISKLOG_TRACE(Owner::vornTrace(), 3, Owner::vornIntfStatusLocalText << " notifier=" << intfId_);
+      this->forward(&IntfStatusWatcher::notified, intfId_);
+    }
 
    private:
     Ovel::IntfId intfId_;
@@ -138,10 +145,7 @@ class IntfStatusWatcher {
     }
   };
 
-  void notified(char const * function, Ovel::IntfId const & id) {
-    Owner::traceNotifier(function, id);
-    owner_->handleDeviceName(id);
-  }
+  void notified(Ovel::IntfId const & id) { owner_->handleDeviceName(id); }
   void intfStatusChange(Ovel::IntfId const & id) {
     intfStatus_.reconcileKey(this, id, status(id));
     owner_->handleIntfStatus(id);

@@ -25,9 +25,7 @@ class KniAllIntfDeviceNameReactor::VornNetNsIntfStatusIndexDir
   }
 };
 
-void KniAllIntfDeviceNameReactor::traceNotifier(char const * function, Ovel::IntfId const & id) {
-  KNISM_TRACE(3, function << " notifier=" << id);
-}
+Brisklog::Handle & KniAllIntfDeviceNameReactor::vornTrace() { return kniIntfStatusManagerTrace; }
 
 Vorn::Ptr<KniAllIntfDeviceNameReactor> kniAllIntfDeviceNameReactorFactory(
     Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir,

@@ -63,7 +63,7 @@ class KniAllIntfDeviceNameReactor : public Vorn::Entity {
       "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName()";
   static constexpr char const * vornIntfStatusLocalText =
       "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs()";
-  static void traceNotifier(char const * function, Ovel::IntfId const & id);
+  static Brisklog::Handle & vornTrace();
 
   ~KniAllIntfDeviceNameReactor() override;
   char const * vornTypeName() const override { return "Interface::KniAllIntfDeviceNameReactor"; }

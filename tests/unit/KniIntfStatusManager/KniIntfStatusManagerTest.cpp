@@ -113,6 +113,14 @@ TEST_F(KniIntfStatusManagerTest, NamespaceMovesAreTraced) {
   EXPECT_FALSE(manage("blue")->kernelIntfDir()->intfStatus("et1"));
   root->intfStatusManagerDel(NamespaceName("green"));
   EXPECT_FALSE(root->netNsIntfStatusIndexDir()->intfStatusIndexDir("green"));
+
+  // A manager dropped while someone still holds it takes back what it published, both views.
+  ns("blue").kernel->interfaceIs(Device(40, running, "et2"));
+  status("Ethernet2", "et2", "blue");
+  auto const blue = manage("blue");
+  ASSERT_EQ(ns("blue").kis->intfStatusByIfIndexs(), 1u);
+  root->intfStatusManagerDel(NamespaceName("blue"));
+  EXPECT_EQ(ns("blue").kis->intfStatusAndDeviceNames() + ns("blue").kis->intfStatusByIfIndexs(), 0u);
 }
 TEST_F(KniIntfStatusManagerTest, TheRootRefusesAnotherManagerUnderANameInUse) {
   auto manager = manage("blue");
