@@ -93,144 +93,6 @@ std::string row(std::string const & status, std::string const & name, uint32_t i
   return (status.empty() ? "-" : status) + " " + name + " " + std::to_string(ifIndex);
 }
 
-// ---- the reference model: plain data, and the rules as plain functions of it ----
-
-struct Model {
-  struct Device {
-    uint32_t ifIndex;
-    bool running;
-  };
-  struct Manager {
-    std::map<std::string, std::string> kernelOnly;
-    bool omit = false;
-  };
-  struct Want {
-    std::string ns, name;
-    uint64_t seq;
-  };
-
-  bool filter = false;
-  std::map<std::string, std::string> status;                      // id -> device name
-  std::map<std::string, std::string> local;                       // id -> netNsName
-  std::map<std::string, std::map<std::string, Device>> kernel;    // namespace -> device name -> device
-  std::map<std::string, uint32_t> lastIfIndex;
-  std::map<std::string, Manager> managers;                        // by namespace
-  std::map<std::string, Want> wants;                              // id -> what it reports, since when
-  uint64_t lastSeq = 0;
-  std::map<std::string, std::string> filed;                       // id -> namespace whose index has it
-
-  void deviceIs(std::string const & ns, std::string const & name, Device const d) {  // d: a copy, its source may go
-    auto & devices = kernel[ns];
-    for (auto it = devices.begin(); it != devices.end();) {  // one name per device, one device per name
-      it = (it->second.ifIndex == d.ifIndex || it->first == name) ? devices.erase(it) : std::next(it);
-    }
-    devices[name] = d;
-  }
-
-  void apply(Cmd const & cmd) {
-    Args const x(cmd, filter);
-    auto & devices = kernel[x.ns];
-    auto const device = devices.find(x.device);
-    switch (cmd.kind) {
-      case StatusSet: status[x.id] = x.statusDevice; break;
-      case StatusDel: status.erase(x.id); break;
-      case LocalSet: local[x.id] = x.localNs; break;
-      case LocalDel: local.erase(x.id); break;
-      case DevAdd:
-        deviceIs(x.ns, x.device, {device != devices.end() ? device->second.ifIndex : ++lastIfIndex[x.ns], x.flag});
-        break;
-      case DevDel: devices.erase(x.device); break;
-      case DevRename:
-        if (device != devices.end() && x.device != x.newDevice) deviceIs(x.ns, x.newDevice, device->second);
-        break;
-      case DevIfIndex:
-        if (device != devices.end()) deviceIs(x.ns, x.device, {++lastIfIndex[x.ns], device->second.running});
-        break;
-      case NsDel: devices.clear(); break;
-      case NsAdd:
-        for (int d = 0; d < deviceCount; ++d) {
-          if (!devices.count(deviceNames[d])) deviceIs(x.ns, deviceNames[d], {++lastIfIndex[x.ns], true});
-        }
-        break;
-      case MgrAdd: managers[x.ns]; break;
-      case MgrDel: managers.erase(x.ns); break;
-      case KoSet: if (managers.count(x.ns)) managers[x.ns].kernelOnly[x.device] = x.kernelOnlyId; break;
-      case KoDel: if (managers.count(x.ns)) managers[x.ns].kernelOnly.erase(x.device); break;
-      case Omit: if (managers.count(x.ns)) managers[x.ns].omit = x.flag; break;
-    }
-    settle();
-  }
-
-  // Where each interface wants to be, since when, and where it is filed.
-  void settle() {
-    for (char const * id : statusIds) {
-      std::string const name = status.count(id) ? status[id] : "";
-      std::string ns = "default";
-      if (filter && local.count(id) && !local[id].empty()) ns = local[id];
-      if (name.empty()) {
-        wants.erase(id);
-        filed.erase(id);
-        continue;
-      }
-      auto const want = wants.find(id);
-      if (want == wants.end() || want->second.ns != ns || want->second.name != name) wants[id] = {ns, name, ++lastSeq};
-      // Filed in its own namespace's index; while that has none, where it was, while that one lasts.
-      if (managers.count(ns)) {
-        filed[id] = ns;
-      } else if (filed.count(id) && !managers.count(filed[id])) {
-        filed.erase(id);
-      }
-    }
-  }
-
-  // A namespace's index: each device name to the interface that claimed it last.
-  std::map<std::string, std::string> index(std::string const & ns) const {
-    std::map<std::string, std::string> out;
-    std::map<std::string, uint64_t> seqOf;
-    for (auto const & [id, where] : filed) {
-      if (where != ns) continue;
-      Want const & w = wants.at(id);
-      if (!seqOf.count(w.name) || seqOf[w.name] < w.seq) {
-        seqOf[w.name] = w.seq;
-        out[w.name] = id;
-      }
-    }
-    return out;
-  }
-
-  // What a namespace's DeviceIntfStatusDir holds, by id and by ifindex.
-  std::pair<Published, Published> published(std::string const & ns) const {
-    std::pair<Published, Published> out;
-    auto const manager = managers.find(ns);
-    if (manager == managers.end()) return out;
-    auto const idx = index(ns);
-    auto const kernelIt = kernel.find(ns);
-    struct Candidate {
-      std::string name;
-      bool indexed;
-    };
-    std::map<std::string, Candidate> best;  // id -> its device name
-    std::set<std::string> names;
-    for (auto const & e : idx) names.insert(e.first);
-    for (auto const & e : manager->second.kernelOnly) names.insert(e.first);
-    for (std::string const & name : names) {
-      bool const indexed = idx.count(name) > 0;
-      std::string const id = indexed ? idx.at(name) : manager->second.kernelOnly.at(name);
-      if (kernelIt == kernel.end() || !kernelIt->second.count(name)) continue;
-      if (manager->second.omit && !kernelIt->second.at(name).running) continue;
-      auto const b = best.find(id);  // names come in order: the first is the smallest
-      if (b == best.end() || (indexed && !b->second.indexed)) best[id] = {name, indexed};
-    }
-    for (auto const & [id, c] : best) {
-      uint32_t const ifIndex = kernelIt->second.at(c.name).ifIndex;
-      std::string const r = row(c.indexed ? id : "", c.name, ifIndex);
-      out.first[id] = r;
-      out.second[std::to_string(ifIndex)] = r;
-    }
-    return out;
-  }
-};
-
 // ---- the real thing: the root, fed through its directories and hand-filled kernel link tables ----
 
 struct System {
@@ -254,25 +116,19 @@ struct System {
     KernelNetInfo::Interface const device = k.interfaceByDeviceName(x.device);
     Vorn::Ptr<Interface::KniIntfStatusManager> const manager = root->intfStatusManager(NamespaceName(x.ns));
     switch (cmd.kind) {
-      case StatusSet:
-        if (auto s = all->intfStatus(id)) {
-          s->deviceNameIs(x.statusDevice);
-        } else {
-          s = Interface::intfStatusFactory(id);
-          s->deviceNameIs(x.statusDevice);
-          all->intfStatusIs(s);
-        }
+      case StatusSet: {  // a new status enters the directory with its name set
+        auto const s = all->intfStatus(id) ? all->intfStatus(id) : Interface::intfStatusFactory(id);
+        s->deviceNameIs(x.statusDevice);
+        all->intfStatusIs(s);
         break;
+      }
       case StatusDel: all->intfStatusDel(id); break;
-      case LocalSet:
-        if (auto l = locals->intfStatusLocal(id)) {
-          l->netNsNameIs(NamespaceName(x.localNs));
-        } else {
-          l = Interface::intfStatusLocalFactory(id);
-          l->netNsNameIs(NamespaceName(x.localNs));
-          locals->intfStatusLocalIs(l);
-        }
+      case LocalSet: {
+        auto const l = locals->intfStatusLocal(id) ? locals->intfStatusLocal(id) : Interface::intfStatusLocalFactory(id);
+        l->netNsNameIs(NamespaceName(x.localNs));
+        locals->intfStatusLocalIs(l);
         break;
+      }
       case LocalDel: locals->intfStatusLocalDel(id); break;
       case DevAdd: deviceIs(x.ns, device ? device.ifIndex() : ++lastIfIndex[x.ns], x.flag, x.device); break;
       case DevDel: if (device) k.interfaceDel(device.ifIndex()); break;
@@ -317,6 +173,103 @@ struct System {
   Vorn::Ptr<Interface::NetNsIntfStatusManagerRoot> root;
 };
 
+// ---- the reference model: the configuration it was given, and the rules as plain functions of it
+// and of the inputs (statuses, local statuses and kernel devices, read from the system's fakes) ----
+
+struct Model {
+  struct Manager {
+    std::map<std::string, std::string> kernelOnly;
+    bool omit = false;
+  };
+  struct Want {
+    std::string ns, name;
+    uint64_t seq;
+  };
+
+  bool filter = false;
+  std::map<std::string, Manager> managers;  // by namespace
+  std::map<std::string, Want> wants;        // id -> what it reports, since when
+  uint64_t lastSeq = 0;
+  std::map<std::string, std::string> filed;  // id -> namespace whose index has it
+
+  void apply(Cmd const & cmd, System const & in) {
+    Args const x(cmd, filter);
+    switch (cmd.kind) {
+      case MgrAdd: managers[x.ns]; break;
+      case MgrDel: managers.erase(x.ns); break;
+      case KoSet: if (managers.count(x.ns)) managers[x.ns].kernelOnly[x.device] = x.kernelOnlyId; break;
+      case KoDel: if (managers.count(x.ns)) managers[x.ns].kernelOnly.erase(x.device); break;
+      case Omit: if (managers.count(x.ns)) managers[x.ns].omit = x.flag; break;
+      default: break;
+    }
+    settle(in);
+  }
+
+  // Where each interface wants to be, since when, and where it is filed.
+  void settle(System const & in) {
+    for (char const * id : statusIds) {
+      auto const status = in.all->intfStatus(IntfId(id));
+      auto const local = in.locals->intfStatusLocal(IntfId(id));
+      std::string const name = status ? status->deviceName().stdString() : "";
+      std::string const ns = filter && local && !local->netNsName().empty() ? local->netNsName().name().stdString() : "default";
+      if (name.empty()) {
+        wants.erase(id);
+        filed.erase(id);
+        continue;
+      }
+      auto const want = wants.find(id);
+      if (want == wants.end() || want->second.ns != ns || want->second.name != name) wants[id] = {ns, name, ++lastSeq};
+      // Filed in its own namespace's index; while that has none, where it was, while that one lasts.
+      if (managers.count(ns)) {
+        filed[id] = ns;
+      } else if (filed.count(id) && !managers.count(filed[id])) {
+        filed.erase(id);
+      }
+    }
+  }
+
+  // A namespace's index: each device name to the interface that claimed it last.
+  std::map<std::string, std::string> index(std::string const & ns) const {
+    std::map<std::string, std::string> out;
+    std::map<std::string, uint64_t> seqOf;
+    for (auto const & [id, where] : filed) {
+      Want const & w = wants.at(id);
+      if (where != ns || (seqOf.count(w.name) && seqOf[w.name] > w.seq)) continue;
+      seqOf[w.name] = w.seq;
+      out[w.name] = id;
+    }
+    return out;
+  }
+
+  // What a namespace's DeviceIntfStatusDir holds, by id and by ifindex: each interface under one
+  // present device name that leads to it, an indexed name before a kernel-only one, then the smallest.
+  std::pair<Published, Published> published(std::string const & ns, System const & in) const {
+    std::pair<Published, Published> out;
+    auto const manager = managers.find(ns);
+    if (manager == managers.end()) return out;
+    auto const idx = index(ns);
+    std::set<std::string> names;
+    for (auto const & e : idx) names.insert(e.first);
+    for (auto const & e : manager->second.kernelOnly) names.insert(e.first);
+    std::map<std::string, std::pair<std::string, bool>> best;  // id -> its device name, indexed
+    for (std::string const & name : names) {
+      bool const indexed = idx.count(name) > 0;
+      std::string const id = indexed ? idx.at(name) : manager->second.kernelOnly.at(name);
+      KernelNetInfo::Interface const device = in.kernel.at(ns)->interfaceByDeviceName(name);
+      if (!device || (manager->second.omit && !device.isRunning())) continue;
+      auto const b = best.find(id);  // names come in order: the first is the smallest
+      if (b == best.end() || (indexed && !b->second.second)) best[id] = {name, indexed};
+    }
+    for (auto const & [id, c] : best) {
+      uint32_t const ifIndex = in.kernel.at(ns)->interfaceByDeviceName(c.first).ifIndex();
+      std::string const r = row(c.second ? id : "", c.first, ifIndex);
+      out.first[id] = r;
+      out.second[std::to_string(ifIndex)] = r;
+    }
+    return out;
+  }
+};
+
 std::string text(Published const & p) {
   std::string out;
   for (auto const & [k, v] : p) out += " [" + k + ": " + v + "]";
@@ -330,10 +283,10 @@ std::string runSequence(std::vector<Cmd> const & cmds, bool filter) {
   model.filter = filter;
   for (size_t i = 0; i < cmds.size(); ++i) {
     system.apply(cmds[i], filter);
-    model.apply(cmds[i]);
+    model.apply(cmds[i], system);
     for (int n = 0; n < nsCount; ++n) {
       auto const real = system.published(namespaceNames[n]);
-      auto const expected = model.published(namespaceNames[n]);
+      auto const expected = model.published(namespaceNames[n], system);
       if (real == expected) continue;
       std::ostringstream os;
       showValue(cmds[i], os);
