@@ -16,14 +16,13 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <string>
 #include <vector>
 
 #include "intfsm/IntfByDevice/IntfStatusIndexDir.h"
 #include "intfsm/foundation/interface/IntfStatus.h"
 #include "intfsm/foundation/ovel/IntfId.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
+#include "intfsm/foundation/vorn/Collection.h"
 
 namespace Interface {
 
@@ -44,9 +43,10 @@ class DeviceNameClaims {
   struct Claim {
     uint64_t seq;
     Vorn::Ptr<IntfStatus const> status;
+    bool operator==(Claim const &) const = default;
   };
   using Claims = std::vector<Claim>;  // oldest first: the last one holds the name
-  std::map<std::string, Claims> claims_;
+  Vorn::Collection<Vorn::String, Claims> claims_;
 };
 
 // When each interface started reporting what it reports now (a namespace and a device name): the
@@ -54,15 +54,16 @@ class DeviceNameClaims {
 class DeviceNameWants {
  public:
   uint64_t seqIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns, Vorn::String const & name);
-  void del(Ovel::IntfId const & id) { wants_.erase(id.name().stdString()); }
+  void del(Ovel::IntfId const & id) { wants_.del(id); }
 
  private:
   struct Want {
-    std::string ns;
-    std::string name;
-    uint64_t seq;
+    Vorn::String ns;
+    Vorn::String name;
+    uint64_t seq = 0;
+    bool operator==(Want const &) const = default;
   };
-  std::map<std::string, Want> wants_;
+  Vorn::Collection<Ovel::IntfId, Want> wants_;
   uint64_t next_ = 0;
 };
 
