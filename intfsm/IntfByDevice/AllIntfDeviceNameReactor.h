@@ -10,8 +10,15 @@
 //                               // themselves when filtering is turned off again)
 //
 // Rules worth knowing:
-// - The index is keyed by device name only. Two interfaces reporting one device name share the key:
-//   the later one wins it, and whichever leaves first removes it.
+// - The index is keyed by device name only. Two interfaces reporting one device name contest the key:
+//   the one that started reporting it later holds it. Unlike a plain overwrite, the other one is not
+//   forgotten: when the holder leaves the name, the name passes back to it (rather than the key going
+//   while an interface still reports it), and when the other one leaves, the holder keeps the key
+//   (rather than losing it to a deletion meant for someone else). A notification that changes nothing
+//   for an interface re-asserts its entry only while it holds the name, so that which of two claimants
+//   is indexed does not flip with unrelated notifications.
+// - handleFilter() visits every interface with a recorded device name, including claimants that do
+//   not hold their name, so that an evicted claimant cannot inherit a name later.
 // - An empty netNs means the default namespace, and so does an empty netNsName of an interface.
 // - Without filterByNetNs the namespaces are ignored entirely.
 //
@@ -21,8 +28,11 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "intfsm/IntfByDevice/DeviceNameClaims.h"
 #include "intfsm/IntfByDevice/IntfStatusIndexDir.h"
+#include "intfsm/IntfByDevice/IntfStatusWatcher.h"
 #include "intfsm/foundation/interface/AllIntfStatusDir.h"
 #include "intfsm/foundation/interface/AllIntfStatusLocalDir.h"
 #include "intfsm/foundation/ovel/IntfId.h"
@@ -41,40 +51,29 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
     virtual void onIntfStatusToDeviceName(Ovel::IntfId const &) {}
   };
 
-  // Watches one interface's deviceName.
-  class VornIntfStatus : public Vorn::Reactor<AllIntfDeviceNameReactor, IntfStatus> {
-   public:
-    VornIntfStatus(AllIntfDeviceNameReactor * owner, Ovel::IntfId const & id) : Reactor(owner), intfId_(id) {}
-    void onDeviceName() override { run(&VornIntfStatus::handleDeviceName); }
-    void handleDeviceName();
-
-   private:
-    Ovel::IntfId intfId_;
-  };
-
-  // Watches one interface's netNsName.
-  class VornIntfStatusLocal : public Vorn::Reactor<AllIntfDeviceNameReactor, IntfStatusLocal> {
-   public:
-    VornIntfStatusLocal(AllIntfDeviceNameReactor * owner, Ovel::IntfId const & id) : Reactor(owner), intfId_(id) {}
-    void onNetNsName() override { run(&VornIntfStatusLocal::handleDeviceNetNs); }
-    void handleDeviceNetNs();
-
-   private:
-    Ovel::IntfId intfId_;
-  };
+  using Watcher = IntfStatusWatcher<AllIntfDeviceNameReactor>;
+  using VornIntfStatus = Watcher::VornIntfStatus;
+  using VornIntfStatusLocal = Watcher::VornIntfStatusLocal;
+  static constexpr char const * vornIntfStatusText =
+      "void Interface::AllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName()";
+  static constexpr char const * vornIntfStatusLocalText =
+      "void Interface::AllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs()";
+  static Brisklog::Handle & vornTrace();
 
   ~AllIntfDeviceNameReactor() override;
   char const * vornTypeName() const override { return "Interface::AllIntfDeviceNameReactor"; }
 
-  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return intfStatus_.reactor(id); }
-  uint32_t intfStatuss() const { return intfStatus_.size(); }
+  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return watcher_.intfStatus(id); }
+  uint32_t intfStatuss() const { return watcher_.intfStatuss(); }
   // Watches `status` for its interface (replacing the entity watched so far); null raises
   // Vorn::RangeException.
-  void intfStatusIs(Vorn::Ptr<IntfStatus const> const & status);
-  void intfStatusDel(Ovel::IntfId const & id);
+  void intfStatusIs(Vorn::Ptr<IntfStatus const> const & status) { watcher_.intfStatusIs(status); }
+  void intfStatusDel(Ovel::IntfId const & id) { watcher_.intfStatusDel(id); }
 
-  Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir() const { return allIntfStatusDir_; }
-  Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir() const { return allIntfStatusLocalDir_; }
+  Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir() const { return watcher_.allIntfStatusDir(); }
+  Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir() const {
+    return watcher_.allIntfStatusLocalDir();
+  }
   Vorn::Ptr<IntfStatusIndexDir> const & intf() const { return intf_; }
   Ovel::NamespaceName const & netNs() const { return netNs_; }
 
@@ -87,11 +86,13 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
   uint32_t intfStatusToDeviceNames() const { return intfStatusToDeviceName_.size(); }
 
   Vorn::Ptr<VornIntfStatusLocal> intfStatusLocal(Ovel::IntfId const & id) const {
-    return intfStatusLocal_.reactor(id);
+    return watcher_.intfStatusLocal(id);
   }
-  uint32_t intfStatusLocals() const { return intfStatusLocal_.size(); }
-  void intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal const> const & local);
-  void intfStatusLocalDel(Ovel::IntfId const & id);
+  uint32_t intfStatusLocals() const { return watcher_.intfStatusLocals(); }
+  void intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal const> const & local) { watcher_.intfStatusLocalIs(local); }
+  void intfStatusLocalDel(Ovel::IntfId const & id) { watcher_.intfStatusLocalDel(id); }
+  // The interfaces that report `name`, oldest claim first; the last one is indexed.
+  std::vector<Ovel::IntfId> claimants(Vorn::String const & name) const { return claims_.claimants(name); }
 
   void handleDeviceName(Ovel::IntfId const & intfId);
   void handleIntfStatus();
@@ -100,11 +101,9 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
   void handleIntfStatusLocal(Ovel::IntfId const & intfId);
   void handleFilter();
 
-  void vornDoZombieReactors(bool zombie);
+  void vornDoZombieReactors(bool zombie) { watcher_.zombieIs(zombie); }
 
  private:
-  class VornAllIntfStatusDir;
-  class VornAllIntfStatusLocalDir;
   friend Vorn::Ptr<AllIntfDeviceNameReactor> allIntfDeviceNameReactorFactory(
       Vorn::Ptr<AllIntfStatusDir const> const &, Vorn::Ptr<AllIntfStatusLocalDir const> const &,
       Vorn::Ptr<IntfStatusIndexDir> const &, Ovel::NamespaceName const &);
@@ -113,23 +112,17 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
                            Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir,
                            Vorn::Ptr<IntfStatusIndexDir> const & intf, Ovel::NamespaceName const & netNs);
 
-  // What the directory reactors run: one key changed, or the whole directory is to be matched.
-  void doIntfStatusChange(Ovel::IntfId const & intfId);
-  void doIntfStatusReconcile(bool keyless);
-  void doIntfStatusLocalChange(Ovel::IntfId const & intfId);
-  void doIntfStatusLocalReconcile(bool keyless);
+  // Takes the interface out of the index (the name passes to the next claimant) and forgets its name.
+  void unindex(Ovel::IntfId const & intfId, Vorn::String const & name);
   void intfStatusToDeviceNameDel(Ovel::IntfId const & intfId);
 
-  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatus> intfStatus_{&VornIntfStatus::handleDeviceName};
-  Vorn::Ptr<AllIntfStatusDir const> allIntfStatusDir_;
-  Vorn::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir_;
+  Watcher watcher_{this};
   Vorn::Ptr<IntfStatusIndexDir> intf_;
   Ovel::NamespaceName netNs_;
   bool filterByNetNs_ = false;
   Vorn::Collection<Ovel::IntfId, Vorn::String> intfStatusToDeviceName_;
-  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatusLocal> intfStatusLocal_{&VornIntfStatusLocal::handleDeviceNetNs};
-  Vorn::Ptr<VornAllIntfStatusDir> allIntfStatusDirReactor_;
-  Vorn::Ptr<VornAllIntfStatusLocalDir> allIntfStatusLocalDirReactor_;
+  DeviceNameClaims claims_;
+  DeviceNameWants wants_;
 };
 
 // The reactor of namespace `netNs` over the two directories, writing `intf`; filterByNetNs starts false.

@@ -16,26 +16,6 @@ Intfsm::TypeRegistration registration("Interface::KniAllIntfDeviceNameReactor", 
 constexpr char handleDeviceNameText[] = "void Interface::KniAllIntfDeviceNameReactor::handleDeviceName(Ovel::IntfId)";
 }  // namespace
 
-class KniAllIntfDeviceNameReactor::VornAllIntfStatusDir
-    : public Vorn::Reactor<KniAllIntfDeviceNameReactor, AllIntfStatusDir> {
- public:
-  using Reactor::Reactor;
-  void onIntfStatus(Ovel::IntfId const & id) override { forward(&KniAllIntfDeviceNameReactor::doIntfStatusChange, id); }
-  void onIntfStatusvornImmediate() override { forward(&KniAllIntfDeviceNameReactor::doIntfStatusReconcile, true); }
-};
-
-class KniAllIntfDeviceNameReactor::VornAllIntfStatusLocalDir
-    : public Vorn::Reactor<KniAllIntfDeviceNameReactor, AllIntfStatusLocalDir> {
- public:
-  using Reactor::Reactor;
-  void onIntfStatusLocal(Ovel::IntfId const & id) override {
-    forward(&KniAllIntfDeviceNameReactor::doIntfStatusLocalChange, id);
-  }
-  void onIntfStatusLocalvornImmediate() override {
-    forward(&KniAllIntfDeviceNameReactor::doIntfStatusLocalReconcile, true);
-  }
-};
-
 class KniAllIntfDeviceNameReactor::VornNetNsIntfStatusIndexDir
     : public Vorn::Reactor<KniAllIntfDeviceNameReactor, NetNsIntfStatusIndexDir> {
  public:
@@ -45,17 +25,7 @@ class KniAllIntfDeviceNameReactor::VornNetNsIntfStatusIndexDir
   }
 };
 
-void KniAllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName() {
-  KNISM_TRACE(3, "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName()" << " notifier="
-                                                                                                    << intfId_);
-  forward(&KniAllIntfDeviceNameReactor::handleDeviceName, intfId_);
-}
-
-void KniAllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs() {
-  KNISM_TRACE(3, "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs()"
-                     << " notifier=" << intfId_);
-  forward(&KniAllIntfDeviceNameReactor::handleDeviceName, intfId_);
-}
+Brisklog::Handle & KniAllIntfDeviceNameReactor::vornTrace() { return kniIntfStatusManagerTrace; }
 
 Vorn::Ptr<KniAllIntfDeviceNameReactor> kniAllIntfDeviceNameReactorFactory(
     Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir,
@@ -69,47 +39,24 @@ KniAllIntfDeviceNameReactor::KniAllIntfDeviceNameReactor(
     Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir,
     Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir,
     Vorn::Ptr<NetNsIntfStatusIndexDir> const & netNsIntfStatusIndexDir, bool filterByNetNs)
-    : Entity(Vorn::Name()),
-      allIntfStatusDir_(allIntfStatusDir),
-      allIntfStatusLocalDir_(allIntfStatusLocalDir),
-      netNsIntfStatusIndexDir_(netNsIntfStatusIndexDir),
-      filterByNetNs_(filterByNetNs) {
+    : Entity(Vorn::Name()), netNsIntfStatusIndexDir_(netNsIntfStatusIndexDir), filterByNetNs_(filterByNetNs) {
   if (!netNsIntfStatusIndexDir_) {
     throw Vorn::RangeException(
         Vorn::nullParameterText("netNsIntfStatusIndexDir", "Interface::KniAllIntfDeviceNameReactor"));
   }
-  // As in AllIntfDeviceNameReactor: both directories are bound (inactive, so binding delivers nothing)
-  // and both key-less handlers have run before any interface is filed.
-  allIntfStatusDirReactor_ = Vorn::reactorNew<VornAllIntfStatusDir>(this, nullptr);
-  allIntfStatusLocalDirReactor_ = Vorn::reactorNew<VornAllIntfStatusLocalDir>(this, nullptr);
-  allIntfStatusDirReactor_->hasNotificationActiveIs(false);
-  allIntfStatusLocalDirReactor_->hasNotificationActiveIs(false);
-  allIntfStatusDirReactor_->notifierIs(allIntfStatusDir_);
-  allIntfStatusLocalDirReactor_->notifierIs(allIntfStatusLocalDir_);
-  handleIntfStatus();
-  handleIntfStatusLocal();
+  // Watching the index collection delivers nothing on binding, so it may start before the interfaces.
   netNsIntfStatusIndexDirReactor_ = Vorn::reactorNew<VornNetNsIntfStatusIndexDir>(this, netNsIntfStatusIndexDir_);
-  doIntfStatusReconcile(false);
-  doIntfStatusLocalReconcile(false);
-  allIntfStatusDirReactor_->hasNotificationActiveIs(true);
-  allIntfStatusLocalDirReactor_->hasNotificationActiveIs(true);
+  watcher_.start(allIntfStatusDir, allIntfStatusLocalDir);
   handleInitialized();
 }
 
 KniAllIntfDeviceNameReactor::~KniAllIntfDeviceNameReactor() {
-  vornDoZombieReactors(true);
-  intfStatus_.delAll();
-  intfStatusLocal_.delAll();
-  Vorn::reactorRetire(*allIntfStatusDirReactor_);
-  Vorn::reactorRetire(*allIntfStatusLocalDirReactor_);
+  watcher_.retire();
   Vorn::reactorRetire(*netNsIntfStatusIndexDirReactor_);
 }
 
 void KniAllIntfDeviceNameReactor::vornDoZombieReactors(bool zombie) {
-  intfStatus_.zombieIs(zombie);
-  intfStatusLocal_.zombieIs(zombie);
-  allIntfStatusDirReactor_->vornZombieIs(zombie);
-  allIntfStatusLocalDirReactor_->vornZombieIs(zombie);
+  watcher_.zombieIs(zombie);
   netNsIntfStatusIndexDirReactor_->vornZombieIs(zombie);
 }
 
@@ -119,24 +66,6 @@ void KniAllIntfDeviceNameReactor::handleInitialized() {
   initialized_ = true;
   notify(&NotifieeConst::onInitialized);
 }
-
-void KniAllIntfDeviceNameReactor::intfStatusIs(Vorn::Ptr<IntfStatus const> const & status) {
-  if (!status) {
-    throw Vorn::RangeException(Vorn::nullParameterText("intfStatus", "Interface::KniAllIntfDeviceNameReactor"));
-  }
-  intfStatus_.reconcileKey(this, status->intfId(), status);
-}
-
-void KniAllIntfDeviceNameReactor::intfStatusDel(Ovel::IntfId const & id) { intfStatus_.del(id); }
-
-void KniAllIntfDeviceNameReactor::intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal const> const & local) {
-  if (!local) {
-    throw Vorn::RangeException(Vorn::nullParameterText("intfStatusLocal", "Interface::KniAllIntfDeviceNameReactor"));
-  }
-  intfStatusLocal_.reconcileKey(this, local->intfId(), local);
-}
-
-void KniAllIntfDeviceNameReactor::intfStatusLocalDel(Ovel::IntfId const & id) { intfStatusLocal_.del(id); }
 
 Vorn::Ptr<NetNsIntfIdMap> KniAllIntfDeviceNameReactor::netNsIntfIdMapIs(Vorn::String const & nsName) {
   if (Vorn::Ptr<NetNsIntfIdMap> existing = netNsIntfIdMap_.get(nsName)) return existing;
@@ -149,38 +78,43 @@ void KniAllIntfDeviceNameReactor::netNsIntfIdMapDel(Vorn::String const & nsName)
   delEntry(netNsIntfIdMap_, nsName, &NotifieeConst::onNetNsIntfIdMap);
 }
 
-void KniAllIntfDeviceNameReactor::doIntfStatusChange(Ovel::IntfId const & intfId) {
-  intfStatus_.reconcileKey(this, intfId, allIntfStatusDir_->intfStatus(intfId));
-  handleIntfStatus(intfId);
-}
-
-void KniAllIntfDeviceNameReactor::doIntfStatusReconcile(bool keyless) {
-  if (keyless) handleIntfStatus();
-  if (allIntfStatusDir_) intfStatus_.reconcile(this, allIntfStatusDir_->intfStatusIter());
-}
-
-void KniAllIntfDeviceNameReactor::doIntfStatusLocalChange(Ovel::IntfId const & intfId) {
-  intfStatusLocal_.reconcileKey(this, intfId, allIntfStatusLocalDir_->intfStatusLocal(intfId));
-  handleIntfStatusLocal(intfId);
-}
-
-void KniAllIntfDeviceNameReactor::doIntfStatusLocalReconcile(bool keyless) {
-  if (keyless) handleIntfStatusLocal();
-  if (allIntfStatusLocalDir_) intfStatusLocal_.reconcile(this, allIntfStatusLocalDir_->intfStatusLocalIter());
-}
-
 Vorn::Ptr<IntfStatusIndexDir> KniAllIntfDeviceNameReactor::indexOf(Ovel::NamespaceName const & ns) const {
   return netNsIntfStatusIndexDir_->intfStatusIndexDir(Vorn::Name(ns.name()));
 }
 
-void KniAllIntfDeviceNameReactor::handleIntfStatus() { VORN_ASSERT(intfStatusToDeviceNames() == 0); }
+void KniAllIntfDeviceNameReactor::unindex(Ovel::IntfId const & intfId, Ovel::NamespaceName const & ns,
+                                          Vorn::String const & name) {
+  auto const claims = claims_.find(ns.name().stdString());
+  if (claims != claims_.end()) {
+    claims->second.unclaim(indexOf(ns).ptr(), name, intfId);
+    if (claims->second.empty()) claims_.erase(claims);
+  }
+  delEntry(intfStatusToDeviceName_, intfId, &NotifieeConst::onIntfStatusToDeviceName);
+}
 
-void KniAllIntfDeviceNameReactor::handleIntfStatusLocal() { VORN_ASSERT(intfStatusToDeviceNames() == 0); }
+Ovel::NamespaceName KniAllIntfDeviceNameReactor::wantIs(Ovel::IntfId const & intfId, uint64_t * seq) {
+  Vorn::Ptr<IntfStatus const> const status = watcher_.status(intfId);
+  Vorn::Ptr<IntfStatusLocal const> const local = watcher_.local(intfId);
+  Ovel::NamespaceName intfNsName = Ovel::NamespaceName::defaultNamespace();
+  if (local && !local->netNsName().empty() && filterByNetNs_) intfNsName = local->netNsName();
+  Vorn::String const cur = status ? status->deviceName() : Vorn::String();
+  if (cur.empty()) {
+    wants_.del(intfId);
+  } else if (uint64_t const s = wants_.seqIs(intfId, intfNsName, cur); seq) {
+    *seq = s;
+  }
+  return intfNsName;
+}
+
+void KniAllIntfDeviceNameReactor::handleIntfStatus() { VORN_ASSERT(intf()->intfStatuss() == 0); }
+
+void KniAllIntfDeviceNameReactor::handleIntfStatusLocal() { VORN_ASSERT(intf()->intfStatuss() == 0); }
 
 void KniAllIntfDeviceNameReactor::handleIntfStatus(Ovel::IntfId const & intfId) {
   KNISM_TRACE(3, "void Interface::KniAllIntfDeviceNameReactor::handleIntfStatus(Ovel::IntfId)"
                      << " for " << intfId << " filterByNetNs: " << filterByNetNs_);
-  if (allIntfStatusDir_ && allIntfStatusDir_->intfStatus(intfId)) {
+  wantIs(intfId, nullptr);
+  if (watcher_.status(intfId)) {
     KNISM_TRACE(3, intfId << " was added");
   } else if (!intfStatusToDeviceName(intfId).empty()) {
     KNISM_TRACE(3, intfId << " was removed");
@@ -193,9 +127,10 @@ void KniAllIntfDeviceNameReactor::handleIntfStatus(Ovel::IntfId const & intfId) 
 void KniAllIntfDeviceNameReactor::handleIntfStatusLocal(Ovel::IntfId const & intfId) {
   KNISM_TRACE(3, "void Interface::KniAllIntfDeviceNameReactor::handleIntfStatusLocal(Ovel::IntfId)"
                      << " for " << intfId << " filterByNetNs: " << filterByNetNs_);
-  if (allIntfStatusLocalDir_ && allIntfStatusLocalDir_->intfStatusLocal(intfId)) {
+  wantIs(intfId, nullptr);
+  if (watcher_.local(intfId)) {
     KNISM_TRACE(3, intfId << "local status was added");
-  } else if (!intfStatusToDeviceName(intfId).empty()) {
+  } else if (!intfStatusToDeviceName(intfId).empty() || watcher_.status(intfId)) {
     KNISM_TRACE(3, intfId << " local status was removed");
   } else {
     return;
@@ -205,55 +140,62 @@ void KniAllIntfDeviceNameReactor::handleIntfStatusLocal(Ovel::IntfId const & int
 
 void KniAllIntfDeviceNameReactor::handleDeviceName(Ovel::IntfId const & intfId) {
   KNISM_TRACE(3, handleDeviceNameText << " for " << intfId << " filterByNetNs: " << filterByNetNs_);
-  Vorn::Ptr<IntfStatus const> const status = allIntfStatusDir_ ? allIntfStatusDir_->intfStatus(intfId) : nullptr;
-  Vorn::Ptr<IntfStatusLocal const> const local =
-      allIntfStatusLocalDir_ ? allIntfStatusLocalDir_->intfStatusLocal(intfId) : nullptr;
-  Ovel::NamespaceName intfNsName = Ovel::NamespaceName::defaultNamespace();
-  if (local && !local->netNsName().empty() && filterByNetNs_) intfNsName = local->netNsName();
+  Vorn::Ptr<IntfStatus const> const status = watcher_.status(intfId);
+  uint64_t seq = 0;
+  Ovel::NamespaceName const intfNsName = wantIs(intfId, &seq);
   Ovel::NamespaceName const prevNsName = intfToNs(intfId).orDefault();
   bool const moved = !(prevNsName == intfNsName);
   KNISM_TRACE(3, handleDeviceNameText << "interface " << intfId << " prevNsName is " << '"' << prevNsName << '"'
                                       << " intfNsName is " << '"' << intfNsName << '"');
 
-  Vorn::Ptr<IntfStatusIndexDir> const dir = indexOf(intfNsName);
+  Vorn::Ptr<IntfStatusIndexDir> dir = indexOf(intfNsName);
   Vorn::Ptr<NetNsIntfIdMap> const ids = netNsIntfIdMapIs(intfNsName.name());
-  if (moved) {
-    if (Vorn::Ptr<NetNsIntfIdMap> const prevIds = netNsIntfIdMap(prevNsName.name())) prevIds->intfDel(intfId);
-  }
-  if (!dir) {
-    // Waits for the namespace's index; until then it stays where it was.
+  Vorn::String prev = intfStatusToDeviceName(intfId);
+  Ovel::NamespaceName fileNs = intfNsName;
+  if (dir) {
+    if (moved) {
+      if (Vorn::Ptr<NetNsIntfIdMap> const prevIds = netNsIntfIdMap(prevNsName.name())) prevIds->intfDel(intfId);
+    }
+    setEntry(intfToNs_, intfId, intfNsName, &NotifieeConst::onIntfToNs);
+  } else {
     ids->intfIs(intfId, true);
     KNISM_TRACE(3, handleDeviceNameText << " no intfStatusDir created for " << intfNsName);
-    return;
-  }
-
-  setEntry(intfToNs_, intfId, intfNsName, &NotifieeConst::onIntfToNs);
-  Vorn::String const prev = intfStatusToDeviceName(intfId);
-  if (!prev.empty() && moved && filterByNetNs_) {
-    if (Vorn::Ptr<IntfStatusIndexDir> const prevDir = indexOf(prevNsName)) {
-      KNISM_TRACE(0, "Removing intf " << intfId << " from prevDir " << prevDir->name());
-      prevDir->intfStatusDel(prev);
-    }
-  }
-  if (status) {
-    Vorn::String const cur = status->deviceName();
-    if (!prev.empty() && !(prev == cur)) {
-      KNISM_TRACE(0, "Deleting intf " << prev << "->" << intfId << " in " << dir->name());
-      dir->intfStatusDel(prev);
-    }
-    if (!cur.empty()) {
-      KNISM_TRACE(0, "Adding intf " << cur << "->" << intfId << " in " << dir->name());
-      dir->intfStatusIs(cur, status);
-      setEntry(intfStatusToDeviceName_, intfId, cur, &NotifieeConst::onIntfStatusToDeviceName);
-      ids->intfIs(intfId, true);
+    // Waits for its namespace's index, filed meanwhile where it was; when that index is gone too, it
+    // is not filed anywhere.
+    dir = prev.empty() ? nullptr : indexOf(prevNsName);
+    if (!dir) {
+      if (!prev.empty()) unindex(intfId, prevNsName, prev);
+      if (moved) {
+        if (Vorn::Ptr<NetNsIntfIdMap> const prevIds = netNsIntfIdMap(prevNsName.name())) prevIds->intfDel(intfId);
+      }
       return;
     }
+    fileNs = prevNsName;
+  }
+
+  if (!prev.empty() && !(prevNsName == fileNs)) {
+    if (Vorn::Ptr<IntfStatusIndexDir> const prevDir = indexOf(prevNsName)) {
+      KNISM_TRACE(0, "Removing intf " << intfId << " from prevDir " << prevDir->name());
+    }
+    unindex(intfId, prevNsName, prev);
+    prev = Vorn::String();
+  }
+  Vorn::String const cur = status ? status->deviceName() : Vorn::String();
+  if (!cur.empty()) {
+    if (!prev.empty() && !(prev == cur)) {
+      KNISM_TRACE(0, "Deleting intf " << prev << "->" << intfId << " in " << dir->name());
+      claims_[fileNs.name().stdString()].unclaim(dir.ptr(), prev, intfId);
+    }
+    KNISM_TRACE(0, "Adding intf " << cur << "->" << intfId << " in " << dir->name());
+    claims_[fileNs.name().stdString()].claim(dir.ptr(), cur, status, seq);
+    setEntry(intfStatusToDeviceName_, intfId, cur, &NotifieeConst::onIntfStatusToDeviceName);
+    netNsIntfIdMapIs(fileNs.name())->intfIs(intfId, true);
+    return;
   }
   if (prev.empty()) return;
   KNISM_TRACE(0, "Removing intf " << intfId << " from " << dir->name());
-  dir->intfStatusDel(prev);
-  delEntry(intfStatusToDeviceName_, intfId, &NotifieeConst::onIntfStatusToDeviceName);
-  ids->intfDel(intfId);
+  unindex(intfId, fileNs, prev);
+  netNsIntfIdMapIs(fileNs.name())->intfDel(intfId);
 }
 
 void KniAllIntfDeviceNameReactor::handleNetNsIntfStatusIndexDir(Vorn::String const & nsName) {

@@ -12,14 +12,28 @@
 //   interface goes where its IntfStatusLocal's netNsName says (empty: the default namespace).
 // - An interface whose namespace has no index yet waits in `netNsIntfIdMap` (and stays in the index it
 //   was in) until the index is added; then it is filed, and removed from its previous namespace's index.
-// - Duplicated device names behave as in AllIntfDeviceNameReactor: the later interface wins the key.
+// - Duplicated device names behave as in AllIntfDeviceNameReactor, per namespace: the interface that
+//   started reporting the name later holds the key, the other waits behind it and gets the name back
+//   when the holder leaves it (rather than the key going while an interface still reports it).
+// - An interface that moves to a namespace without an index stays filed in its previous namespace's
+//   index, and there it keeps following its device name and its status (a rename or a deleted status
+//   while it waits is not left behind as a stale entry). When that previous index goes too, the
+//   interface is simply not indexed until its own namespace's index comes.
+// - A local status that goes is handled also for an interface that is not indexed but has a status:
+//   it was waiting for its namespace's index, and now belongs in the default namespace's.
+// - A move takes only the interface's own claim out of the old index; it never deletes its old device
+//   name from the new namespace's index, where that name may be another interface's entry.
 //
 // Threading: everything runs on the agent's one loop thread and nothing is locked. The nested
 // reactors keep the directories they watch alive (a bound notifiee holds its notifier).
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <string>
 
+#include "intfsm/IntfByDevice/DeviceNameClaims.h"
+#include "intfsm/IntfByDevice/IntfStatusWatcher.h"
 #include "intfsm/IntfByDevice/NetNsIntfStatusIndexDir.h"
 #include "intfsm/KniIntfStatusManager/NetNsIntfIdMap.h"
 #include "intfsm/foundation/interface/AllIntfStatusDir.h"
@@ -42,40 +56,29 @@ class KniAllIntfDeviceNameReactor : public Vorn::Entity {
     virtual void onInitialized() {}
   };
 
-  // Watches one interface's deviceName.
-  class VornIntfStatus : public Vorn::Reactor<KniAllIntfDeviceNameReactor, IntfStatus> {
-   public:
-    VornIntfStatus(KniAllIntfDeviceNameReactor * owner, Ovel::IntfId const & id) : Reactor(owner), intfId_(id) {}
-    void onDeviceName() override { run(&VornIntfStatus::handleDeviceName); }
-    void handleDeviceName();
-
-   private:
-    Ovel::IntfId intfId_;
-  };
-
-  // Watches one interface's netNsName.
-  class VornIntfStatusLocal : public Vorn::Reactor<KniAllIntfDeviceNameReactor, IntfStatusLocal> {
-   public:
-    VornIntfStatusLocal(KniAllIntfDeviceNameReactor * owner, Ovel::IntfId const & id) : Reactor(owner), intfId_(id) {}
-    void onNetNsName() override { run(&VornIntfStatusLocal::handleDeviceNetNs); }
-    void handleDeviceNetNs();
-
-   private:
-    Ovel::IntfId intfId_;
-  };
+  using Watcher = IntfStatusWatcher<KniAllIntfDeviceNameReactor>;
+  using VornIntfStatus = Watcher::VornIntfStatus;
+  using VornIntfStatusLocal = Watcher::VornIntfStatusLocal;
+  static constexpr char const * vornIntfStatusText =
+      "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatus::handleDeviceName()";
+  static constexpr char const * vornIntfStatusLocalText =
+      "void Interface::KniAllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs()";
+  static Brisklog::Handle & vornTrace();
 
   ~KniAllIntfDeviceNameReactor() override;
   char const * vornTypeName() const override { return "Interface::KniAllIntfDeviceNameReactor"; }
 
-  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return intfStatus_.reactor(id); }
-  uint32_t intfStatuss() const { return intfStatus_.size(); }
+  Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & id) const { return watcher_.intfStatus(id); }
+  uint32_t intfStatuss() const { return watcher_.intfStatuss(); }
   // Watches `status` for its interface (replacing the entity watched so far); null raises
   // Vorn::RangeException.
-  void intfStatusIs(Vorn::Ptr<IntfStatus const> const & status);
-  void intfStatusDel(Ovel::IntfId const & id);
+  void intfStatusIs(Vorn::Ptr<IntfStatus const> const & status) { watcher_.intfStatusIs(status); }
+  void intfStatusDel(Ovel::IntfId const & id) { watcher_.intfStatusDel(id); }
 
-  Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir() const { return allIntfStatusDir_; }
-  Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir() const { return allIntfStatusLocalDir_; }
+  Vorn::Ptr<AllIntfStatusDir const> const & allIntfStatusDir() const { return watcher_.allIntfStatusDir(); }
+  Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir() const {
+    return watcher_.allIntfStatusLocalDir();
+  }
   Vorn::Ptr<NetNsIntfStatusIndexDir> const & netNsIntfStatusIndexDir() const { return netNsIntfStatusIndexDir_; }
   bool filterByNetNs() const { return filterByNetNs_; }
 
@@ -93,11 +96,11 @@ class KniAllIntfDeviceNameReactor : public Vorn::Entity {
   uint32_t intfStatusToDeviceNames() const { return intfStatusToDeviceName_.size(); }
 
   Vorn::Ptr<VornIntfStatusLocal> intfStatusLocal(Ovel::IntfId const & id) const {
-    return intfStatusLocal_.reactor(id);
+    return watcher_.intfStatusLocal(id);
   }
-  uint32_t intfStatusLocals() const { return intfStatusLocal_.size(); }
-  void intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal const> const & local);
-  void intfStatusLocalDel(Ovel::IntfId const & id);
+  uint32_t intfStatusLocals() const { return watcher_.intfStatusLocals(); }
+  void intfStatusLocalIs(Vorn::Ptr<IntfStatusLocal const> const & local) { watcher_.intfStatusLocalIs(local); }
+  void intfStatusLocalDel(Ovel::IntfId const & id) { watcher_.intfStatusLocalDel(id); }
 
   bool initialized() const { return initialized_; }
 
@@ -112,8 +115,6 @@ class KniAllIntfDeviceNameReactor : public Vorn::Entity {
   void vornDoZombieReactors(bool zombie);
 
  private:
-  class VornAllIntfStatusDir;
-  class VornAllIntfStatusLocalDir;
   class VornNetNsIntfStatusIndexDir;
   friend Vorn::Ptr<KniAllIntfDeviceNameReactor> kniAllIntfDeviceNameReactorFactory(
       Vorn::Ptr<AllIntfStatusDir const> const &, Vorn::Ptr<AllIntfStatusLocalDir const> const &,
@@ -123,26 +124,31 @@ class KniAllIntfDeviceNameReactor : public Vorn::Entity {
                               Vorn::Ptr<AllIntfStatusLocalDir const> const & allIntfStatusLocalDir,
                               Vorn::Ptr<NetNsIntfStatusIndexDir> const & netNsIntfStatusIndexDir, bool filterByNetNs);
 
-  // What the directory reactors run: one key changed, or the whole directory is to be matched.
-  void doIntfStatusChange(Ovel::IntfId const & intfId);
-  void doIntfStatusReconcile(bool keyless);
-  void doIntfStatusLocalChange(Ovel::IntfId const & intfId);
-  void doIntfStatusLocalReconcile(bool keyless);
+  // What the key-less handlers check, as one index of every namespace: the interfaces filed anywhere.
+  struct FiledIntfs {
+    KniAllIntfDeviceNameReactor const * reactor;
+    uint32_t intfStatuss() const { return reactor->intfStatusToDeviceNames(); }
+    FiledIntfs const * operator->() const { return this; }
+  };
+  FiledIntfs intf() const { return FiledIntfs{this}; }
   // The index of namespace `ns`, or null.
   Vorn::Ptr<IntfStatusIndexDir> indexOf(Ovel::NamespaceName const & ns) const;
+  // Takes the interface's claim on `name` in namespace `ns` back (the name passes to the next claimant
+  // there, when the index still exists) and forgets its device name.
+  void unindex(Ovel::IntfId const & intfId, Ovel::NamespaceName const & ns, Vorn::String const & name);
+  // The namespace the interface belongs in now; notes when it started reporting that namespace and
+  // its device name (the age of its claim, given in `seq` when not null).
+  Ovel::NamespaceName wantIs(Ovel::IntfId const & intfId, uint64_t * seq);
 
-  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatus> intfStatus_{&VornIntfStatus::handleDeviceName};
-  Vorn::Ptr<AllIntfStatusDir const> allIntfStatusDir_;
-  Vorn::Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir_;
+  Watcher watcher_{this};
   Vorn::Ptr<NetNsIntfStatusIndexDir> netNsIntfStatusIndexDir_;
   bool filterByNetNs_;
   Vorn::Collection<Vorn::String, Vorn::Ptr<NetNsIntfIdMap>> netNsIntfIdMap_;
   Vorn::Collection<Ovel::IntfId, Ovel::NamespaceName> intfToNs_;
   Vorn::Collection<Ovel::IntfId, Vorn::String> intfStatusToDeviceName_;
-  Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatusLocal> intfStatusLocal_{&VornIntfStatusLocal::handleDeviceNetNs};
   bool initialized_ = false;
-  Vorn::Ptr<VornAllIntfStatusDir> allIntfStatusDirReactor_;
-  Vorn::Ptr<VornAllIntfStatusLocalDir> allIntfStatusLocalDirReactor_;
+  std::map<std::string, DeviceNameClaims> claims_;  // per namespace
+  DeviceNameWants wants_;
   Vorn::Ptr<VornNetNsIntfStatusIndexDir> netNsIntfStatusIndexDirReactor_;
 };
 

@@ -51,7 +51,7 @@ KniIntfStatusManager::KniIntfStatusManager(Vorn::Ptr<DeviceIntfStatusDir> const 
 }
 
 KniIntfStatusManager::~KniIntfStatusManager() {
-  vornDoZombieReactors(true);
+  unpublishAll();
   kernelIntfDirReactor_ = nullptr;
   kniRootReactor_ = nullptr;
 }
@@ -96,46 +96,86 @@ void KniIntfStatusManager::handleKernelIntf() {
 }
 
 void KniIntfStatusManager::handleKernelIntf(Vorn::String const & name) {
-  if (!initialized_) return;
+  if (!initialized_ || retired_) return;
   KNISM_TRACE(8, "KniIntfStatusManager::" << "handleKernelIntf" << "(" << name << ")" << " myNs: " << nsName_);
-  Vorn::Ptr<IntfStatus const> const status = kernelIntfDir_->intfStatus(name);
-  Ovel::IntfId id;
-  if (status) {
-    id = status->intfId();
-  } else if (auto const parsed = Ovel::IntfId::fromName(kernelOnlyInterface(name))) {
-    id = *parsed;
-  }
+  Vorn::String const key = name;  // `name` may be a key of deviceToName, which changes below
+  Ovel::IntfId const id = resolved(key);
+  Ovel::IntfId const last = deviceToName(key);
 
   if (id.empty()) {
-    Ovel::IntfId const last = deviceToName(name);
-    KNISM_TRACE(7, "handleKernelIntf removing " << last << " from kernelIntfStatusDir (" << name
+    KNISM_TRACE(7, "handleKernelIntf removing " << last << " from kernelIntfStatusDir (" << key
                                                 << " not in kernelIntfDir)");
-    IntfStatusAndDeviceName const removed = kernelIntfStatusDir_->intfStatusAndDeviceNameDel(last);
-    if (!!removed) kernelIntfStatusDir_->intfStatusByIfIndexDel(removed.ifIndex);
-    deviceToNameDel(name);
+    deviceToNameDel(key);
+    if (!last.empty()) publish(last, key);
     return;
   }
 
+  KernelNetInfo::Interface const device = kniRoot_ ? kniRoot_->interfaceByDeviceName(key) : KernelNetInfo::Interface();
+  KNISM_TRACE(7, "kernelIntfDir: " << key << " is " << id);
+  KNISM_TRACE(7, "kernelDevice: " << key << " " << (device ? device.deviceName() : Vorn::String("none")));
+  deviceToNameIs(key, id);
+  // The name now leads to another interface: the one it led to loses it first, so that one ifindex
+  // never stands for two interfaces.
+  if (!last.empty() && !(last == id)) publish(last, key);
+  publish(id, key);
+}
+
+Ovel::IntfId KniIntfStatusManager::resolved(Vorn::String const & name) const {
+  if (Vorn::Ptr<IntfStatus const> const status = kernelIntfDir_->intfStatus(name)) return status->intfId();
+  if (auto const parsed = Ovel::IntfId::fromName(kernelOnlyInterface(name))) return *parsed;
+  return Ovel::IntfId();
+}
+
+bool KniIntfStatusManager::present(Vorn::String const & name) const {
   KernelNetInfo::Interface const device = kniRoot_ ? kniRoot_->interfaceByDeviceName(name) : KernelNetInfo::Interface();
-  KNISM_TRACE(7, "kernelIntfDir: " << name << " is " << id);
-  KNISM_TRACE(7, "kernelDevice: " << name << " " << (device ? device.deviceName() : Vorn::String("none")));
-  deviceToNameIs(name, id);
+  return device && (!omitNonRunningKernelDevices_ || (device.flags() & runningFlag) != 0);
+}
 
-  bool const present = device && (!omitNonRunningKernelDevices_ || (device.flags() & runningFlag) != 0);
-  if (present) {
-    uint32_t const oldIfIndex = kernelIntfStatusDir_->intfStatusAndDeviceName(id).ifIndex;
-    uint32_t const newIfIndex = device.ifIndex();
-    KNISM_TRACE(7, "handleKernelIntf adding " << id << " with ifIndex " << newIfIndex << " to kernelIntfStatusDir ("
-                                              << name << ") oldIfIndex: " << oldIfIndex);
-    VORN_ASSERT(!oldIfIndex || oldIfIndex == newIfIndex);
-    IntfStatusAndDeviceName const record{status, name, newIfIndex};
-    kernelIntfStatusDir_->intfStatusAndDeviceNameIs(id, record);
-    kernelIntfStatusDir_->intfStatusByIfIndexIs(newIfIndex, record);
+Vorn::String KniIntfStatusManager::publishedName(Ovel::IntfId const & id) const {
+  Vorn::String best;
+  bool bestIndexed = false;
+  for (auto const & e : deviceToName_) {
+    if (!(e.value == id) || !present(e.key)) continue;
+    bool const indexed = static_cast<bool>(kernelIntfDir_->intfStatus(e.key));
+    if (best.empty() || (indexed && !bestIndexed) ||
+        (indexed == bestIndexed && e.key.stdString() < best.stdString())) {
+      best = e.key;
+      bestIndexed = indexed;
+    }
+  }
+  return best;
+}
+
+void KniIntfStatusManager::publish(Ovel::IntfId const & id, Vorn::String const & name) {
+  Vorn::String const chosen = publishedName(id);
+  IntfStatusAndDeviceName current = kernelIntfStatusDir_->intfStatusAndDeviceName(id);
+  if (chosen.empty()) {
+    KNISM_TRACE(7, "handleKernelIntf removing " << id << " from kernelIntfStatusDir (" << name << ")");
+    kernelIntfStatusDir_->entryDel(id);
     return;
   }
-  KNISM_TRACE(7, "handleKernelIntf removing " << id << " from kernelIntfStatusDir (" << name << ")");
-  IntfStatusAndDeviceName const removed = kernelIntfStatusDir_->intfStatusAndDeviceNameDel(id);
-  if (!!removed) kernelIntfStatusDir_->intfStatusByIfIndexDel(removed.ifIndex);
+  // Published under another device name (the interface took another name, or lost a contested one):
+  // that entry goes first; the ifindex of one device name never changes in place.
+  if (current.ifIndex && !(current.deviceName == chosen)) {
+    kernelIntfStatusDir_->entryDel(id);
+    current = IntfStatusAndDeviceName();
+  }
+  uint32_t const oldIfIndex = current.ifIndex;
+  uint32_t const newIfIndex = kniRoot_->interfaceByDeviceName(chosen).ifIndex();
+  KNISM_TRACE(7, "handleKernelIntf adding " << id << " with ifIndex " << newIfIndex << " to kernelIntfStatusDir ("
+                                            << chosen << ") oldIfIndex: " << oldIfIndex);
+  VORN_ASSERT(!oldIfIndex || oldIfIndex == newIfIndex);
+  kernelIntfStatusDir_->entryIs(id, IntfStatusAndDeviceName{kernelIntfDir_->intfStatus(chosen), chosen, newIfIndex});
+}
+
+void KniIntfStatusManager::unpublishAll() {
+  retired_ = true;
+  vornDoZombieReactors(true);
+  while (Vorn::String const * name = deviceToName_.anyKey()) {
+    Vorn::String const key = *name;
+    kernelIntfStatusDir_->entryDel(deviceToName(key));
+    deviceToNameDel(key);
+  }
 }
 
 void KniIntfStatusManager::omitNonRunningKernelDevicesIs(bool omit) {

@@ -15,6 +15,16 @@
 // - An interface's published ifindex never changes in place: a device that comes back under the same
 //   name with another ifindex must be seen gone first (KernelNetInfo::Root tells a name's removal
 //   before its new holder), else the assertion "!oldIfIndex || oldIfIndex == newIfIndex" fires.
+// - Both views of kernelIntfStatusDir change together (entryIs / entryDel), so an entry by ifindex
+//   never outlives its entry by id, also for a kernel-only device (whose record has no status and
+//   so counts as empty).
+// - One interface, one device name: when a name comes to lead to another interface (two interfaces
+//   swapping names, a duplicate resolved in the index), the interface it led to is unpublished first
+//   and re-published under a name still its own, if any; only then is the new one published. When two
+//   present names lead to one interface (a kernel-only name given the id of an indexed interface),
+//   it is published under the index's name, else the smallest. Without this the same ifindex would
+//   stand for two interfaces and the ifindex assertion would fire on the next change.
+// - A manager dropped from its root (or destroyed) unpublishes what it published.
 // - `deviceToName` remembers the id each device name was last resolved to, so that a name both sides
 //   have forgotten is still unpublished.
 //
@@ -89,6 +99,10 @@ class KniIntfStatusManager : public Vorn::Entity {
   void handleInitialized();
 
   void vornDoZombieReactors(bool zombie);
+  // Stops following the index and the kernel, and takes back everything published (both views).
+  // The destructor does it too; the root does it when the manager's namespace is dropped, whoever
+  // else still holds the manager.
+  void unpublishAll();
 
  private:
   class VornKernelIntfDir;
@@ -100,6 +114,16 @@ class KniIntfStatusManager : public Vorn::Entity {
   KniIntfStatusManager(Vorn::Ptr<DeviceIntfStatusDir> const & kernelIntfStatusDir,
                        Vorn::Ptr<KernelNetInfo::Status const> const & kniStatus, Ovel::NamespaceName const & nsName);
 
+  // The interface a device name leads to: the index's, else the kernel-only one; the empty id.
+  Ovel::IntfId resolved(Vorn::String const & name) const;
+  // The device exists and counts (running, when only running devices count).
+  bool present(Vorn::String const & name) const;
+  // Of the present device names that lead to `id`, the one it is published under: a name of the
+  // index before a kernel-only one, then the smallest. Empty when none.
+  Vorn::String publishedName(Ovel::IntfId const & id) const;
+  // Brings `id`'s entries in kernelIntfStatusDir in line with publishedName(id); `name` is the device
+  // name being handled, for the traces.
+  void publish(Ovel::IntfId const & id, Vorn::String const & name);
   void initializedIs(bool initialized);
   void deviceToNameIs(Vorn::String const & name, Ovel::IntfId const & id);
   void deviceToNameDel(Vorn::String const & name);
@@ -114,6 +138,7 @@ class KniIntfStatusManager : public Vorn::Entity {
   Vorn::Collection<Vorn::String, Vorn::String> kernelOnlyInterface_;
   Vorn::Collection<Vorn::String, Ovel::IntfId> deviceToName_;
   bool initialized_ = false;
+  bool retired_ = false;  // unpublishAll ran: nothing is published any more
   Vorn::Ptr<VornKernelIntfDir> kernelIntfDirReactor_;
   Vorn::Ptr<VornKniRoot> kniRootReactor_;
 };

@@ -38,7 +38,11 @@ NetNsIntfStatusManagerRoot::NetNsIntfStatusManagerRoot(Vorn::Ptr<AllIntfStatusDi
 NetNsIntfStatusManagerRoot::~NetNsIntfStatusManagerRoot() {
   // The reactor first, so that nothing is filed into indexes while the managers go.
   isbdn_ = nullptr;
-  while (Ovel::NamespaceName const * key = intfStatusManager_.anyKey()) intfStatusManager_.del(Ovel::NamespaceName(*key));
+  while (Ovel::NamespaceName const * key = intfStatusManager_.anyKey()) {
+    Ovel::NamespaceName const ns = *key;
+    intfStatusManager_.get(ns)->unpublishAll();
+    intfStatusManager_.del(ns);
+  }
   netNsIntfStatusIndexDir_ = nullptr;
 }
 
@@ -77,6 +81,8 @@ Vorn::Ptr<KniIntfStatusManager> NetNsIntfStatusManagerRoot::intfStatusManagerIs(
 
 void NetNsIntfStatusManagerRoot::intfStatusManagerDel(Ovel::NamespaceName const & nsName) {
   Ovel::NamespaceName const key = nsName;  // `nsName` may be the key of the entry that goes
+  // What it published goes with it, also when someone else still holds the manager.
+  if (Vorn::Ptr<KniIntfStatusManager> const manager = intfStatusManager_.get(key)) manager->unpublishAll();
   delEntry(intfStatusManager_, key, &NotifieeConst::onIntfStatusManager);
   handleIntfStatusManager(key);
 }

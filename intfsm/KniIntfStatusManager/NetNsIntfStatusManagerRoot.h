@@ -10,6 +10,11 @@
 //   // kis now holds blue's interfaces by id and by ifindex, and follows them
 //   root->intfStatusManagerDel(Ovel::NamespaceName("blue"));
 //
+// Dropping a namespace's manager takes back what it published in its kernelIntfStatusDir, by id and
+// by ifindex, at once (also when someone else still holds the manager): left there, the entries
+// would go stale as the kernel changes, and a manager made again over a device that came back with
+// another ifindex would trip the ifindex assertion.
+//
 // Without filterByNetNs only the default namespace (DEFAULT_NS) may have a manager; asking for another
 // is a program error (assertion). Asking again for a namespace with the same arguments returns the same
 // manager; with another kernelIntfStatusDir or kniStatus it raises Vorn::NameInUseException.

@@ -18,6 +18,38 @@ IntfStatusAndDeviceName DeviceIntfStatusDir::intfStatusAndDeviceNameDel(Ovel::In
   return removed;
 }
 
+void DeviceIntfStatusDir::entryIs(Ovel::IntfId const & id, IntfStatusAndDeviceName const & record) {
+  Ovel::IntfId const key = id;
+  IntfStatusAndDeviceName const old = intfStatusAndDeviceName_.get(key);
+  if (old.ifIndex && old.ifIndex != record.ifIndex && ifIndexOwner_.get(old.ifIndex) == key) {
+    ifIndexOwner_.del(old.ifIndex);
+    intfStatusByIfIndexDel(old.ifIndex);
+  }
+  if (record.ifIndex) {
+    Ovel::IntfId const holder = ifIndexOwner_.get(record.ifIndex);
+    if (!holder.empty() && !(holder == key)) entryDel(holder);
+  }
+  // By ifindex first: whoever reacts to the id's notification finds both views agreeing.
+  if (record.ifIndex) {
+    ifIndexOwner_.set(record.ifIndex, key);
+    intfStatusByIfIndexIs(record.ifIndex, record);
+  }
+  intfStatusAndDeviceNameIs(key, record);
+}
+
+IntfStatusAndDeviceName DeviceIntfStatusDir::entryDel(Ovel::IntfId const & id) {
+  Ovel::IntfId const key = id;
+  IntfStatusAndDeviceName const * stored = intfStatusAndDeviceName_.find(key);
+  if (!stored) return {};
+  IntfStatusAndDeviceName const removed = *stored;
+  if (removed.ifIndex && ifIndexOwner_.get(removed.ifIndex) == key) {
+    ifIndexOwner_.del(removed.ifIndex);
+    intfStatusByIfIndexDel(removed.ifIndex);
+  }
+  intfStatusAndDeviceNameDel(key);
+  return removed;
+}
+
 void DeviceIntfStatusDir::intfStatusAndDeviceNameDelAll() {
   delAllEntries(intfStatusAndDeviceName_, &NotifieeConst::onIntfStatusAndDeviceName);
 }

@@ -9,9 +9,15 @@
 //   dir->intfStatusByIfIndexIs(7, r);                      // onIntfStatusByIfIndex(7)
 //   auto found = dir->intfStatusByIfIndex(7);              // an empty record when absent
 //
-// The two collections are independent: the writer keeps them consistent. Each mutator stores and
-// notifies its key only when the stored record changes; xDel returns the record it removed (an empty
-// record when the key was absent), which is what a writer needs to remove the twin entry.
+// A writer uses the paired mutators, which change both views together so that they always agree:
+// one interface id per ifindex and one ifindex per id.
+//
+//   dir->entryIs(status->intfId(), r);    // by id and by ifindex; an old ifindex of the id goes
+//   dir->entryDel(status->intfId());      // both entries go, also for a record without status
+//
+// The per-view mutators below stay for readers' tests and old writers; they change one view only.
+// Each mutator stores and notifies its key only when the stored record changes; xDel returns the
+// record it removed (an empty record when the key was absent).
 #pragma once
 
 #include <cstdint>
@@ -53,6 +59,16 @@ class DeviceIntfStatusDir : public Vorn::Entity {
     notify(&NotifieeConst::onIntfStatusAndDeviceName, id);
   }
 
+  // Publishes `record` for `id` in both views. The id's previous ifindex entry goes when the ifindex
+  // differs, and an id that held `record.ifIndex` loses both its entries first. Ifindex 0 publishes
+  // nothing by ifindex.
+  void entryIs(Ovel::IntfId const & id, IntfStatusAndDeviceName const & record);
+  // Removes the id's entries from both views (its ifindex entry only while that is the id's); returns
+  // the record removed by id, with its ifindex (ifIndex 0 when the id was absent).
+  IntfStatusAndDeviceName entryDel(Ovel::IntfId const & id);
+  // The id published with `ifIndex` by entryIs; the empty id when none.
+  Ovel::IntfId ifIndexOwner(uint32_t ifIndex) const { return ifIndexOwner_.get(ifIndex); }
+
   IntfStatusAndDeviceName intfStatusByIfIndex(uint32_t ifIndex) const { return intfStatusByIfIndex_.get(ifIndex); }
   ByIfIndexMap const & intfStatusByIfIndexIter() const { return intfStatusByIfIndex_; }
   uint32_t intfStatusByIfIndexs() const { return intfStatusByIfIndex_.size(); }
@@ -68,6 +84,7 @@ class DeviceIntfStatusDir : public Vorn::Entity {
  private:
   ByIntfIdMap intfStatusAndDeviceName_;
   ByIfIndexMap intfStatusByIfIndex_;
+  Vorn::Collection<uint32_t, Ovel::IntfId> ifIndexOwner_;  // who entryIs put under each ifindex
 };
 
 Vorn::Ptr<DeviceIntfStatusDir> deviceIntfStatusDirFactory(Vorn::Name const & name);

@@ -51,6 +51,7 @@ class IntfByDeviceTest : public IntfsmTest::ModuleTest {
     return out;
   }
   std::vector<std::string> anomalies() const { return trace.texts("IntfByDevice", 0); }
+  size_t traced(std::string const & text) const { return trace.count(text); }
 
   Vorn::Ptr<Interface::AllIntfStatusDir> all = Interface::allIntfStatusDirFactory("all");
   Vorn::Ptr<Interface::AllIntfStatusLocalDir> locals = Interface::allIntfStatusLocalDirFactory("locals");
@@ -77,17 +78,42 @@ TEST_F(IntfByDeviceTest, FollowsDeviceNamesDuplicatesAndNamespaces) {
       {"no device name, then one, then none", "default", false,
        [](auto & t) { t.status("Ethernet1", ""); t.status("Ethernet1", "et1"); t.status("Ethernet1", ""); },
        {}, {ignoring, ignoring, add1, "Deleting intf et1->Ethernet1"}},
-      {"duplicate: the later wins, either leaving removes the key", "default", false,
+      {"duplicate: the later holds the name; the other leaving leaves it", "default", false,
        [](auto & t) {
          t.status("Ethernet1", "et1");
          t.status("Ethernet2", "et1");
          EXPECT_EQ(t.indexed(), (Index{{"et1", "Ethernet2"}}));
+         EXPECT_THAT(t.reactor->claimants("et1"), ElementsAre(IntfId("Ethernet1"), IntfId("Ethernet2")));
          t.all->intfStatusDel(IntfId("Ethernet1"));
        },
-       {}, {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2"}},
+       {{"et1", "Ethernet2"}}, {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2"}},
+      {"duplicate: the holder moving on gives the name back", "default", false,
+       [](auto & t) { t.status("Ethernet1", "et1"); t.status("Ethernet2", "et1"); t.status("Ethernet2", "et2"); },
+       {{"et1", "Ethernet1"}, {"et2", "Ethernet2"}},
+       {add1, add1, "Adding intf et1->Ethernet2", "Adding intf et1->Ethernet2", "Deleting intf et1->Ethernet2",
+        "Adding intf et2->Ethernet2"}},
       {"filtered: empty netNsName is the default namespace", "blue", true,
        [](auto & t) { t.status("Ethernet1", "et1"); t.local("Ethernet1", ""); t.status("Ethernet2", "et2"); t.local("Ethernet2", "blue"); },
        {{"et2", "Ethernet2"}}, {"Adding intf et2->Ethernet2", "Adding intf et2->Ethernet2"}},
+      // Turning the filter off brings nothing back until the interface is notified; the same value
+      // again does nothing.
+      {"filter on evicts, off restores nothing", "blue", false,
+       [](auto & t) {
+         t.status("Ethernet1", "et1");
+         t.local("Ethernet1", "red");
+         t.status("Ethernet2", "et2");
+         t.reactor->filterByNetNsIs(true);
+         EXPECT_THAT(t.indexed(), IsEmpty());
+         EXPECT_EQ(t.traced("void Interface::AllIntfDeviceNameReactor::handleFilter() for Ethernet1"), 1u);
+         t.reactor->filterByNetNsIs(false);
+         size_t const before = t.traced("void Interface::AllIntfDeviceNameReactor::handleFilter() for Ethernet2");
+         t.reactor->filterByNetNsIs(false);
+         EXPECT_EQ(t.traced("void Interface::AllIntfDeviceNameReactor::handleFilter() for Ethernet2"), before);
+         EXPECT_THAT(t.indexed(), IsEmpty());
+         t.status("Ethernet2", "et2b");
+       },
+       {{"et2b", "Ethernet2"}},
+       {add1, add1, add1, add1, "Adding intf et2->Ethernet2", "Adding intf et2->Ethernet2", "Adding intf et2b->Ethernet2"}},
       {"filtered, empty netNs: moving out evicts", "", true,
        [](auto & t) { t.status("Ethernet1", "et1"); t.local("Ethernet1", "blue"); }, {}, {add1, add1}},
   };
@@ -129,25 +155,6 @@ TEST_F(IntfByDeviceTest, TracesEachStepOfAMoveIntoItsNamespace) {
   local("Ethernet1", "blue");
   EXPECT_EQ(trace.count("Ethernet1local status was added"), 1u) << trace.dump();
   EXPECT_EQ(indexed(), (Index{{"et1", "Ethernet1"}}));
-}
-
-// Turning the filter on evicts; turning it off brings nothing back until the interface is notified.
-TEST_F(IntfByDeviceTest, FilterOnEvictsAndFilterOffDoesNotRestore) {
-  status("Ethernet1", "et1");
-  local("Ethernet1", "red");
-  status("Ethernet2", "et2");
-  start("blue");
-  EXPECT_EQ(indexed(), (Index{{"et1", "Ethernet1"}, {"et2", "Ethernet2"}}));
-  reactor->filterByNetNsIs(true);
-  EXPECT_THAT(indexed(), IsEmpty());
-  EXPECT_EQ(trace.count("void Interface::AllIntfDeviceNameReactor::handleFilter() for Ethernet1"), 1u);
-  reactor->filterByNetNsIs(false);
-  EXPECT_THAT(indexed(), IsEmpty());
-  trace.clear();
-  reactor->filterByNetNsIs(false);
-  EXPECT_THAT(traces(), IsEmpty());
-  all->intfStatus(IntfId("Ethernet2"))->deviceNameIs("et2b");
-  EXPECT_EQ(indexed(), (Index{{"et2b", "Ethernet2"}}));
 }
 
 std::string quoted(std::string const & expression) {
