@@ -3,5 +3,7 @@
 #pragma once
 
 #include "intfsm/IntfByDevice/AllIntfDeviceNameReactor.h"
+#include "intfsm/IntfByDevice/DeviceNameClaims.h"
 #include "intfsm/IntfByDevice/IntfStatusIndexDir.h"
+#include "intfsm/IntfByDevice/IntfStatusWatcher.h"
 #include "intfsm/IntfByDevice/NetNsIntfStatusIndexDir.h"
