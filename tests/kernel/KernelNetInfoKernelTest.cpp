@@ -18,8 +18,7 @@
 
 #include "intfsm/KniIntfStatusManager/NetNsIntfStatusManagerRoot.h"
 #include "intfsm/foundation/kernel/KernelNetNsManager.h"
-#include "tests/support/NetNs.h"
-#include "tests/support/Descriptors.h"
+#include "tests/support/KernelModuleTest.h"
 #include "tests/support/ThrownText.h"
 
 namespace {
@@ -35,20 +34,14 @@ void add(Rows & rows, uint32_t ifIndex, std::string const & name, unsigned flags
   std::sort(rows.begin(), rows.end());
 }
 
-class KernelNetInfoKernel : public IntfsmTest::NetNsTest {
+class KernelNetInfoKernel : public IntfsmTest::KernelModuleTest {
  protected:
-  void SetUp() override {
-    NetNsTest::SetUp();
-    descriptors = IntfsmTest::openDescriptorCount();
-  }
   void TearDown() override {
     status = nullptr;
-    EXPECT_EQ(loop.watches(), 0u);
-    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    NetNsTest::TearDown();
+    KernelModuleTest::TearDown();
   }
   void enable(std::string const & ns, uint32_t rcvBufBytes = 0) {
-    status = Status::statusNew("kni", Ovel::NamespaceName(Vorn::String(ns)), nullptr, loop);
+    status = Status::statusNew("kni", Ovel::NamespaceName(Vorn::String(ns)), nullptr, loop());
     if (rcvBufBytes) status->rcvBufBytesIs(rcvBufBytes);
     status->enabledIs(true);
   }
@@ -70,11 +63,8 @@ class KernelNetInfoKernel : public IntfsmTest::NetNsTest {
     }
     return rows;
   }
-  bool runUntil(std::function<bool()> const & done) { return loop.runUntil(done, 10.0); }
   KernelNetInfo::Interface device(char const * name) const { return status->root()->interfaceByDeviceName(name); }
 
-  int descriptors = 0;
-  Vorn::ActivityManager loop;
   Vorn::Ptr<Status> status;
 };
 
@@ -123,7 +113,7 @@ TEST_F(KernelNetInfoKernel, RecoversFromAnOverrunAndEndsEqualToTheKernel) {
       netns().runIn(ns, "i=0; while [ $i -lt 50 ]; do echo link add vx$i type veth peer name vy$i; "
                         "echo link set vx$i up; i=$((i+1)); done | ip -batch -");
   ASSERT_EQ(burst.status, 0) << burst.output;
-  ASSERT_TRUE(runUntil([&] { return status->redumps() >= 1 && status->synced(); }))
+  ASSERT_TRUE(runUntil([&] { return status->redumps() >= 1 && status->synced(); }, 10.0))
       << "overruns " << status->overruns() << " redumps " << status->redumps();
   EXPECT_GE(status->overruns(), 1u);
   Rows const expected = kernel(ns);
@@ -157,7 +147,7 @@ TEST_F(KernelNetInfoKernel, ANamespaceDeletedAndRecreatedUnderItsNameIsFollowed)
   netns().vethPairNew(ns, "vx0", "vy0");  // so that va0's ifindex differs in the new namespace
   netns().vethPairNew(ns, "va0", "vb0");
   auto netNs = KernelNetNsInfo::Root::rootNew("netNs");
-  auto netNsManager = KernelNetNsInfo::ManagerIs(netNs, KernelNetNsInfo::Manager::defaultDirectory, loop);
+  auto netNsManager = KernelNetNsInfo::ManagerIs(netNs, KernelNetNsInfo::Manager::defaultDirectory, loop());
   netNsManager->hasNotificationActiveIs(true);
   enable(ns);
   status->netNsCollectionIs(netNs);

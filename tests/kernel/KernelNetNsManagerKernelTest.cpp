@@ -11,8 +11,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -28,26 +27,17 @@ uint32_t inodeOf(std::string const & path) {
 Ovel::NamespaceName nsName(std::string const & name) { return Ovel::NamespaceName(Vorn::String(name)); }
 
 // Whatever a test did, the manager it made leaves no watch and no descriptor behind.
-class KernelNetNsManagerKernel : public IntfsmTest::NetNsTest {
+class KernelNetNsManagerKernel : public IntfsmTest::KernelModuleTest {
  protected:
-  void SetUp() override {
-    NetNsTest::SetUp();
-    descriptors = IntfsmTest::openDescriptorCount();
-  }
   void TearDown() override {
     manager = nullptr;
-    EXPECT_EQ(loop.watches(), 0u);
-    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    NetNsTest::TearDown();
+    KernelModuleTest::TearDown();
   }
   void start(Vorn::String const & dir) {
-    manager = KernelNetNsInfo::ManagerIs(root, dir, loop);
+    manager = KernelNetNsInfo::ManagerIs(root, dir, loop());
     manager->hasNotificationActiveIs(true);
   }
-  bool runUntil(std::function<bool()> const & done) { return loop.runUntil(done, 10.0); }
 
-  int descriptors = 0;
-  Vorn::ActivityManager loop;
   Vorn::Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::Root::rootNew("netNs");
   Vorn::Ptr<Manager> manager;
 };

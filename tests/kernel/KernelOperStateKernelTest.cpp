@@ -11,9 +11,7 @@
 #include <chrono>
 
 #include "intfsm/KernelOperState/Root.h"
-#include "intfsm/foundation/vorn/ActivityManager.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 #include "tests/support/TraceCapture.h"
 
 using Ovel::IntfId;
@@ -22,21 +20,15 @@ using ::testing::ElementsAre;
 
 namespace {
 
-class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
+class KernelOperStateKernelTest : public IntfsmTest::KernelModuleTest {
  protected:
   void SetUp() override {
-    NetNsTest::SetUp();
+    KernelModuleTest::SetUp();
     if (IsSkipped()) return;
-    // The process's loop (its epoll descriptor) lives as long as the process: made before counting.
-    Vorn::activityManager();
-    fdsBefore = IntfsmTest::openDescriptorCount();
     ns1 = netns().namespaceNew();
     ns2 = netns().namespaceNew();
-    netns().vethPairNew(ns1, "va0", "vb0");
-    netns().vethPairNew(ns2, "vc0", "vd0");
-    for (auto [ns, dev] : {std::pair{ns1, "va0"}, {ns1, "vb0"}, {ns2, "vc0"}, {ns2, "vd0"}}) netns().linkUp(ns, dev);
-    ASSERT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
-    ASSERT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_UP));
+    vethUp(ns1, "va0", "vb0");
+    vethUp(ns2, "vc0", "vd0");
 
     // The expected wiring by the owning agent.
     root = KernelOperState::rootFactory("kos");
@@ -54,21 +46,11 @@ class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
     if (root) {
       for (auto const & e : root->kosm()->nsNetlinkSockFdIter()) close(e.value);
       root = nullptr;
-      EXPECT_EQ(IntfsmTest::openDescriptorCount(), fdsBefore);
     }
-    NetNsTest::TearDown();
+    KernelModuleTest::TearDown();
   }
 
   bool cached(std::string const & ns) { return root->kosm()->nsNetlinkSockFdHas(NamespaceName(ns)); }
-  // Loop passes of at most 10 ms (what is awaited may be the kernel's, with nothing to wake the loop).
-  bool runUntil(std::function<bool()> const & done, double seconds = 5.0) {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!done()) {
-      if (std::chrono::steady_clock::now() >= end) return false;
-      Vorn::activityManager().runOnce(0.01);
-    }
-    return true;
-  }
   int operState(std::string const & ns, char const * device) {
     auto link = netns().link(ns, device);
     return link ? link->operState : -1;
@@ -100,7 +82,6 @@ class KernelOperStateKernelTest : public IntfsmTest::NetNsTest {
 
   Vorn::Ptr<KernelOperState::Root> root;
   std::string ns1, ns2;
-  int fdsBefore = 0;
 };
 
 TEST_F(KernelOperStateKernelTest, OperStatusReachesTheDeviceInItsNamespace) {
@@ -128,24 +109,21 @@ TEST_F(KernelOperStateKernelTest, OperStatusReachesTheDeviceInItsNamespace) {
 
 TEST_F(KernelOperStateKernelTest, NamespacesCreatedAndDeletedAfterStartUp) {
   ASSERT_TRUE(runUntil([&] { return cached(ns1) && cached(ns2); }));
-  int const withTwo = IntfsmTest::openDescriptorCount();
+  int const withTwo = descriptorsOpened();
 
   std::string ns3 = netns().namespaceNew();
   ASSERT_TRUE(runUntil([&] { return cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1);  // its cached socket; convergence is off
+  EXPECT_EQ(descriptorsOpened(), withTwo + 1);  // its cached socket; convergence is off
 
-  netns().vethPairNew(ns3, "ve0", "vf0");
-  netns().linkUp(ns3, "ve0");
-  netns().linkUp(ns3, "vf0");
-  ASSERT_TRUE(netns().waitForOperState(ns3, "ve0", IF_OPER_UP));
+  vethUp(ns3, "ve0", "vf0");
   auto e3 = addInterface("Ethernet3", "ve0", ns3, Interface::intfOperDown);
   EXPECT_TRUE(netns().waitForOperState(ns3, "ve0", IF_OPER_DORMANT));
 
   root->operStateConvergenceIs(true);  // a link monitor per cached socket
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + 1 + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
+  EXPECT_EQ(descriptorsOpened(), withTwo + 1 + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
   netns().namespaceDel(ns3);
   ASSERT_TRUE(runUntil([&] { return !cached(ns3); }));
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withTwo + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
+  EXPECT_EQ(descriptorsOpened(), withTwo + static_cast<int>(root->kosm()->nsNetlinkSockFds()));
 }
 
 // The kernel recomputes the state on every carrier change: DORMANT becomes UP again, and under
@@ -172,10 +150,10 @@ TEST_F(KernelOperStateKernelTest, DecidedStateOutlastsCarrierFlapsUntilConvergen
     }
   }
 
-  int const withMonitors = IntfsmTest::openDescriptorCount();
+  int const withMonitors = descriptorsOpened();
   int const monitors = static_cast<int>(root->kosm()->nsNetlinkSockFds());
   root->operStateConvergenceIs(false);
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), withMonitors - monitors);
+  EXPECT_EQ(descriptorsOpened(), withMonitors - monitors);
   for (auto const & c : cases) {
     flap(c.ns, c.device, c.peer);
     EXPECT_TRUE(settles(c.ns, c.device, c.kernelOwn, sent)) << c.device;

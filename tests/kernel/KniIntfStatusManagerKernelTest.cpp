@@ -2,36 +2,26 @@
 // agent wires it publishes each veth that has an IntfStatus by interface id and by its real ifindex,
 // and follows deletion, re-creation, carrier and namespace moves, also while events are being lost.
 #include <gtest/gtest.h>
-#include <linux/if.h>
-
-#include <filesystem>
 
 #include "intfsm/KniIntfStatusManager/KniIntfStatusManager.h"
-#include "intfsm/foundation/vorn/ActivityManager.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 
 using Ovel::IntfId;
 using Ovel::NamespaceName;
 
 namespace {
 
-class KniIntfStatusManagerKernel : public IntfsmTest::NetNsTest {
+class KniIntfStatusManagerKernel : public IntfsmTest::KernelModuleTest {
  protected:
   void SetUp() override {
-    NetNsTest::SetUp();
+    KernelModuleTest::SetUp();
     if (IsSkipped()) return;
-    Vorn::activityManager();  // the process's loop lives as long as the process: made before counting
-    descriptors = IntfsmTest::openDescriptorCount();
     root = Interface::netNsIntfStatusManagerRootFactory(all, locals, true);
   }
   void TearDown() override {
     root = nullptr;
     statuses.clear();
-    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    std::vector<std::string> const made = netns().namespaces();
-    NetNsTest::TearDown();
-    for (std::string const & ns : made) EXPECT_FALSE(std::filesystem::exists("/run/netns/" + ns)) << ns;
+    KernelModuleTest::TearDown();
   }
 
   // A namespace with its kernel link table followed and its manager.
@@ -64,9 +54,7 @@ class KniIntfStatusManagerKernel : public IntfsmTest::NetNsTest {
     EXPECT_EQ(kis->intfStatusByIfIndex(record.ifIndex), record);
     return record.ifIndex;
   }
-  bool runUntil(std::function<bool()> const & done) { return Vorn::activityManager().runUntil(done, 10.0); }
 
-  int descriptors = 0;
   Vorn::Ptr<Interface::AllIntfStatusDir> all = Interface::allIntfStatusDirFactory("all");
   Vorn::Ptr<Interface::AllIntfStatusLocalDir> locals = Interface::allIntfStatusLocalDirFactory("locals");
   Vorn::Ptr<Interface::NetNsIntfStatusManagerRoot> root;
@@ -166,7 +154,7 @@ TEST_F(KniIntfStatusManagerKernel, ADeviceRecreatedWhileEventsAreLostIsRemovedTh
       netns().runIn(ns, "i=0; while [ $i -lt 40 ]; do echo link set vc0 up; echo link set vc0 down; i=$((i+1)); "
                         "done | ip -batch - && ip link del va0");
   ASSERT_EQ(burst.status, 0) << burst.output;
-  Vorn::activityManager().runUntil([&] { return false; }, 0.2);  // drain what got through
+  runUntil([] { return false; }, 0.2);  // drain what got through
   ASSERT_GE(kni->overruns(), 1u);
   ASSERT_EQ(kni->root()->interfaceByDeviceName("va0").ifIndex(), old) << "the deletion was not lost";
 

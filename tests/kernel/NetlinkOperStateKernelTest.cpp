@@ -12,8 +12,7 @@
 #include <cstring>
 
 #include "intfsm/foundation/ovel/SocketAt.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/KernelModuleTest.h"
 #include "tests/support/TraceCapture.h"
 
 namespace {
@@ -30,34 +29,25 @@ int netlinkSocketIn(std::string const & ns) {
   return sd;
 }
 
-class NetlinkOperStateKernel : public IntfsmTest::NetNsTest {
+class NetlinkOperStateKernel : public IntfsmTest::KernelModuleTest {
  protected:
   // A veth pair va0 / vb0 in a fresh namespace, both ends up and running.
   void SetUp() override {
-    IntfsmTest::NetNsTest::SetUp();
+    KernelModuleTest::SetUp();
     if (IsSkipped()) return;
     ns = netns().namespaceNew();
-    netns().vethPairNew(ns, "va0", "vb0");
-    netns().linkUp(ns, "va0");
-    netns().linkUp(ns, "vb0");
-    ASSERT_TRUE(netns().waitForOperState(ns, "va0", IF_OPER_UP));
-    descriptors = IntfsmTest::openDescriptorCount();
+    vethUp(ns, "va0", "vb0");
     sd = netlinkSocketIn(ns);
   }
-
   void TearDown() override {
     if (sd >= 0) ::close(sd);
-    if (descriptors >= 0) {
-      EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
-    }
-    IntfsmTest::NetNsTest::TearDown();
+    KernelModuleTest::TearDown();
   }
 
   IntfsmTest::LinkState va0() { return netns().link(ns, "va0").value(); }
 
   std::string ns;
   int sd = -1;
-  int descriptors = -1;
 };
 
 // A device the namespace does not have (never made, in another namespace, renamed away) is refused:

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 
 #include "intfsm/foundation/ovel/SocketAt.h"
@@ -56,8 +57,13 @@ void KernelModuleTest::TearDown() {
 }
 
 bool KernelModuleTest::runUntil(std::function<bool()> const & done, double timeout, double pass) {
-  for (double waited = 0; !done() && waited < timeout; waited += pass) loop_.runOnce(pass);
-  return done();
+  // Measured on the clock: a pass ends early on every event, so counting passes would cut the wait short.
+  auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    loop_.runOnce(pass);
+  }
+  return true;
 }
 
 int KernelModuleTest::descriptorsOpened() const { return openDescriptorCount() - descriptorsBefore_; }

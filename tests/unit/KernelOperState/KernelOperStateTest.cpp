@@ -313,22 +313,17 @@ TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailed
         },
         testing::ExitedWithCode(1), c.stderrRegex);
   }
-  EXPECT_DEATH(
-      {
-        kosm->nsNetlinkSockFdIs(NamespaceName("blue"), -3);
-        request("blue");
-      },
-      "assertion \"localSocket == true\" failed");
-  EXPECT_DEATH(
-      {
-        kosm->nsNetlinkSockFdIs(NamespaceName("gone"), -5);
-        netNs->netNsByNameNotify(NamespaceName("gone"));
-      },
-      "Failed\\(sd >= 0\\)  sd: -5 ns name : gone\n(.|\n)*assertion \"!\"sd >= 0\"\" failed");
-  EXPECT_DEATH(root->intfStatusOperStatusSmIs(dir, nullptr, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")),
-               "assertion \"intfStatusLocalDir\\(\\)\" failed");
-  EXPECT_DEATH(root->intfStatusOperStatusSmIs(nullptr, localDir, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")),
-               "assertion \"intfStatusDir\\(\\)\" failed");
+  std::pair<std::function<void()>, char const *> const asserted[] = {
+      {[&] { kosm->nsNetlinkSockFdIs(NamespaceName("blue"), -3), request("blue"); },
+       "assertion \"localSocket == true\" failed"},
+      {[&] { kosm->nsNetlinkSockFdIs(NamespaceName("gone"), -5), netNs->netNsByNameNotify(NamespaceName("gone")); },
+       "Failed\\(sd >= 0\\)  sd: -5 ns name : gone\n(.|\n)*assertion \"!\"sd >= 0\"\" failed"},
+      {[&] { root->intfStatusOperStatusSmIs(dir, nullptr, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")); },
+       "assertion \"intfStatusLocalDir\\(\\)\" failed"},
+      {[&] { root->intfStatusOperStatusSmIs(nullptr, localDir, kosm, netNs)->doSyncIntfStatus(IntfId("Ethernet1")); },
+       "assertion \"intfStatusDir\\(\\)\" failed"},
+  };
+  for (auto const & [call, regex] : asserted) EXPECT_DEATH(call(), regex);
 
   // No socket in a named namespace: reported; nothing is sent or cached.
   for (auto const & call : {request, appear}) {

@@ -10,7 +10,6 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <functional>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -475,12 +474,10 @@ class KernelNetInfoStatusSetUp : public ::testing::Test {
 TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
   IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
   std::vector<std::string> errors;
-  fake.failNext(Kind::socketAt, ENOENT);
-  errors.push_back(enableError());
-  fake.failNext(Kind::bind, EADDRINUSE);
-  errors.push_back(enableError());
-  fake.failNext(Kind::setsockopt, ENOMEM);
-  errors.push_back(enableError());
+  for (auto [kind, error] : {std::pair{Kind::socketAt, ENOENT}, {Kind::bind, EADDRINUSE}, {Kind::setsockopt, ENOMEM}}) {
+    fake.failNext(kind, error);
+    errors.push_back(enableError());
+  }
   fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
     return level == SOL_NETLINK ? (errno = EINVAL, -1) : 0;
   };
