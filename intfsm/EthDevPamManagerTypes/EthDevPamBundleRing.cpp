@@ -86,6 +86,7 @@ uint32_t EthDevPamBundle::doRxRingTake(RxRing & ring) {
       uint32_t const length = std::min(slot->tp_snaplen, size);
       std::memcpy(pkt.data(), reinterpret_cast<unsigned char *>(slot) + slot->tp_mac, length);
       pkt.dataLenIs(length);
+      pkt.rxTimeIs(uint64_t(slot->tp_sec) * 1000000000u + slot->tp_nsec);
       if (separateDot1QHdr_ && (status & TP_STATUS_VLAN_VALID)) {
         pkt.newSeparateVlanTag(slot->tp_vlan_tci,
                                (status & TP_STATUS_VLAN_TPID_VALID) ? slot->tp_vlan_tpid : Ovel::Pkt::defaultVlanTpid);

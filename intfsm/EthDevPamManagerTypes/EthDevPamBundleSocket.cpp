@@ -163,6 +163,7 @@ void EthDevPamBundle::doSocketOptionsSet(int fd, OptionStep step) const {
   Row const rows[] = {
       {OptionStep::first, SOL_PACKET, PACKET_AUXDATA, separateDot1QHdr_ ? std::optional<int>(1) : std::nullopt,
        "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: "},
+      {OptionStep::first, SOL_SOCKET, SO_TIMESTAMPNS, 1, "EthDevPamBundle::enabled failed to set TIMESTAMPNS, errno: "},
       {OptionStep::first, SOL_SOCKET, SO_PRIORITY, sockPrio_ ? std::optional<int>(int(sockPrio_)) : std::nullopt,
        "EthDevPamBundle::enabled failed to set PRIORITY, errno: "},
       {OptionStep::first, SOL_PACKET, PACKET_VERSION, rxRing_ ? std::optional<int>(TPACKET_V2) : std::nullopt,

@@ -133,10 +133,14 @@ TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFrame
     join(0);
     join(1);  // Ethernet3 (va2) is known but has no Pam
     std::vector<std::string> sent[2];
+    std::vector<uint64_t> sentAt[2];  // CLOCK_REALTIME, as the kernel stamps frames
     for (char round = 0; round < 3; ++round) {  // readers hold every frame across the later reads
       send(2, frame('z'));  // first: the frames held sit in the last slots a read fills
       for (int i : {0, 0, 1}) {
         sent[i].push_back(frame(char('a' + 8 * i + 2 * round + char(sent[i].size() % 2))));
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        sentAt[i].push_back(uint64_t(now.tv_sec) * 1000000000u + uint64_t(now.tv_nsec));
         send(i, sent[i].back());
       }
       ASSERT_TRUE(runUntil([&] {
@@ -150,7 +154,10 @@ TEST_F(EthDevPamBundleKernelTest, EachFrameReachesThePamOfItsIfIndexAndHeldFrame
     devices->intfStatusByIfIndexIs(ifIndex[2], record(2));
     for (int i : {0, 1}) {
       EXPECT_EQ(readers[i]->frames, sent[i]);
-      for (size_t k = 0; k < sent[i].size(); ++k) EXPECT_EQ(bytesOf(*readers[i]->held[k]), sent[i][k]);
+      for (size_t k = 0; k < sent[i].size(); ++k) {
+        EXPECT_EQ(bytesOf(*readers[i]->held[k]), sent[i][k]);
+        EXPECT_LT(readers[i]->held[k]->rxTime() - sentAt[i][k], 5000000u) << "received within 5 ms of its sending";
+      }
       EXPECT_EQ(readers[i]->held[0]->ifIndex(), ifIndex[i]);
     }
     EXPECT_EQ(bundle->maxProcessedPkts() > 0, path.bulk || path.ring);

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -87,11 +88,14 @@ TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeerAndStopsWhenDisabled) {
   EXPECT_EQ(pam->ifIndex(), static_cast<uint32_t>(netns().link(ns, "va0")->ifindex));
   int const sd = pam->sd();
   std::vector<std::string> const sent = {frame('a'), frame('b'), frame('c')};
+  timespec sentAt{};
+  clock_gettime(CLOCK_REALTIME, &sentAt);
   for (auto const & f : sent) sendFromPeer(f);
   ASSERT_TRUE(runUntilFrames(3)) << reader->frames.size() << " frames";
   EXPECT_EQ(reader->frames, sent);
   EXPECT_EQ(reader->held[0]->ifIndex(), pam->ifIndex());
   EXPECT_EQ(reader->held[0]->pktType(), PACKET_BROADCAST);
+  EXPECT_LT(reader->held[2]->rxTime() - (uint64_t(sentAt.tv_sec) * 1000000000u + uint64_t(sentAt.tv_nsec)), 5000000u);
   EXPECT_EQ(pam->rxErrors(), 0u);
   pam->enabledIs(false);
   EXPECT_EQ(fcntl(sd, F_GETFD), -1);  // closed

@@ -20,7 +20,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <cstdio>
@@ -136,6 +139,21 @@ std::vector<std::string> linesMatching(std::string const & text, std::regex cons
     if (std::regex_search(line, re)) out.push_back(line);
   }
   return out;
+}
+
+// Takes the time stamps (tcpdump -tt, nanoseconds) off the start of the record lines of `text`.
+std::vector<long long> timesTakenOff(std::string & text) {
+  std::vector<long long> times;
+  std::string rest;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line); rest += line + '\n') {
+    size_t const dot = line.find('.'), space = line.find(' ');
+    if (line.empty() || !std::isdigit(static_cast<unsigned char>(line[0])) || dot > space) continue;
+    times.push_back(std::stoll(line.substr(0, dot)) * 1000000000 + std::stoll(line.substr(dot + 1, space - dot - 1)));
+    line.erase(0, space + 1);
+  }
+  text = rest;
+  return times;
 }
 
 // "Ethernet1 ... watched received drops" row of the agent's last table: the received count.
@@ -329,8 +347,11 @@ TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
     SCOPED_TRACE("pamdump " + ::testing::PrintToString(cases[i].pamdump));
     EXPECT_EQ(captures[2 * i]->wait(), 0) << captures[2 * i]->output();
     EXPECT_EQ(captures[2 * i + 1]->wait(), 0) << captures[2 * i + 1]->output();
-    auto const pam = runCommand({"tcpdump", "-r", files[i] + ".pam", "-nn", "-e", "-t", "-x"});
-    auto const tcp = runCommand({"tcpdump", "-r", files[i] + ".tcp", "-nn", "-e", "-t", "-x"});
+    auto pam = runCommand({"tcpdump", "-r", files[i] + ".pam", "-nn", "-e", "-tt", "--time-stamp-precision=nano", "-x"});
+    auto tcp = runCommand({"tcpdump", "-r", files[i] + ".tcp", "-nn", "-e", "-tt", "--time-stamp-precision=nano", "-x"});
+    auto const pamTimes = timesTakenOff(pam.output), tcpTimes = timesTakenOff(tcp.output);  // the kernel's, both
+    EXPECT_EQ(pamTimes.size(), tcpTimes.size());
+    for (size_t k = 0; k < std::min(pamTimes.size(), tcpTimes.size()); ++k) EXPECT_LT(std::llabs(pamTimes[k] - tcpTimes[k]), 1000000) << k;
     // Equal sizes: the same records, caplen included (a reader cuts records to the file's snaplen).
     EXPECT_EQ(std::ifstream(files[i] + ".pam", std::ios::ate).tellg(), std::ifstream(files[i] + ".tcp", std::ios::ate).tellg());
     unlink((files[i] + ".pam").c_str());

@@ -60,7 +60,10 @@ void wireFrameOf(Ovel::Pkt const & pkt, std::vector<uint8_t> & out) {
   out.insert(out.end(), data + 2 * macBytes, data + length);
 }
 
-timespec receiveTime(Ovel::Pkt const &) {
+timespec receiveTime(Ovel::Pkt const & pkt) {
+  if (uint64_t const ns = pkt.rxTime()) {
+    return timespec{static_cast<time_t>(ns / 1000000000u), static_cast<long>(ns % 1000000000u)};
+  }
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   return now;

@@ -35,8 +35,8 @@ Vorn::Ptr<Ovel::Pkt> framePktOf(FrameFields const & fields, uint32_t sequence);
 // tag beside the frame, it goes back after the source address (4 more bytes).
 void wireFrameOf(Ovel::Pkt const & pkt, std::vector<uint8_t> & out);
 
-// When the frame was received. The one place the programs take a frame's time from: today the time
-// it is handled (the packet carries no receive time yet).
+// When the frame was received. The one place the programs take a frame's time from: the kernel's
+// receive time the packet carries, or the time it is handled when the packet has none.
 timespec receiveTime(Ovel::Pkt const & pkt);
 
 // One line per frame: local time with microseconds, device, source > destination, every VLAN tag

@@ -142,6 +142,7 @@ void EthDevPam::doOpenSocket() {
   }
   int error;
   if (separateDot1QHdr_ && (error = intOption(fd, SOL_PACKET, PACKET_AUXDATA, 1))) fail("set PACKET_AUXDATA", error);
+  if ((error = intOption(fd, SOL_SOCKET, SO_TIMESTAMPNS, 1))) fail("set TIMESTAMPNS", error);
   if (sockPrio_ && (error = intOption(fd, SOL_SOCKET, SO_PRIORITY, static_cast<int>(sockPrio_)))) {
     fail("set PRIORITY", error);
   }

@@ -46,14 +46,15 @@
 //
 // Enabling with perIntfSocket, in order: socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, protocol 0) in
 // netNs (protocol 0 delivers nothing until the bind); the ifindex by name (SIOCGIFINDEX) when ifIndex
-// is 0; PACKET_AUXDATA; SO_PRIORITY; SO_RCVBUFFORCE; SO_ATTACH_FILTER when the program is not empty;
-// bind to ifIndex and ethProtocol (ETH_P_ALL when 0) -- the filter is in place before any frame can
-// arrive; SO_BROADCAST; PACKET_ADD_MEMBERSHIP; then the FileDescriptor. Notified in that order: ifIndex
-// (when looked up), sd, fileDesc, enabled. A failed step closes the socket, puts ifIndex back, leaves
-// enabled false and sd -1, traces at level 0 and raises Vorn::ErrnoException with the errno and
-// "EthDevPam::enabled failed to <step> on <device>, errno: <n>", the steps being "create socket",
-// "find ifindex", "set PACKET_AUXDATA", "set PRIORITY", "set rcvbuf size", "attach filter", "bind",
-// "set broadcast flag", "set allMulticast", "watch the socket".
+// is 0; PACKET_AUXDATA; SO_TIMESTAMPNS (Pkt::rxTime); SO_PRIORITY; SO_RCVBUFFORCE; SO_ATTACH_FILTER
+// when the program is not empty; bind to ifIndex and ethProtocol (ETH_P_ALL when 0) -- the filter is
+// in place before any frame can arrive; SO_BROADCAST; PACKET_ADD_MEMBERSHIP; then the FileDescriptor.
+// Notified in that order: ifIndex (when looked up), sd, fileDesc, enabled. A failed step closes the
+// socket, puts ifIndex back, leaves enabled false and sd -1, traces at level 0 and raises
+// Vorn::ErrnoException with the errno and "EthDevPam::enabled failed to <step> on <device>, errno: <n>",
+// the steps being "create socket", "find ifindex", "set PACKET_AUXDATA", "set TIMESTAMPNS",
+// "set PRIORITY", "set rcvbuf size", "attach filter", "bind", "set broadcast flag", "set allMulticast",
+// "watch the socket".
 // Disabling drops the FileDescriptor first, then closes the socket; notifies fileDesc, sd, enabled.
 // Destroying an enabled Pam closes its socket too.
 //
@@ -62,7 +63,16 @@
 // sees every frame. With enableBulkReadOnOwnSocket() (EthDevPamInBundle with enableBulkPamRead and
 // pktReuse) one recvmmsg takes the batch. Outgoing frames (the host's own transmissions) are skipped.
 // EAGAIN ends the call quietly; other errors are traced and counted in rxErrors. Frames longer than
-// maxRxPktData are cut to it.
+// maxRxPktData are cut to it. Every path (own or shared socket, single, bulk or ring read) stamps the
+// packet with the kernel's receive time (Pkt::rxTime).
+//
+// Tagged frames and a Pam bound to one EtherType: the kernel takes a received frame's outer VLAN tag
+// out of the bytes. Sockets bound to all EtherTypes get it in the aux data; but when no VLAN device
+// takes the tag, the kernel clears it and marks the frame for another host before sockets bound to one
+// EtherType see it, and those match the type after the outer tag. So such a Pam receives tagged
+// frames of its EtherType without any tag; a QinQ frame reaches one bound to 0x8100 without its outer
+// tag; one bound to 0x8100 never receives a single-tagged frame. Only a Pam bound to all EtherTypes
+// sees every tag.
 //
 // Transmit: through `sd` -- the own socket or the bundle's shared one -- with sendto to a sockaddr_ll
 // naming ifIndex, so the frame leaves by this device either way. A separate VLAN tag is put back into

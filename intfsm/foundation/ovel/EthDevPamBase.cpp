@@ -3,6 +3,7 @@
 #include <linux/if_packet.h>
 
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "intfsm/foundation/ovel/PktManager.h"
@@ -32,6 +33,12 @@ void EthDevPamBase::vlanTagFromAuxData(Pkt & pkt, msghdr & header) {
     // Only what lies inside the control bytes is read; nothing after a message that does not is trusted.
     size_t const room = static_cast<size_t>(end - reinterpret_cast<unsigned char const *>(c));
     if (c->cmsg_len < sizeof(cmsghdr) || c->cmsg_len > room) return;
+    if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS && c->cmsg_len >= CMSG_LEN(sizeof(timespec))) {
+      timespec when;
+      std::memcpy(&when, CMSG_DATA(c), sizeof when);
+      pkt.rxTimeIs(uint64_t(when.tv_sec) * 1000000000u + uint64_t(when.tv_nsec));
+      continue;
+    }
     if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
     if (c->cmsg_len < CMSG_LEN(sizeof(tpacket_auxdata))) continue;
     tpacket_auxdata aux;
@@ -39,7 +46,6 @@ void EthDevPamBase::vlanTagFromAuxData(Pkt & pkt, msghdr & header) {
     if (!(aux.tp_status & TP_STATUS_VLAN_VALID)) continue;
     pkt.newSeparateVlanTag(aux.tp_vlan_tci,
                            (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) ? aux.tp_vlan_tpid : Pkt::defaultVlanTpid);
-    return;
   }
 }
 

@@ -56,7 +56,8 @@ class EthDevPamBase : public Pam {
 
   // What the receive paths of every endpoint with a packet socket share (see also RxBatch).
   // Gives `pkt` the VLAN tag that the kernel took out of the frame, when the PACKET_AUXDATA message
-  // of `header` carries one (tag protocol 0x8100 unless the kernel names another).
+  // of `header` carries one (tag protocol 0x8100 unless the kernel names another), and the kernel's
+  // receive time, when an SCM_TIMESTAMPNS message is there.
   static void vlanTagFromAuxData(Pkt & pkt, msghdr & header);
 
  private:

@@ -14,6 +14,7 @@ void Pkt::metadataClear() noexcept {
   dataLen_ = 0;
   ifIndex_ = 0;
   pktType_ = 0;
+  rxTime_ = 0;
   vlanTagDel();
 }
 
@@ -52,6 +53,7 @@ Vorn::Ptr<Pkt> Pkt::newSharedCopy() const {
   copy->dataLen_ = dataLen_;
   copy->ifIndex_ = ifIndex_;
   copy->pktType_ = pktType_;
+  copy->rxTime_ = rxTime_;
   copy->hasVlanTag_ = hasVlanTag_;
   copy->vlanTci_ = vlanTci_;
   copy->vlanTpid_ = vlanTpid_;

@@ -1,6 +1,7 @@
 // One Ethernet frame as the packet layer passes it around: a buffer of bytes (its head data, which
 // may be shared with other packets), the length of the frame in it, a VLAN tag kept outside the bytes
-// when the kernel reported it separately, and where the frame came from (ifindex, packet type).
+// when the kernel reported it separately, and where and when the frame came from (ifindex, packet
+// type, the kernel's receive time).
 //
 // Packets come from a PktManager and return to it with their last reference. A receive path that
 // reuses one packet for every read does so in two steps:
@@ -42,7 +43,8 @@ class Pkt : public Vorn::PtrInterface {
   // "Pkt::newSharedHeadData size > 262144 not allowed" and changes nothing.
   void newSharedHeadData(uint32_t size);
 
-  // Makes the packet ready for the next frame: data length 0, no VLAN tag, no ifindex, packet type 0.
+  // Makes the packet ready for the next frame: data length 0, no VLAN tag, no ifindex, packet type 0,
+  // receive time 0.
   // The buffer is kept and reused in place when no other packet shares it; when another one does (a
   // queued copy), this packet gets a fresh buffer of the same size and the other keeps the bytes.
   void sharedDataResetForReuse();
@@ -69,7 +71,7 @@ class Pkt : public Vorn::PtrInterface {
   void dataIs(void const * bytes, uint32_t length);
 
   // A second packet of the same manager that shares this one's buffer and copies its length, VLAN tag,
-  // ifindex and packet type; null when the manager's cap is reached.
+  // ifindex, packet type and receive time; null when the manager's cap is reached.
   Vorn::Ptr<Pkt> newSharedCopy() const;
 
   // The 802.1Q tag that the kernel took out of the frame (PACKET_AUXDATA): tag control information and
@@ -87,6 +89,10 @@ class Pkt : public Vorn::PtrInterface {
   void ifIndexIs(uint32_t ifIndex) noexcept { ifIndex_ = ifIndex; }
   uint8_t pktType() const noexcept { return pktType_; }
   void pktTypeIs(uint8_t type) noexcept { pktType_ = type; }
+  // When the kernel received the frame, in nanoseconds since the epoch (CLOCK_REALTIME): from
+  // SO_TIMESTAMPNS on the socket paths, from the slot header on the ring path; 0 when unknown.
+  uint64_t rxTime() const noexcept { return rxTime_; }
+  void rxTimeIs(uint64_t nanoseconds) noexcept { rxTime_ = nanoseconds; }
 
  private:
   friend class PktManager;
@@ -97,6 +103,7 @@ class Pkt : public Vorn::PtrInterface {
 
   PktManager * manager_;
   Vorn::Ptr<PktHeadData> headData_;
+  uint64_t rxTime_ = 0;
   uint32_t dataLen_ = 0;
   uint32_t ifIndex_ = 0;
   uint16_t vlanTci_ = 0;

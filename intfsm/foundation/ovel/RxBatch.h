@@ -1,5 +1,6 @@
 // The message headers of a packet socket's reads: per slot the frame's buffer, its source address
-// (sockaddr_ll) and room for the PACKET_AUXDATA message that carries a VLAN tag. One batch serves a
+// (sockaddr_ll) and room for the PACKET_AUXDATA message that carries a VLAN tag and the
+// SCM_TIMESTAMPNS message that carries the receive time. One batch serves a
 // single read (recvmsg on slot 0) or a batch read (recvmmsg on headers()); every receive path of
 // the packet layer reads through one, made once and kept, so that no read allocates.
 //
@@ -14,14 +15,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <vector>
 
 namespace Ovel {
 
 class RxBatch {
  public:
-  // Room for the PACKET_AUXDATA message, and a little more should the kernel add one.
-  static constexpr size_t controlBytes = CMSG_SPACE(sizeof(tpacket_auxdata)) + CMSG_SPACE(sizeof(int));
+  // Room for the PACKET_AUXDATA and SCM_TIMESTAMPNS messages, and a little more should the kernel add
+  // one.
+  static constexpr size_t controlBytes =
+      CMSG_SPACE(sizeof(tpacket_auxdata)) + CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(int));
 
   explicit RxBatch(size_t slots) : headers_(slots), iov_(slots), from_(slots), control_(slots) {}
 

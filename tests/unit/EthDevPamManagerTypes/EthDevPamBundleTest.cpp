@@ -106,6 +106,7 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
   std::vector<Row> const rows = {
       {Kind::socketAt, 0, 0, EMFILE, "EthDevPamBundle::enabled failed to create socket, errno: 24"},
       {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
+      {Kind::setsockopt, SOL_SOCKET, SO_TIMESTAMPNS, EPERM, "EthDevPamBundle::enabled failed to set TIMESTAMPNS, errno: 1"},
       {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},
       {Kind::setsockopt, SOL_PACKET, PACKET_VERSION, EINVAL, "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: 22", true},
       {Kind::setsockopt, SOL_PACKET, PACKET_RX_RING, ENOMEM, "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize 1600), errno: 12", true},
@@ -165,8 +166,8 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
       }
     }
     std::vector<std::string> const ringSteps = {"263/10", "263/5", "mmap 4194304"};
-    std::vector<std::string> expected = {"263/8", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"};
-    if (ring) expected.insert(expected.begin() + 2, ringSteps.begin(), ringSteps.end());
+    std::vector<std::string> expected = {"263/8", "1/35", "1/12", "1/33", "263/19", "1/26", "0/0", "1/6"};
+    if (ring) expected.insert(expected.begin() + 3, ringSteps.begin(), ringSteps.end());
     EXPECT_EQ(steps, expected);
   }
 }

@@ -134,7 +134,7 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
   ASSERT_EQ(fake.openDescriptors(), std::vector<int>{pam->sd()});
   EXPECT_TRUE(pam->ownSocket());
   EXPECT_EQ(loop().watches(), 1u);
-  EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::setsockopt, Kind::setsockopt,
+  EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::setsockopt, Kind::setsockopt, Kind::setsockopt,
                                    Kind::setsockopt, Kind::bind, Kind::setsockopt, Kind::setsockopt));
   auto const socketAt = fake.calls(Kind::socketAt)[0];
   EXPECT_EQ(std::vector<long>({socketAt.a, socketAt.b, socketAt.c}), std::vector<long>({AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0}));
@@ -149,11 +149,12 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
     return std::to_string(level) + "/" + std::to_string(name) + " " + std::to_string(value);
   };
   auto const setsockopt = fake.calls(Kind::setsockopt);
-  EXPECT_THAT(options, ElementsAre(option(SOL_PACKET, PACKET_AUXDATA, 1), option(SOL_SOCKET, SO_PRIORITY, 5),
+  EXPECT_THAT(options, ElementsAre(option(SOL_PACKET, PACKET_AUXDATA, 1), option(SOL_SOCKET, SO_TIMESTAMPNS, 1),
+                                   option(SOL_SOCKET, SO_PRIORITY, 5),
                                    option(SOL_SOCKET, SO_RCVBUFFORCE, 1 << 20), option(SOL_SOCKET, SO_ATTACH_FILTER, 4),
                                    option(SOL_SOCKET, SO_BROADCAST, 1), option(SOL_PACKET, PACKET_ADD_MEMBERSHIP, 7)));
-  EXPECT_EQ(setsockopt[3].dataAs<sock_fprog>().filter, pam->filterProgram().filter());
-  EXPECT_EQ(setsockopt[5].dataAs<packet_mreq>().mr_type, PACKET_MR_ALLMULTI);
+  EXPECT_EQ(setsockopt[4].dataAs<sock_fprog>().filter, pam->filterProgram().filter());
+  EXPECT_EQ(setsockopt[6].dataAs<packet_mreq>().mr_type, PACKET_MR_ALLMULTI);
   EXPECT_EQ(boundTo(), std::to_string(AF_PACKET) + " 34997 7");  // 0x88b5
 }
 
@@ -169,7 +170,7 @@ TEST_F(EthDevPamTest, AMinimalSocketListensToEveryProtocolOnTheIfIndexLookedUpBy
     return request == SIOCGIFINDEX ? 0 : -1;
   };
   pam->enabledIs(true);
-  EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::ioctl, Kind::bind));
+  EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::ioctl, Kind::setsockopt, Kind::bind));
   EXPECT_EQ(fake.calls(Kind::socketAt)[0].text, "");  // the process's own namespace
   EXPECT_EQ(askedFor, "et1");
   EXPECT_EQ(boundTo(), std::to_string(AF_PACKET) + " " + std::to_string(ETH_P_ALL) + " 42");
@@ -187,29 +188,35 @@ TEST_F(EthDevPamTest, AFailedStepClosesWhatWasOpenedTracesAndRaises) {
     Kind kind;
     int error;
     std::function<void(EthDevPam &)> configure;
+    int option = 0;        // setsockopt: the option refused
     bool injected = true;  // false: the failure is a real one
   };
   std::vector<Case> const cases = {
       {"create socket", Kind::socketAt, EACCES, [](EthDevPam &) {}},
       {"find ifindex", Kind::ioctl, ENODEV, [](EthDevPam & p) { p.ifIndexIs(0); }},
-      {"set PACKET_AUXDATA", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.separateDot1QHdrIs(true); }},
-      {"set PRIORITY", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.sockPrioIs(6); }},
-      {"set rcvbuf size", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.sockRcvBufIs(4096); }},
-      {"attach filter", Kind::setsockopt, EINVAL, [](EthDevPam & p) { p.filterProgramIs(acceptAll); }},
+      {"set PACKET_AUXDATA", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.separateDot1QHdrIs(true); }, PACKET_AUXDATA},
+      {"set TIMESTAMPNS", Kind::setsockopt, EPERM, [](EthDevPam &) {}, SO_TIMESTAMPNS},
+      {"set PRIORITY", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.sockPrioIs(6); }, SO_PRIORITY},
+      {"set rcvbuf size", Kind::setsockopt, EPERM, [](EthDevPam & p) { p.sockRcvBufIs(4096); }, SO_RCVBUFFORCE},
+      {"attach filter", Kind::setsockopt, EINVAL, [](EthDevPam & p) { p.filterProgramIs(acceptAll); }, SO_ATTACH_FILTER},
       {"bind", Kind::bind, EADDRINUSE, [](EthDevPam &) {}},
-      {"set broadcast flag", Kind::setsockopt, ENOPROTOOPT, [](EthDevPam & p) { p.broadcastIs(true); }},
-      {"set allMulticast", Kind::setsockopt, ENODEV, [](EthDevPam & p) { p.allMulticastIs(true); }},
+      {"set broadcast flag", Kind::setsockopt, ENOPROTOOPT, [](EthDevPam & p) { p.broadcastIs(true); }, SO_BROADCAST},
+      {"set allMulticast", Kind::setsockopt, ENODEV, [](EthDevPam & p) { p.allMulticastIs(true); }, PACKET_ADD_MEMBERSHIP},
       // A real failure: fake descriptors are not open in this process, and epoll refuses them.
-      {"watch the socket", Kind::close, EBADF, [&](EthDevPam &) { fake.realSocketsIs(false); }, false},
+      {"watch the socket", Kind::close, EBADF, [&](EthDevPam &) { fake.realSocketsIs(false); }, 0, false},
   };
+  auto const setsockopt = fake.behaviour().setsockopt;
   for (Case const & c : cases) {
     SCOPED_TRACE(c.step);
+    fake.behaviour().setsockopt = [&c, setsockopt](int fd, int level, int option, void const * v, socklen_t n) {
+      return c.option == option ? (errno = c.error, -1) : setsockopt(fd, level, option, v, n);
+    };
     Ptr<EthDevPam> p = ownSocketPam();
     c.configure(*p);
     Ptr<Reader> r = new Reader(p);
     fake.clearCalls();
     trace.clear();
-    if (c.injected) fake.failNext(c.kind, c.error);
+    if (c.injected && !c.option) fake.failNext(c.kind, c.error);
     std::string const expected =
         std::string("EthDevPam::enabled failed to ") + c.step + " on et1, errno: " + std::to_string(c.error);
     EXPECT_EQ(thrownText<Vorn::ErrnoException>([&] { p->enabledIs(true); }), expected);
