@@ -29,6 +29,7 @@ void EthDevPamBase::filterProgramIs(SockFilterProgram const & program) {
 
 void EthDevPamBase::vlanTagFromAuxData(Pkt & pkt, msghdr & header) {
   auto const * end = static_cast<unsigned char const *>(header.msg_control) + header.msg_controllen;
+  bool tagged = false;  // the first valid tag is the frame's; the walk goes on only for the time
   for (cmsghdr * c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
     // Only what lies inside the control bytes is read; nothing after a message that does not is trusted.
     size_t const room = static_cast<size_t>(end - reinterpret_cast<unsigned char const *>(c));
@@ -39,13 +40,14 @@ void EthDevPamBase::vlanTagFromAuxData(Pkt & pkt, msghdr & header) {
       pkt.rxTimeIs(uint64_t(when.tv_sec) * 1000000000u + uint64_t(when.tv_nsec));
       continue;
     }
-    if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
+    if (tagged || c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA) continue;
     if (c->cmsg_len < CMSG_LEN(sizeof(tpacket_auxdata))) continue;
     tpacket_auxdata aux;
     std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
     if (!(aux.tp_status & TP_STATUS_VLAN_VALID)) continue;
     pkt.newSeparateVlanTag(aux.tp_vlan_tci,
                            (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) ? aux.tp_vlan_tpid : Pkt::defaultVlanTpid);
+    tagged = true;
   }
 }
 
