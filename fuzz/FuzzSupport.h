@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <linux/netlink.h>
 #include <string>
 #include <string_view>
 
@@ -55,5 +56,19 @@ class Input {
   size_t size_;
   size_t at_ = 0;
 };
+
+// Sets the sequence number of every message that lies whole in `bytes` (as a sender would).
+inline std::string withSeq(std::string bytes, uint32_t seq) {
+  for (size_t at = 0; bytes.size() - at >= sizeof(nlmsghdr);) {
+    nlmsghdr header;
+    std::memcpy(&header, bytes.data() + at, sizeof header);
+    header.nlmsg_seq = seq;
+    std::memcpy(bytes.data() + at, &header, sizeof header);
+    if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size() - at) break;
+    at += NLMSG_ALIGN(header.nlmsg_len);
+    if (at > bytes.size()) break;
+  }
+  return bytes;
+}
 
 }  // namespace Fuzz

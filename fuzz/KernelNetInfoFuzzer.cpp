@@ -46,19 +46,6 @@ std::map<int, int> pairs;  // the status's end -> the end kept here, holding one
 uint32_t lastDumpSeq = 0;
 int sendFailure = 0;
 
-std::string withSeq(std::string bytes, uint32_t seq) {
-  for (size_t at = 0; bytes.size() - at >= sizeof(nlmsghdr);) {
-    nlmsghdr header;
-    std::memcpy(&header, bytes.data() + at, sizeof header);
-    header.nlmsg_seq = seq;
-    std::memcpy(bytes.data() + at, &header, sizeof header);
-    if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size() - at) break;
-    at += NLMSG_ALIGN(header.nlmsg_len);
-    if (at > bytes.size()) break;
-  }
-  return bytes;
-}
-
 void install() {
   Ovel::socketAtHook() = [](int, int, int, char const *) {
     int ends[2];
@@ -101,7 +88,7 @@ void install() {
     Queued q = std::move(queue.front());
     queue.pop_front();
     if (q.error != 0) return (errno = q.error, -1);
-    if (q.ofDump) q.bytes = withSeq(std::move(q.bytes), lastDumpSeq);
+    if (q.ofDump) q.bytes = Fuzz::withSeq(std::move(q.bytes), lastDumpSeq);
     size_t const room = message->msg_iov[0].iov_len;
     size_t const n = q.bytes.size() < room ? q.bytes.size() : room;
     std::memcpy(message->msg_iov[0].iov_base, q.bytes.data(), n);

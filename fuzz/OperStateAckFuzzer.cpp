@@ -35,20 +35,6 @@ std::deque<Queued> queue;
 int sendFailure = 0;
 bool acceptOnSend = false;  // sendto queues the kernel's acceptance, as rtnetlink does
 
-// Sets the sequence number of every message that lies whole in `bytes` (as a sender would).
-std::string withSeq(std::string bytes, uint32_t seq) {
-  for (size_t at = 0; bytes.size() - at >= sizeof(nlmsghdr);) {
-    nlmsghdr header;
-    std::memcpy(&header, bytes.data() + at, sizeof header);
-    header.nlmsg_seq = seq;
-    std::memcpy(bytes.data() + at, &header, sizeof header);
-    if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size() - at) break;
-    at += NLMSG_ALIGN(header.nlmsg_len);
-    if (at > bytes.size()) break;
-  }
-  return bytes;
-}
-
 void install() {
   Platform::Calls & calls = Platform::calls();
   calls.sendto = [](int fd, void const * data, size_t length, int, sockaddr const *, socklen_t) -> ssize_t {
@@ -126,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const * data, size_t size) {
         queue.push_back({in.bytes(in.u16()), 0, 0});
         break;
       case 1:
-        queue.push_back({withSeq(in.bytes(in.u16()), static_cast<uint32_t>(tag)), 0, 0});
+        queue.push_back({Fuzz::withSeq(in.bytes(in.u16()), static_cast<uint32_t>(tag)), 0, 0});
         break;
       case 2:
         queue.push_back({in.bytes(in.u16()), 4711, 0});
