@@ -107,35 +107,6 @@ TEST_F(KniIntfStatusManagerKernel, AnInterfaceMovedToAnotherNamespaceIsPublished
   EXPECT_EQ(published(ns2, "Ethernet1"), kernelIfIndex(ns2, "va0"));
 }
 
-// A port remap done one interface at a time, then a brief duplicate: never two interfaces on one
-// ifindex, the interface that lost its name unpublished until it has one of its own again.
-TEST_F(KniIntfStatusManagerKernel, InterfacesSwappingOrSharingDeviceNamesStayConsistent) {
-  std::string const ns = namespaceNew();
-  netns().vethPairNew(ns, "va0", "vb0");
-  interfaceNew("Ethernet1", "va0", ns);
-  interfaceNew("Ethernet2", "vb0", ns);
-  ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1") && published(ns, "Ethernet2"); }));
-  uint32_t const a = kernelIfIndex(ns, "va0"), b = kernelIfIndex(ns, "vb0");
-  auto const & kis = manager(ns)->kernelIntfStatusDir();
-
-  all->intfStatus(IntfId("Ethernet1"))->deviceNameIs("vb0");
-  EXPECT_EQ(published(ns, "Ethernet1"), b);
-  EXPECT_EQ(published(ns, "Ethernet2"), 0u);
-  EXPECT_EQ(kis->intfStatusByIfIndexs(), 1u);
-  all->intfStatus(IntfId("Ethernet2"))->deviceNameIs("va0");
-  EXPECT_EQ(published(ns, "Ethernet1"), b);
-  EXPECT_EQ(published(ns, "Ethernet2"), a);
-
-  interfaceNew("Ethernet9", "va0", ns);  // holds va0 while it claims it
-  EXPECT_EQ(published(ns, "Ethernet9"), a);
-  EXPECT_EQ(published(ns, "Ethernet2"), 0u);
-  all->intfStatus(IntfId("Ethernet9"))->deviceNameIs("vz0");
-  EXPECT_EQ(published(ns, "Ethernet2"), a);
-  EXPECT_EQ(published(ns, "Ethernet9"), 0u);
-  EXPECT_EQ(kis->intfStatusAndDeviceNames(), 2u);
-  EXPECT_EQ(kis->intfStatusByIfIndexs(), 2u);
-}
-
 // va0 is deleted while the monitor's receive buffer is full, so that its deletion is lost, and is
 // re-created once there is room again: the new device arrives as an event while the table still has
 // the old one, before any re-dump. The manager must see the old one go first.

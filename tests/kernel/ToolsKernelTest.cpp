@@ -1,17 +1,12 @@
 // The programs against the real kernel, in a lab the test builds: a "switch" namespace with et1/et2
 // and a "peer" namespace with their veth peers pe1/pe2, where scapy (tools/frames.py) and pamsend
 // are the traffic sources and tcpdump the reference reader on the same device.
-// - what a socket bound to one EtherType sees of tagged frames (why the programs bind to all);
 // - pamdump: the same frames as live tcpdump for each expression, tags kept with and without
 //   --ethertype, -s, -w -, SLL2 files, lines, promiscuous mode, exit statuses and signals;
 // - intfsm-agent: operstate, counting, sending, and what it does with bad input and lost output;
 // - pamsend: argument errors and signals.
 #include <fcntl.h>
-#include <arpa/inet.h>
 #include <linux/if.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <sys/socket.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -25,15 +20,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <map>
-#include <cstdio>
 #include <regex>
 #include <sstream>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "intfsm/foundation/ovel/SocketAt.h"
 #include "tests/support/NetNs.h"
 
 namespace {
@@ -41,46 +33,32 @@ namespace {
 using ::testing::HasSubstr;
 using IntfsmTest::runCommand;
 
-// A program running in the background, its standard input a pipe and its output (both streams) read
-// line by line.
+// A program running in the background in a process group of its own (a pipeline a test starts ends
+// with it), its standard input a pipe and its output (both streams) read as it comes.
 class Program {
  public:
   explicit Program(std::vector<std::string> const & argv) {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ == 0) {
-      setpgid(0, 0);  // its own group: the pipelines a test starts end with it
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      dup2(out[1], 2);
+    if ((pid_ = fork()) == 0) {
+      setpgid(0, 0), dup2(in[0], 0), dup2(out[1], 1), dup2(out[1], 2);
       std::vector<char *> args;
       for (auto const & a : argv) args.push_back(const_cast<char *>(a.c_str()));
       args.push_back(nullptr);
       execvp(args[0], args.data());
       _exit(127);
     }
-    close(in[0]);
-    close(out[1]);
-    in_ = in[1];
-    out_ = out[0];
+    close(in[0]), close(out[1]);
+    in_ = in[1], out_ = out[0];
   }
   Program(Program const &) = delete;
   Program & operator=(Program const &) = delete;
   ~Program() {
-    if (in_ >= 0) close(in_);
-    if (pid_ > 0 && status_ < 0) {
-      kill(-pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    close(out_);
+    if (pid_ > 0 && status_ < 0) kill(-pid_, SIGKILL), waitpid(pid_, nullptr, 0);
+    close(in_), close(out_);
   }
 
   void write(std::string const & text) { ASSERT_EQ(::write(in_, text.data(), text.size()), ssize_t(text.size())); }
-  void closeInput() {
-    close(in_);
-    in_ = -1;
-  }
   // Output until a line containing `marker` has been read (or the timeout); all output so far.
   std::string readUntil(std::string const & marker, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     auto const end = std::chrono::steady_clock::now() + timeout;
@@ -90,45 +68,31 @@ class Program {
     }
     return output_;
   }
-  // Waits for the exit (reading the rest of the output); the exit status, or -1 on timeout or signal.
+  // Waits for the exit (reading the rest of the output); the exit status (128 + a signal), -1 on timeout.
   int wait(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     auto const end = std::chrono::steady_clock::now() + timeout;
-    while (readSome(50) || std::chrono::steady_clock::now() < end) {
-      int s = 0;
-      if (waitpid(pid_, &s, WNOHANG) == pid_) {
-        while (readSome(0)) {
-        }
-        status_ = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
-        return status_;
+    for (int s = 0; readSome(50) || std::chrono::steady_clock::now() < end;) {
+      if (waitpid(pid_, &s, WNOHANG) != pid_) continue;
+      while (readSome(0)) {
       }
+      return status_ = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
     }
     return -1;
   }
   void signal(int sig) { kill(pid_, sig); }
   std::string const & output() const { return output_; }
-  // Memory the process has mapped from sockets (receive rings).
-  size_t socketMappings() const {
-    std::ifstream maps("/proc/" + std::to_string(pid_) + "/maps");
-    size_t n = 0;
-    for (std::string line; std::getline(maps, line);) n += line.find("socket:[") != std::string::npos;
-    return n;
-  }
 
  private:
   bool readSome(int timeoutMs) {
     pollfd p{out_, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0) return false;
     char buffer[4096];
-    ssize_t const n = read(out_, buffer, sizeof buffer);
-    if (n <= 0) return false;
-    output_.append(buffer, static_cast<size_t>(n));
-    return true;
+    ssize_t const n = poll(&p, 1, timeoutMs) > 0 ? read(out_, buffer, sizeof buffer) : 0;
+    if (n > 0) output_.append(buffer, static_cast<size_t>(n));
+    return n > 0;
   }
 
   pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-  int status_ = -1;
+  int in_ = -1, out_ = -1, status_ = -1;
   std::string output_;
 };
 
@@ -237,67 +201,6 @@ class ToolsKernelTest : public IntfsmTest::NetNsTest {
 
   std::string sw, peer;
 };
-
-// What the kernel hands a packet socket of et1 bound to one protocol (or to all) of each tagged frame:
-// whether it comes, the tag reported beside it, the EtherType at offset 12 of the bytes, and the
-// packet type. Only a socket bound to all sees the outer tag; the others get the frame after it,
-// tag cleared and marked for another host (no VLAN device took the tag).
-TEST_F(ToolsKernelTest, ASocketBoundToOneEtherTypeSeesTaggedFramesWithoutTheirTag) {
-  struct Case {
-    uint16_t protocol;
-    char const * frame;
-    int tag;  // -1: none reported; -2: the frame does not come
-    uint16_t type;
-    uint8_t pktType;
-  } const cases[] = {
-      {ETH_P_ALL, "arp-v4094", 4094, 0x0806, PACKET_BROADCAST}, {ETH_P_ARP, "arp-v4094", -1, 0x0806, PACKET_OTHERHOST},
-      {ETH_P_ALL, "qinq", 30, 0x8100, PACKET_BROADCAST},        {ETH_P_8021Q, "qinq", -1, 0x8100, PACKET_OTHERHOST},
-      {ETH_P_IP, "qinq", -2, 0, 0},                             {0x88b5, "exp-v100", -1, 0x88b5, PACKET_OTHERHOST},
-      {ETH_P_8021Q, "exp-v100", -2, 0, 0},                      {ETH_P_ALL, "exp-v100", 100, 0x88b5, PACKET_BROADCAST},
-  };
-  // The frames are told apart by their length without the outer tag.
-  std::map<std::string, ssize_t> const lengths = {{"arp-v4094", 42}, {"qinq", 66}, {"exp-v100", 60}};
-  int const ifIndex = netns().link(sw, "et1")->ifindex;
-  std::vector<int> sockets;
-  for (Case const & c : cases) {
-    int const sd = Ovel::socketAt(AF_PACKET, SOCK_RAW, htons(c.protocol), sw.c_str());
-    ASSERT_GE(sd, 0);
-    int const on = 1;
-    sockaddr_ll where{};
-    where.sll_family = AF_PACKET;
-    where.sll_protocol = htons(c.protocol);
-    where.sll_ifindex = ifIndex;
-    ASSERT_EQ(setsockopt(sd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on), 0);
-    ASSERT_EQ(bind(sd, reinterpret_cast<sockaddr *>(&where), sizeof where), 0);
-    sockets.push_back(sd);
-  }
-  sendFrames({"arp-v4094", "qinq", "exp-v100"});
-  for (size_t i = 0; i < std::size(cases); ++i) {
-    Case const & c = cases[i];
-    SCOPED_TRACE(std::string(c.frame) + " on protocol " + std::to_string(c.protocol));
-    int tag = -2;
-    uint16_t type = 0;
-    uint8_t pktType = 0;
-    uint8_t bytes[2048];
-    char control[256];
-    sockaddr_ll from{};
-    iovec iov{bytes, sizeof bytes};
-    msghdr m{&from, sizeof from, &iov, 1, control, sizeof control, 0};
-    for (pollfd p{sockets[i], POLLIN, 0}; poll(&p, 1, 200) > 0;) {
-      m.msg_controllen = sizeof control;
-      if (recvmsg(sockets[i], &m, MSG_DONTWAIT) != lengths.at(c.frame)) continue;
-      auto const * aux = reinterpret_cast<tpacket_auxdata const *>(CMSG_DATA(CMSG_FIRSTHDR(&m)));
-      tag = aux->tp_status & TP_STATUS_VLAN_VALID ? aux->tp_vlan_tci & 0xfff : -1;
-      type = static_cast<uint16_t>(bytes[12] << 8 | bytes[13]);
-      pktType = from.sll_pkttype;
-      break;
-    }
-    EXPECT_EQ(tag, c.tag);
-    EXPECT_EQ(type, c.type);
-    EXPECT_EQ(pktType, c.pktType);
-  }
-  for (int sd : sockets) close(sd);
-}
 
 // Every capture of one send of the frames above, side by side: pamdump and live tcpdump (-Q in) on
 // et1 with the same expression write files that read back the same, frame for frame, tags included;

@@ -71,7 +71,6 @@ class NetNsFixture {
   // again under its old name).
   std::string namespaceNew(std::string const & name = {});
   void namespaceDel(std::string const & ns);
-  std::vector<std::string> const & namespaces() const { return namespaces_; }
 
   // A veth pair: `a` in `ns`, `b` in `peerNs` (in `ns` when empty); both administratively down.
   void vethPairNew(std::string const & ns, std::string const & a, std::string const & b,

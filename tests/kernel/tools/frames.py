@@ -33,7 +33,6 @@ frames = {
     "lldp": lambda: Ether(src=src, dst="01:80:c2:00:00:0e") / lldp(),
     "lacp": lambda: Ether(src=src, dst="01:80:c2:00:00:02") / SlowProtocol() / LACP(actor_system="02:00:00:00:00:09", actor_key=7, actor_port_number=3, actor_state=0x3d),
     "big": lambda: eth() / dns() / Raw(b"b" * 1452),
-    "jumbo": lambda: eth() / Dot1Q(vlan=100) / IP(src="10.0.0.1", dst="10.0.0.2") / UDP(sport=1, dport=2) / Raw(b"j" * 8950),
 }
 
 conf.verb = 0

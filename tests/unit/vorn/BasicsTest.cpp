@@ -1,0 +1,129 @@
+// Vorn's basics: shared strings, counted pointers, parent links, the library's type registry, the
+// assertion facility and fperror.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <sstream>
+
+#include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Fperror.h"
+#include "intfsm/foundation/vorn/Ptr.h"
+#include "intfsm/foundation/vorn/String.h"
+#include "tests/support/TestEntities.h"
+
+using IntfsmTest::Widget;
+using Vorn::String;
+
+namespace {
+
+TEST(String, SharedImmutableTextAndTheEmptyOneHoldsNoData) {
+  String const empty;
+  EXPECT_STREQ(empty.charPtr(), "");
+  EXPECT_EQ(String(""), empty);
+  EXPECT_TRUE(String("").empty());
+  String const a("et1/1");
+  String copy;
+  copy = a;
+  EXPECT_EQ(copy.charPtr(), a.charPtr());  // shared, not copied
+  EXPECT_EQ(a.hash(), String(std::string("et1/1")).hash());
+  EXPECT_NE(a.hash(), String("et1/2").hash());
+  EXPECT_LT(String("a"), String("b"));
+  EXPECT_EQ(String("ab\0cd", 5).size(), 5u);
+}
+
+TEST(String, JoinSliceSearchAndPrint) {
+  String const a("et1/1");
+  String b = a + "-x";
+  b += String("y");
+  EXPECT_EQ(b, "et1/1-xy");
+  EXPECT_EQ(a, "et1/1");
+  EXPECT_EQ(a.substr(4), "1");
+  EXPECT_EQ(a.substr(0, 3), "et1");
+  EXPECT_TRUE(a.substr(9).empty());
+  EXPECT_EQ(a.pos("/"), 3u);
+  EXPECT_EQ(a.pos("zz"), String::npos);
+  EXPECT_EQ(a.posOf("/1"), 2u);
+  std::ostringstream os;
+  os << a << "|" << String() << "|";
+  EXPECT_EQ(os.str(), "et1/1||");
+}
+
+struct Counted : Vorn::PtrInterface {
+  explicit Counted(int * deaths) : deaths(deaths) {}
+  ~Counted() override { ++*deaths; }
+  int * deaths;
+};
+
+TEST(Ptr, TheLastReferenceDestroysAndTheFlagBitsNeverCount) {
+  for (bool threadSafe : {false, true}) {
+    SCOPED_TRACE(threadSafe);
+    Vorn::threadSafePointers = threadSafe;
+    int deaths = 0;
+    Vorn::Ptr<Counted> a = new Counted(&deaths);
+    {
+      Vorn::Ptr<Counted const> b = a;
+      Vorn::Ptr<Counted> c = a;
+      Vorn::Ptr<Counted> moved = std::move(c);
+      EXPECT_FALSE(c);
+      EXPECT_EQ(a->references(), 3u);
+    }
+    a->vornMarkedForDeletionIs(true);
+    Vorn::Ptr<Counted> d = a;
+    EXPECT_EQ(a->references(), 2u);
+    EXPECT_TRUE(a->vornMarkedForDeletion());
+    d = nullptr;
+    a = a;  // self-assignment keeps the object
+    EXPECT_EQ(deaths, 0);
+    a->vornMarkedForDeletionIs(false);
+    EXPECT_FALSE(a->vornMarkedForDeletion());
+    a = nullptr;
+    EXPECT_EQ(deaths, 1);
+  }
+  Vorn::threadSafePointers = false;
+}
+
+TEST(Entity, ParentIsNotOwnedAndClearsWhenTheParentDies) {
+  auto parent = Widget::widgetNew("root");
+  auto child = Widget::widgetNew("child");
+  child->parentIs(parent);
+  EXPECT_EQ(child->parent(), parent);
+  EXPECT_EQ(parent->references(), 1u);
+  {
+    auto shortLived = Widget::widgetNew("c2");  // unlinks itself from the parent when it dies
+    shortLived->parentIs(parent);
+  }
+  parent = nullptr;
+  EXPECT_FALSE(child->parent());
+}
+
+TEST(TypeRegistry, HoldsTheLibrarysTypesInOrder) {
+  auto const & types = Intfsm::typeRegistry().types();
+  ASSERT_EQ(types.size(), 26u);
+  EXPECT_EQ(types.front().name(), "Interface::NetNsIntfStatusIndexDir");
+  EXPECT_EQ(types[8].name(), "Interface::EthDevPamBundleFdSm");
+  EXPECT_EQ(types[20].name(), "Interface::SimpleTxRxPktManager");
+  EXPECT_EQ(types.back().name(), "KernelOperState::Root");
+  EXPECT_NE(Intfsm::typeRegistry().type("KernelOperState::IntfStatusDir"), nullptr);
+  EXPECT_FALSE(Intfsm::typeRegistry().newEntity("KernelOperState::Nope", "x"));
+}
+
+TEST(TypeRegistryDeathTest, RegisteringAnUnknownTypeIsAProgramError) {
+  EXPECT_DEATH(Intfsm::typeRegistry().typeIs("Nowhere::Thing", nullptr, {}), "assertion \"record != nullptr\" failed");
+}
+
+TEST(AssertDeathTest, ReportsModuleExpressionAndPlace) {
+  int sd = -1;
+  EXPECT_DEATH(VORN_ASSERT(sd >= 0), "assertion \"sd >= 0\" failed at BasicsTest.cpp:[0-9]+ in TestBody");
+  char buffer[64];
+  EXPECT_STREQ(Vorn::moduleOfPath("/src/intfsm/intfsm/KernelOperState/Root.cpp", buffer, sizeof buffer),
+               "KernelOperState");
+  EXPECT_STREQ(Vorn::moduleOfPath("/src/intfsm/intfsm/foundation/vorn/Ptr.h", buffer, sizeof buffer),
+               "foundation/vorn");
+}
+
+TEST(FperrorDeathTest, PrintsTheSystemErrorAndExitsWithStatusOne) {
+  EXPECT_EXIT((errno = EMFILE, fperror("socket")), testing::ExitedWithCode(1), "^socket: Too many open files\n$");
+}
+
+}  // namespace
