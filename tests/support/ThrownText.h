@@ -8,6 +8,7 @@
 // the test.
 #pragma once
 
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -29,6 +30,11 @@ std::string printed(T const & value) {
   std::ostringstream os;
   os << value;
   return os.str();
+}
+
+// The death-test pattern of a failed VORN_ASSERT(expression), its special characters escaped.
+inline std::string assertionFailed(std::string const & expression) {
+  return "assertion \"" + std::regex_replace(expression, std::regex(R"([()|*.\[\]^$+?{}\\])"), R"(\$&)") + "\" failed";
 }
 
 }  // namespace IntfsmTest

@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <map>
-#include <regex>
 
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
@@ -16,6 +15,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+using IntfsmTest::assertionFailed;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using Ovel::IntfId;
@@ -157,16 +157,12 @@ TEST_F(IntfByDeviceTest, TracesEachStepOfAMoveIntoItsNamespace) {
   EXPECT_EQ(indexed(), (Index{{"et1", "Ethernet1"}}));
 }
 
-std::string quoted(std::string const & expression) {
-  return "assertion \"" + std::regex_replace(expression, std::regex(R"([()|*.\[\]^$+?{}\\])"), R"(\$&)") + "\" failed";
-}
-
 TEST_F(IntfByDeviceTest, KeylessHandlersInsistOnAnEmptyIndexAndNullsAreRefused) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   status("Ethernet1", "et1");
   start("default");
-  EXPECT_DEATH(reactor->handleIntfStatus(), quoted("intf()->intfStatuss() == 0"));
-  EXPECT_DEATH(reactor->handleIntfStatusLocal(), quoted("intf()->intfStatuss() == 0"));
+  EXPECT_DEATH(reactor->handleIntfStatus(), assertionFailed("intf()->intfStatuss() == 0"));
+  EXPECT_DEATH(reactor->handleIntfStatusLocal(), assertionFailed("intf()->intfStatuss() == 0"));
 
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { reactor->intfStatusIs(nullptr); }),
             "null _intfStatus parameter to mutator for Interface::AllIntfDeviceNameReactor::intfStatus not allowed\"");

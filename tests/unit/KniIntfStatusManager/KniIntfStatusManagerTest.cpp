@@ -8,7 +8,6 @@
 #include <net/if.h>
 
 #include <map>
-#include <regex>
 
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
@@ -17,6 +16,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+using IntfsmTest::assertionFailed;
 using Device = KernelNetInfo::Interface;
 using Ovel::IntfId;
 using Ovel::NamespaceName;
@@ -57,10 +57,6 @@ class KniIntfStatusManagerTest : public IntfsmTest::ModuleTest {
   std::map<std::string, Ns> namespaces;
   Vorn::Ptr<Interface::NetNsIntfStatusManagerRoot> root = Interface::netNsIntfStatusManagerRootFactory(all, locals, true);
 };
-
-std::string quoted(std::string const & expression) {
-  return "assertion \"" + std::regex_replace(expression, std::regex(R"([()|*.\[\]^$+?{}\\])"), R"(\$&)") + "\" failed";
-}
 
 TEST_F(KniIntfStatusManagerTest, StartUpPublishesNothingUntilTheIndexIsFilled) {
   ns("default").kernel->interfaceIs(Device(5, running, "va0"));
@@ -143,16 +139,16 @@ TEST_F(KniIntfStatusManagerTest, ProgramErrorsAbort) {
   auto manager = manage("default");
   ns("default").kernel->interfaceIs(Device(5, running, "va0"));
   status("Ethernet1", "va0");
-  EXPECT_DEATH(manager->handleKernelIntf(), quoted("kernelIntfDir() == 0 || kernelIntfDir()->intfStatuss() == 0"));
+  EXPECT_DEATH(manager->handleKernelIntf(), assertionFailed("kernelIntfDir() == 0 || kernelIntfDir()->intfStatuss() == 0"));
   // An interface whose published ifindex would change in place.
   Interface::IntfStatusAndDeviceName stale = ns("default").kis->intfStatusAndDeviceName(IntfId("Ethernet1"));
   stale.ifIndex = 4;
   ns("default").kis->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), stale);
-  EXPECT_DEATH(manager->handleKernelIntf("va0"), quoted("!oldIfIndex || oldIfIndex == newIfIndex"));
+  EXPECT_DEATH(manager->handleKernelIntf("va0"), assertionFailed("!oldIfIndex || oldIfIndex == newIfIndex"));
 
   auto unfiltered = Interface::netNsIntfStatusManagerRootFactory(all, locals, false);
   EXPECT_DEATH(unfiltered->intfStatusManagerIs(ns("blue").kis, ns("blue").kni, NamespaceName("blue")),
-               quoted("false && \"filterByNetNs must be set to be used for non-default namespaces\""));
+               assertionFailed("false && \"filterByNetNs must be set to be used for non-default namespaces\""));
 }
 
 }  // namespace

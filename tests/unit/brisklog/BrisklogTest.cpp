@@ -145,23 +145,4 @@ TEST_F(BrisklogTest, LinesGoToTheInstalledSinkElseTheOutputFileElseStderr) {
   EXPECT_NEAR(static_cast<double>(timegm(&parts)), static_cast<double>(std::time(nullptr)), 5.0);
 }
 
-// Tests rely on a capture leaving the trace set-up as it found it, whatever they changed meanwhile.
-TEST_F(BrisklogTest, CaptureEnablesItsModulesThenPutsSinkAndLevelsBack) {
-  Brisklog::Handle h("TraceCaptureTest.A", true);
-  Brisklog::Handle other("TraceCaptureTest.Other");
-  Brisklog::levelsIs("TraceCaptureTest.Other", 0x4);
-  {
-    TraceCapture capture{{"TraceCaptureTest.A", Brisklog::levelRange(0, 5)}};
-    EXPECT_EQ(Brisklog::sink(), &capture);
-    EXPECT_EQ(h.levels(), 0x3f);
-    Brisklog::configure("*/0-9");
-    other.levelsIs(0x80);
-  }
-  EXPECT_EQ(Brisklog::sink(), nullptr);
-  EXPECT_EQ(h.levels(), 0x1);
-  EXPECT_EQ(other.levels(), 0x4);
-  EXPECT_EQ(Brisklog::Handle("TraceCaptureTest.A").levels(), 0);  // the capture's request went with it
-  EXPECT_EQ(Brisklog::Handle("TraceCaptureTest.During").levels(), 0);
-}
-
 }  // namespace
