@@ -1,5 +1,6 @@
-// KernelNetNsInfo::Manager against real namespaces: `ip netns add` / `del` in /run/netns, and a
-// namespace mount that lands on an entry after the entry was created.
+// KernelNetNsInfo::Manager against real namespaces: a namespace mount that lands on an entry after the
+// entry was created. Following `ip netns add` / `del` in /run/netns is in the oper-state root's kernel
+// test (namespaces created and deleted after start-up).
 #include "intfsm/foundation/kernel/KernelNetNsManager.h"
 
 #include <gtest/gtest.h>
@@ -42,21 +43,6 @@ class KernelNetNsManagerKernel : public IntfsmTest::KernelModuleTest {
   Vorn::Ptr<Manager> manager;
 };
 
-TEST_F(KernelNetNsManagerKernel, FollowsIpNetnsAddAndDel) {
-  std::string const before = netns().namespaceNew();  // there before the manager starts
-  start(Manager::defaultDirectory);
-  EXPECT_EQ(root->netNsByName(nsName(Ovel::DEFAULT_NS)), inodeOf("/proc/thread-self/ns/net"));
-  uint32_t const beforeNumber = inodeOf("/run/netns/" + before);
-  EXPECT_EQ(root->netNs(beforeNumber), nsName(before));
-  std::string const added = netns().namespaceNew();
-  ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName(added)); }));
-  uint32_t const number = inodeOf("/run/netns/" + added);
-  EXPECT_EQ(root->netNs(number), nsName(added));
-  netns().namespaceDel(added);
-  ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName(added)); }));
-  EXPECT_FALSE(root->netNsHas(number));
-}
-
 // The order `ip netns add` uses on a new directory: the directory, its bind mount onto itself, the
 // file, and the namespace mount on the file afterwards, with no inotify event for either mount.
 TEST_F(KernelNetNsManagerKernel, AMountThatFollowsTheFileIsPickedUp) {
@@ -68,6 +54,7 @@ TEST_F(KernelNetNsManagerKernel, AMountThatFollowsTheFileIsPickedUp) {
     ~Unmount() { ::umount2(entry.c_str(), MNT_DETACH), ::umount2(dir.c_str(), MNT_DETACH); }
   } unmount{dir, entry};
   start(Vorn::String(dir));
+  EXPECT_EQ(root->netNsByName(nsName(Ovel::DEFAULT_NS)), inodeOf("/proc/thread-self/ns/net"));
   ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
   ASSERT_TRUE(runUntil([&] { return manager->directoryWatched(); }));
   // The watch is on the directory itself, so it keeps seeing entries made through the new mount.

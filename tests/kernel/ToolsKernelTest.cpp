@@ -183,13 +183,6 @@ class ToolsKernelTest : public IntfsmTest::NetNsTest {
     auto const r = runCommand(argv);
     ASSERT_EQ(r.status, 0) << r.output;
   }
-  // Sends the frames named, in order, from pe1 with scapy.
-  void sendFrames(std::vector<std::string> const & names) {
-    std::string command = std::string("/usr/bin/python3 ") + TOOLS_FRAMES_PY + " pe1";
-    for (auto const & n : names) command += " " + n;
-    auto const r = netns().runIn(peer, command);
-    ASSERT_EQ(r.status, 0) << r.output;
-  }
   Program in(std::string const & ns, std::vector<std::string> args) {
     args.insert(args.begin(), {"ip", "netns", "exec", ns});
     return Program(args);
@@ -242,9 +235,10 @@ TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
   }
   lines.readUntil("capturing on");
   piped.readUntil("capturing on");
-  std::vector<std::string> names;
-  for (SentFrame const & f : sentFrames) names.push_back(f.name);
-  sendFrames(names);
+  std::string send = std::string("/usr/bin/python3 ") + TOOLS_FRAMES_PY + " pe1";  // each frame, in order, with scapy
+  for (SentFrame const & f : sentFrames) send += std::string(" ") + f.name;
+  auto const sent = netns().runIn(peer, send);
+  ASSERT_EQ(sent.status, 0) << sent.output;
 
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE("pamdump " + ::testing::PrintToString(cases[i].pamdump));
