@@ -392,7 +392,7 @@ void printReport(Options const & opt, std::vector<ReaderKind> const & kinds, std
   bool sweep = false;
   for (auto const & [name, r] : results) sweep |= !r.sweep[0].empty();
   if (sweep) {
-    std::printf("\nlatency sweep (%.1f s per point; \"limit\": the sender at full speed, each batch of 64 stamped once)\n",
+    std::printf("\nlatency sweep (%.2g s per point; \"limit\": the sender at full speed, each batch of 64 stamped once)\n",
                 opt.sweepSeconds);
     std::printf("%-14s %-7s | %-22s %-18s %-22s %-18s\n", "reader", "rate", "offered frames/s", "p50 us", "p99 us",
                 "reader ns/frame");

@@ -57,6 +57,13 @@ std::vector<std::vector<uint32_t>> program(int fd) {
   return out;
 }
 
+// The process's CPU time: what an idle loop must not burn.
+double cpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+}
+
 std::string bytesOf(Ovel::Pkt const & pkt) { return std::string(reinterpret_cast<char const *>(pkt.data()), pkt.dataLen()); }
 
 class EthDevPamBundleKernelTest : public IntfsmTest::KernelModuleTest {
@@ -201,11 +208,6 @@ TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFra
 // Frames left unread cost nothing while they wait: no pass re-arms the activity, no CPU is burnt; the
 // reader gets the rest on the activity as soon as it takes a frame on its own.
 TEST_F(EthDevPamBundleKernelTest, AReaderThatLeavesItsFramesUnreadCostsNoCpuAndGetsThemWhenItReads) {
-  auto cpuSeconds = [] {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-  };
   for (Path path : {bulk, ring}) {
     SCOPED_TRACE(path.name);
     bundleNew(testProtocol, path);
@@ -237,11 +239,6 @@ TEST_F(EthDevPamBundleKernelTest, AReaderThatLeavesItsFramesUnreadCostsNoCpuAndG
 // across the switches, and an idle bundle burns no CPU (a timer that kept firing, or readiness left
 // off with frames waiting, would show here).
 TEST_F(EthDevPamBundleKernelTest, ModeratedReadsLoseNothingAcrossModeSwitchesAndAnIdleBundleCostsNoCpu) {
-  auto cpuSeconds = [] {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-  };
   for (Path path : {bulk, ring}) {
     SCOPED_TRACE(path.name);
     bundleNew(testProtocol, path);
