@@ -7,7 +7,10 @@
 //   ours-single   one recvmsg per readable event, one packet reused for every read
 //   ours-bulk     one recvmmsg of up to 128 frames per readable event into reused packets
 //   ours-ring     ring mode: up to 128 frames per readable event copied out of a TPACKET_V2 ring
+//   ours-ring-mod ring mode with receive moderation: timed reads while frames come in batches
+//                 (PKT_RATE_MOD_BATCH and PKT_RATE_MOD_US override the batch and interval, for tuning)
 #include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -24,7 +27,7 @@ namespace {
 
 using Vorn::Ptr;
 
-enum class Path { single, bulk, ring };
+enum class Path { single, bulk, ring, ringModerated };
 
 class ManagerReader final : public Reader {
  public:
@@ -40,12 +43,16 @@ class ManagerReader final : public Reader {
     manager_->enableBulkPamReadIs(path_ == Path::bulk);
     // A frame of 60 bytes takes about 1280 bytes of receive buffer (its buffer and bookkeeping).
     manager_->sockRcvBufIs(static_cast<uint32_t>(cfg.bufferFor(1280)));
-    if (path_ == Path::ring) {
+    bool const ring = path_ == Path::ring || path_ == Path::ringModerated;
+    if (ring) {
       // 1600-byte slots for 1518-byte frames, 40 to a 64 KiB block.
       uint32_t const blockSize = Interface::EthDevPamBundle::defaultRxRingBlockSize;
       size_t const blocks = (cfg.bufferFor(blockSize / 40) + blockSize - 1) / blockSize;
       manager_->rxRingIs(true);
       manager_->rxRingBlockCountIs(static_cast<uint32_t>(std::max<size_t>(blocks, 4)));
+      manager_->rxModerationIs(path_ == Path::ringModerated);
+      if (char const * batch = std::getenv("PKT_RATE_MOD_BATCH")) manager_->rxModerationBatchIs(std::atoi(batch));
+      if (char const * us = std::getenv("PKT_RATE_MOD_US")) manager_->rxModerationIntervalUsIs(std::atoi(us));
     }
     manager_->handleInitialized();
     manager_->enabledIs(true);
@@ -57,7 +64,7 @@ class ManagerReader final : public Reader {
     desired_->intfDesiredIs(intf, true);
     pam_ = Vorn::ptr_cast<Ovel::EthDevPamInBundle>(pams_->intfPam(intf));
     Ptr<Interface::EthDevPamBundle> const & bundle = manager_->edpBundle();
-    if (!pam_ || !pam_->enabled() || (path_ == Path::ring) != bundle->rxRingMapped(bundle->sd())) {
+    if (!pam_ || !pam_->enabled() || ring != bundle->rxRingMapped(bundle->sd())) {
       close();
       throw std::runtime_error("the packet-access manager made no working Pam on " + cfg.ifname);
     }
@@ -83,7 +90,8 @@ class ManagerReader final : public Reader {
             {"pamNotReadyDropCount", bundle.pamNotReadyDropCount()},
             {"rxErrors", bundle.rxErrors()},
             {"queueDropCount", pam_->queueDropCount()},
-            {"pktsAllocated", Ovel::globalPktManager().pktsAllocated() - pkts0_}};
+            {"pktsAllocated", Ovel::globalPktManager().pktsAllocated() - pkts0_},
+            {"rxModerationEntries", bundle.rxModerationEntries()}};
   }
 
   void close() override {
@@ -126,6 +134,8 @@ ReaderRegistration oursBulk{{"ours-bulk", "the manager's Pam on the bundle's bul
                              [] { return std::make_unique<ManagerReader>(Path::bulk); }}};
 ReaderRegistration oursRing{{"ours-ring", "the manager's Pam on the bundle's ring mode (TPACKET_V2, 1600-byte slots)", 90,
                              [] { return std::make_unique<ManagerReader>(Path::ring); }}};
+ReaderRegistration oursRingModerated{{"ours-ring-mod", "ours-ring with receive moderation (timed reads under load)", 95,
+                                      [] { return std::make_unique<ManagerReader>(Path::ringModerated); }}};
 
 }  // namespace
 

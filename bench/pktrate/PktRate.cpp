@@ -19,9 +19,13 @@
 // - live: the sender at full speed for a few seconds against a 4 MiB buffer or ring: offered, reached
 //   the socket and dropped there (PACKET_STATISTICS), lost on the way (veth / backlog drops), received,
 //   reader CPU per frame, and heap allocations per frame after the first 10 % (the whole process).
-// - latency: 10,000 frames/s, from the sender's stamp to the handler: p50 and p99. Sender and reader
-//   run at real-time priority here (--no-rt: not), so that other programs on a busy machine do not
-//   decide when the reader wakes.
+// - latency: 10,000 frames/s, from the sender's stamp to the handler: p50 and p99.
+// - sweep: the same at 1,000, 10,000 and 100,000 frames/s and at the box's limit (the sender at full
+//   speed), for the readers a switch agent chooses between (libpcap batched and immediate, ours-ring
+//   with and without moderation): offered rate, p50, p99 and reader CPU per frame at each point.
+//   --plot-data FILE writes the points for scripts/bench --plot.
+// Sender and reader run at real-time priority in live, latency and sweep (--no-rt: not), so that
+// other programs on a busy machine decide neither how fast the sender goes nor when the reader wakes.
 // Figures are medians over the repetitions, with the smallest and largest in brackets.
 //
 // The last line of output is one JSON object (see the table's keys); a figure that needs a reader
@@ -30,7 +34,9 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -58,6 +64,8 @@ struct Options {
   double liveSeconds = 3.0;
   uint64_t latencyFrames = 20000;
   double latencyRate = 10000.0;
+  double sweepSeconds = 1.0;  // per point of the sweep
+  std::string plotData;       // where the sweep's points go, if anywhere
   size_t liveBuffer = 4u << 20;
   std::vector<std::string> readers;  // empty: all
   std::vector<std::string> measures;  // empty: all
@@ -70,6 +78,13 @@ struct Options {
 char const * const oursSingle = "ours-single";
 char const * const oursBulk = "ours-bulk";
 char const * const oursRing = "ours-ring";
+char const * const oursRingModerated = "ours-ring-mod";
+char const * const libpcapBatched = "libpcap";
+char const * const libpcapImmediate = "libpcap-imm";
+// The sweep's readers and rates (0: the box's limit).
+char const * const sweepReaders[] = {libpcapBatched, libpcapImmediate, oursRing, oursRingModerated};
+double const sweepRates[] = {1000, 10000, 100000, 0};
+constexpr size_t sweepPoints = sizeof sweepRates / sizeof sweepRates[0];
 
 struct DrainRun {
   uint64_t queued = 0, read = 0, droppedQueueing = 0;
@@ -83,11 +98,13 @@ struct LiveRun {
 struct LatencyRun {
   uint64_t sent = 0, received = 0;
   double p50Us = NAN, p99Us = NAN;
+  double offeredFps = NAN, cpuNsPerFrame = NAN;
 };
 struct Results {
   std::vector<DrainRun> drain;
   std::vector<LiveRun> live;
   std::vector<LatencyRun> latency;
+  std::vector<LatencyRun> sweep[sweepPoints];
 };
 
 std::vector<int> allowedCpus() {
@@ -141,10 +158,12 @@ class Harness {
     reader->open(cfg);
     Sender sender(pair().aIndex, pair().bMac, pair().aMac, runTag_);
     SendResult sent = onSenderCpu([&] { return sender.burst(opt_.drainFrames); });
-    settle(reader->holdMs());
+    settle(*reader);
     FrameSink sink(FrameSink::Mode::count, runTag_);
     uint64_t const cpu0 = threadCpuNs();
-    while (reader->pump(sink, 0) != 0) {
+    // Until a pass finds nothing, and one more that may wait a millisecond: a moderated reader reads
+    // on its timer after its first batch, so a pass that does not wait finds nothing until then.
+    while (reader->pump(sink, 0) != 0 || reader->pump(sink, 1) != 0) {
     }
     uint64_t const cpu1 = threadCpuNs();
     KernelStats const k = reader->kernelStats();
@@ -167,8 +186,10 @@ class Harness {
     FrameSink sink(FrameSink::Mode::count, runTag_);
     std::atomic<bool> stop{false}, done{false};
     SendResult sent;
+    if (opt_.realtime) realtimeIs(true);
     std::thread senderThread([&] {
       pinThisThread(senderCpu_);
+      if (opt_.realtime) realtimeIs(true);
       sent = sender.flood(opt_.liveSeconds, stop);
       done.store(true);
     });
@@ -178,6 +199,7 @@ class Harness {
     uint64_t const cpu1 = threadCpuNs();
     uint64_t const allocations1 = allocations();
     senderThread.join();
+    if (opt_.realtime) realtimeIs(false);
     KernelStats const k = reader->kernelStats();
     LiveRun run;
     run.ownCounters = reader->ownCounters();
@@ -197,29 +219,36 @@ class Harness {
     return run;
   }
 
-  LatencyRun latency(ReaderKind const & kind) {
+  // `frames` at `rate` frames/s; with rate 0, as many as the sender makes in opt_.sweepSeconds.
+  LatencyRun latency(ReaderKind const & kind, double rate, uint64_t frames) {
     auto reader = kind.make();
     ReaderConfig cfg = config();
     cfg.bufferBytes = opt_.liveBuffer;
     reader->open(cfg);
     Sender sender(pair().aIndex, pair().bMac, pair().aMac, runTag_);
-    FrameSink sink(FrameSink::Mode::latency, runTag_, opt_.latencyFrames + 1024);
-    std::atomic<bool> done{false};
+    // At the limit: room for what a quiet box's sender makes; later frames are counted, not timed.
+    size_t const capacity = rate > 0 ? frames + 1024 : static_cast<size_t>(2e6 * opt_.sweepSeconds) + 1024;
+    FrameSink sink(FrameSink::Mode::latency, runTag_, capacity);
+    std::atomic<bool> stop{false}, done{false};
     SendResult sent;
     if (opt_.realtime) realtimeIs(true);
     std::thread senderThread([&] {
       pinThisThread(senderCpu_);
       if (opt_.realtime) realtimeIs(true);
-      sent = sender.paced(opt_.latencyFrames, opt_.latencyRate);
+      sent = rate > 0 ? sender.paced(frames, rate) : sender.flood(opt_.sweepSeconds, stop);
       done.store(true);
     });
+    uint64_t const cpu0 = threadCpuNs();
     readUntilQuiet(*reader, sink, done);
+    uint64_t const cpu1 = threadCpuNs();
     senderThread.join();
     if (opt_.realtime) realtimeIs(false);
     reader->close();
     LatencyRun run;
     run.sent = sent.sent;
     run.received = sink.frames();
+    if (sent.seconds > 0) run.offeredFps = static_cast<double>(sent.sent) / sent.seconds;
+    if (run.received) run.cpuNsPerFrame = static_cast<double>(cpu1 - cpu0) / static_cast<double>(run.received);
     std::vector<double> us;
     us.reserve(sink.latenciesNs().size());
     for (int64_t ns : sink.latenciesNs()) us.push_back(static_cast<double>(ns) / 1000.0);
@@ -248,8 +277,23 @@ class Harness {
     return result;
   }
 
-  // Lets the kernel finish queueing (and a ring hand over its last block) before a drain.
-  static void settle(int holdMs) { usleep(static_cast<useconds_t>((50 + 2 * holdMs) * 1000)); }
+  // Lets the kernel finish queueing (and a ring hand over its last block) before a drain: until the
+  // count of frames that reached the socket has held still for 20 ms, at most 10 s. A fixed wait is
+  // not enough on a busy machine: the burst's receive work runs in the sender core's softirq, which
+  // the kernel defers to a thread of normal priority when it runs long, so frames may still be
+  // arriving when the drain starts; reading then measures the wait for each late frame (a pass of
+  // the reader per frame or two), not the reading, and the figure moved 50x between runs.
+  static void settle(Reader & reader) {
+    usleep(static_cast<useconds_t>((20 + 2 * reader.holdMs()) * 1000));
+    uint64_t last = reader.kernelStats().packets;
+    uint64_t const deadline = monotonicNs() + 10000000000u;
+    for (int still = 0; still < 4 && monotonicNs() < deadline;) {
+      usleep(5000);
+      uint64_t const now = reader.kernelStats().packets;
+      still = now == last ? still + 1 : 0;
+      last = now;
+    }
+  }
 
   // Reads while the sender runs, then until nothing more has come for a while.
   static void readUntilQuiet(Reader & reader, FrameSink & sink, std::atomic<bool> const & done) {
@@ -345,10 +389,54 @@ void printReport(Options const & opt, std::vector<ReaderKind> const & kinds, std
   for (char const * ours : {oursSingle, oursBulk, oursRing}) {
     if (!results.count(ours)) std::printf("%-12s not built yet\n", ours);
   }
+  bool sweep = false;
+  for (auto const & [name, r] : results) sweep |= !r.sweep[0].empty();
+  if (sweep) {
+    std::printf("\nlatency sweep (%.2g s per point; \"limit\": the sender at full speed, each batch of 64 stamped once)\n",
+                opt.sweepSeconds);
+    std::printf("%-14s %-7s | %-22s %-18s %-22s %-18s\n", "reader", "rate", "offered frames/s", "p50 us", "p99 us",
+                "reader ns/frame");
+    for (char const * name : sweepReaders) {
+      auto it = results.find(name);
+      if (it == results.end() || it->second.sweep[0].empty()) continue;
+      for (size_t point = 0; point < sweepPoints; ++point) {
+        auto const & runs = it->second.sweep[point];
+        Spread offered = spreadOver(runs, [](auto const & x) { return x.offeredFps; });
+        Spread p50 = spreadOver(runs, [](auto const & x) { return x.p50Us; });
+        Spread p99 = spreadOver(runs, [](auto const & x) { return x.p99Us; });
+        Spread ns = spreadOver(runs, [](auto const & x) { return x.cpuNsPerFrame; });
+        std::printf("%-14s %-7s | %-22s %-18s %-22s %-18s\n", name,
+                    sweepRates[point] > 0 ? fmt("%.0f", sweepRates[point]).c_str() : "limit", text(offered, "%.0f").c_str(),
+                    text(p50, "%.1f").c_str(), text(p99, "%.1f").c_str(), text(ns).c_str());
+      }
+    }
+  }
   std::printf("\n\"live\" is frames received / frames that reached the socket; \"reached\" is that / offered.\n");
   for (auto const & kind : kinds) {
     if (results.count(kind.name)) std::printf("  %-12s %s\n", kind.name.c_str(), kind.description.c_str());
   }
+}
+
+// The sweep's medians, one line per reader and point: reader, nominal rate (0: limit), offered
+// frames/s, p50 us, p99 us, reader ns/frame; blocks of one reader apart by a blank line (gnuplot's
+// index), in the order of sweepReaders, each block headed by a comment with the reader's name.
+void writePlotData(std::string const & path, std::map<std::string, Results> const & results) {
+  FILE * f = std::fopen(path.c_str(), "w");
+  if (!f) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  for (char const * name : sweepReaders) {
+    auto it = results.find(name);
+    std::fprintf(f, "# %s\n", name);
+    for (size_t point = 0; it != results.end() && point < sweepPoints; ++point) {
+      auto const & runs = it->second.sweep[point];
+      if (runs.empty()) continue;
+      auto median = [&](auto field) { return spreadOver(runs, field).median; };
+      std::fprintf(f, "%s %.0f %.0f %.2f %.2f %.1f\n", name, sweepRates[point],
+                   median([](auto const & x) { return x.offeredFps; }), median([](auto const & x) { return x.p50Us; }),
+                   median([](auto const & x) { return x.p99Us; }), median([](auto const & x) { return x.cpuNsPerFrame; }));
+    }
+    std::fprintf(f, "\n\n");
+  }
+  std::fclose(f);
 }
 
 void printJson(std::map<std::string, Results> const & results) {
@@ -370,14 +458,35 @@ void printJson(std::map<std::string, Results> const & results) {
     Results const * r = find(name);
     return r ? spreadOver(r->latency, [](auto const & x) { return x.p99Us; }).median : NAN;
   };
+  auto live = [&](char const * name, auto field) {
+    Results const * r = find(name);
+    return r ? spreadOver(r->live, field).median : NAN;
+  };
+  auto liveRatio = [&](char const * num, char const * den, auto field) {
+    Results const * n = find(num);
+    Results const * d = find(den);
+    return n && d ? ratioOver(n->live, d->live, field).median : NAN;
+  };
+  auto liveNs = [](LiveRun const & x) { return x.cpuNsPerFrame; };
+  auto offered = [](LiveRun const & x) { return x.seconds > 0 ? static_cast<double>(x.offered) / x.seconds : NAN; };
+  // The worst point of the sweep: ours (moderated) p99 / libpcap immediate's p99, medians per point.
+  double p99VsImmediate = NAN;
+  Results const * mod = find(oursRingModerated);
+  Results const * imm = find(libpcapImmediate);
+  for (size_t point = 0; mod && imm && point < sweepPoints; ++point) {
+    if (mod->sweep[point].empty() || imm->sweep[point].empty()) continue;
+    auto p99Of = [](LatencyRun const & x) { return x.p99Us; };
+    double const r = spreadOver(mod->sweep[point], p99Of).median / spreadOver(imm->sweep[point], p99Of).median;
+    if (std::isnan(p99VsImmediate) || r > p99VsImmediate) p99VsImmediate = r;
+  }
   double delivered = NAN;
-  if (Results const * ring = find(oursRing)) {
+  if (Results const * ring = find(oursRingModerated) ? find(oursRingModerated) : find(oursRing)) {
     delivered = spreadOver(ring->live, [](auto const & x) {
                   return x.reached ? static_cast<double>(x.received) / static_cast<double>(x.reached) : NAN;
                 }).median;
   }
   double allocs = NAN;
-  for (char const * ours : {oursSingle, oursBulk, oursRing}) {
+  for (char const * ours : {oursSingle, oursBulk, oursRing, oursRingModerated}) {
     if (Results const * r = find(ours)) {
       double const a = spreadOver(r->live, [](auto const & x) { return x.allocsPerFrame; }).median;
       if (std::isnan(allocs) || a > allocs) allocs = a;
@@ -389,22 +498,29 @@ void printJson(std::map<std::string, Results> const & results) {
               "\"ring_p99_us\":%s,\"libpcap_p99_us\":%s,\"live_delivered_ratio\":%s,\"allocs_per_frame\":%s,"
               "\"recvmsg_ns_per_frame\":%s,\"recvmmsg_ns_per_frame\":%s,\"ring_v3_ns_per_frame\":%s,"
               "\"ring_v2_ns_per_frame\":%s,\"libpcap_ns_per_frame\":%s,\"libpcap_immediate_ns_per_frame\":%s,"
-              "\"ring_v3_p99_us\":%s,\"ring_v2_p99_us\":%s,\"libpcap_immediate_p99_us\":%s}\n",
+              "\"ring_v3_p99_us\":%s,\"ring_v2_p99_us\":%s,\"libpcap_immediate_p99_us\":%s,"
+              "\"ring_live_ns_per_frame\":%s,\"ring_unmoderated_live_ns_per_frame\":%s,\"libpcap_live_ns_per_frame\":%s,"
+              "\"ring_live_vs_libpcap_batched\":%s,\"ring_offered_ratio\":%s,\"ring_p99_vs_libpcap_immediate\":%s,"
+              "\"ring_unmoderated_p99_us\":%s}\n",
               ratioText(ratio("recvmsg", oursSingle)).c_str(), ratioText(ratio("recvmmsg", oursBulk)).c_str(),
               amount(drainMedian(oursRing)).c_str(), ratioText(ratio("libpcap", oursRing)).c_str(),
-              amount(p99(oursRing)).c_str(), amount(p99("libpcap")).c_str(), jsonNumber(delivered, "%.4f").c_str(),
+              amount(p99(find(oursRingModerated) ? oursRingModerated : oursRing)).c_str(), amount(p99("libpcap")).c_str(), jsonNumber(delivered, "%.4f").c_str(),
               jsonNumber(allocs, "%.4f").c_str(), amount(drainMedian("recvmsg")).c_str(),
               amount(drainMedian("recvmmsg")).c_str(), amount(drainMedian("ring-v3")).c_str(),
               amount(drainMedian("ring-v2")).c_str(), amount(drainMedian("libpcap")).c_str(),
               amount(drainMedian("libpcap-imm")).c_str(), amount(p99("ring-v3")).c_str(), amount(p99("ring-v2")).c_str(),
-              amount(p99("libpcap-imm")).c_str());
+              amount(p99("libpcap-imm")).c_str(), amount(live(oursRingModerated, liveNs)).c_str(),
+              amount(live(oursRing, liveNs)).c_str(), amount(live(libpcapBatched, liveNs)).c_str(),
+              ratioText(liveRatio(oursRingModerated, libpcapBatched, liveNs)).c_str(),
+              ratioText(liveRatio(oursRingModerated, libpcapBatched, offered)).c_str(), ratioText(p99VsImmediate).c_str(),
+              amount(p99(oursRing)).c_str());
 }
 
 [[noreturn]] void usage(char const * argv0) {
   std::fprintf(stderr,
                "usage: %s [--quick|--smoke] [--reps N] [--drain FRAMES] [--live SECONDS] [--latency FRAMES]\n"
-               "          [--rate FRAMES_PER_S] [--readers NAME,...] [--measures drain,live,latency] [--no-pin]\n"
-               "          [--no-rt] [--list]\n",
+               "          [--rate FRAMES_PER_S] [--readers NAME,...] [--measures drain,live,latency,sweep]\n"
+               "          [--plot-data FILE] [--no-pin] [--no-rt] [--list]\n",
                argv0);
   std::exit(2);
 }
@@ -421,12 +537,14 @@ Options parse(int argc, char ** argv) {
       opt.mode = "quick";
       opt.liveSeconds = 1.0;
       opt.latencyFrames = 5000;
+      opt.sweepSeconds = 0.5;
     } else if (a == "--smoke") {
       opt.mode = "smoke";
       opt.reps = 1;
       opt.drainFrames = 5000;
       opt.liveSeconds = 0.2;
       opt.latencyFrames = 300;
+      opt.sweepSeconds = 0.05;
     } else if (a == "--reps") {
       opt.reps = std::max(1, std::atoi(value()));
     } else if (a == "--drain") {
@@ -445,6 +563,8 @@ Options parse(int argc, char ** argv) {
         if (comma > at) names.push_back(list.substr(at, comma - at));
         at = comma + 1;
       }
+    } else if (a == "--plot-data") {
+      opt.plotData = value();
     } else if (a == "--no-pin") {
       opt.pin = false;
     } else if (a == "--no-rt") {
@@ -497,7 +617,20 @@ int main(int argc, char ** argv) {
     };
     each("drain", [&](ReaderKind const & k, Results & r) { r.drain.push_back(harness.drain(k)); });
     each("live", [&](ReaderKind const & k, Results & r) { r.live.push_back(harness.live(k)); });
-    each("latency", [&](ReaderKind const & k, Results & r) { r.latency.push_back(harness.latency(k)); });
+    each("latency", [&](ReaderKind const & k, Results & r) {
+      r.latency.push_back(harness.latency(k, opt.latencyRate, opt.latencyFrames));
+    });
+    each("sweep", [&](ReaderKind const & k, Results & r) {
+      if (std::find_if(std::begin(sweepReaders), std::end(sweepReaders), [&](char const * n) { return k.name == n; }) ==
+          std::end(sweepReaders)) {
+        return;
+      }
+      for (size_t point = 0; point < sweepPoints; ++point) {
+        double const rate = sweepRates[point];
+        uint64_t const frames = static_cast<uint64_t>(std::max(opt.sweepSeconds < 0.2 ? 100.0 : 1000.0, rate * opt.sweepSeconds));
+        r.sweep[point].push_back(harness.latency(k, rate, frames));
+      }
+    });
     if (progress) std::fprintf(stderr, "\r%60s\r", "");
     // A reader that read nothing, or foreign frames only, is broken: say so and fail.
     int failures = 0;
@@ -514,8 +647,17 @@ int main(int argc, char ** argv) {
           ++failures;
         }
       }
+      for (auto const & point : r.sweep) {
+        for (auto const & l : point) {
+          if (l.received == 0) {
+            std::fprintf(stderr, "pkt_rate: %s received no frame in the sweep\n", name.c_str());
+            ++failures;
+          }
+        }
+      }
     }
     printReport(opt, kinds, results, harness.senderCpu(), harness.readerCpu());
+    if (!opt.plotData.empty()) writePlotData(opt.plotData, results);
     printJson(results);
     return failures ? 1 : 0;
   } catch (std::exception const & e) {

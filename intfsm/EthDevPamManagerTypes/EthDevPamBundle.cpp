@@ -20,6 +20,7 @@
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Exception.h"
+#include "intfsm/foundation/vorn/Reactor.h"
 
 namespace Interface {
 
@@ -33,7 +34,8 @@ Intfsm::TypeRegistration registration(
      "perIntfRlimit",  "enabled",           "currActiveSd",     "sd",                "fileDesc",
      "sdRef",          "sdTap",             "fileDescTap",      "sdTapRef",          "enableBulkPamRead",
      "bulkReadQuota",  "mmsgInitialized",   "savedBulkPkt",     "maxProcessedPkts",  "schedPktDelivery",
-     "rxRing",         "rxRingBlockSize",   "rxRingBlockCount", "rxRingFrameSize"});
+     "rxRing",         "rxRingBlockSize",   "rxRingBlockCount", "rxRingFrameSize",   "rxModeration",
+     "rxModerationBatch", "rxModerationIntervalUs", "rxModerationEntries"});
 
 constexpr char swiVersionPath[] = "/etc/swi-version";
 constexpr char fabricPath[] = "/sys/class/net/fabric";
@@ -61,6 +63,7 @@ EthDevPamBundle::EthDevPamBundle(Vorn::Ptr<PamDesiredIntfDir const> const & desi
       pamCollection_(pamCollection) {}
 
 EthDevPamBundle::~EthDevPamBundle() {
+  if (moderationClock_) Vorn::reactorRetire(*moderationClock_);
   doReaderListenersClear();
   for (Slot slot : {common, tap}) doSocketDrop(slot, false);
 }
@@ -103,6 +106,32 @@ void EthDevPamBundle::rxRingFrameSizeIs(uint32_t v) {
     throw Vorn::RangeException("EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed");
   }
   set(rxRingFrameSize_, v, &NotifieeConst::onRxRingFrameSize);
+}
+
+void EthDevPamBundle::rxModerationIs(bool v) {
+  if (v == rxModeration_) return;
+  rxModeration_ = v;
+  // Off: every socket is watched for readiness again at once.
+  if (!v) {
+    for (Socket & s : sockets_) {
+      if (s.moderated) doModerationLeave(s);
+    }
+  }
+  notify(&NotifieeConst::onRxModeration);
+}
+
+void EthDevPamBundle::rxModerationBatchIs(uint32_t v) {
+  if (v < 1 || v > maxBulkReadQuota) {
+    throw Vorn::RangeException("EthDevPamBundle::rxModerationBatch < 1 or > 128 not allowed");
+  }
+  set(rxModerationBatch_, v, &NotifieeConst::onRxModerationBatch);
+}
+
+void EthDevPamBundle::rxModerationIntervalUsIs(uint32_t v) {
+  if (v < 1 || v > maxRxModerationIntervalUs) {
+    throw Vorn::RangeException("EthDevPamBundle::rxModerationIntervalUs < 1 or > 1000000 not allowed");
+  }
+  set(rxModerationIntervalUs_, v, &NotifieeConst::onRxModerationIntervalUs);
 }
 
 void EthDevPamBundle::enabledIs(bool v) {

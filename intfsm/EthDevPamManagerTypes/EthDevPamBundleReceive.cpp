@@ -15,7 +15,10 @@
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/platform/Platform.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Reactor.h"
+#include "intfsm/foundation/vorn/System.h"
 
 namespace Interface {
 
@@ -23,12 +26,12 @@ void EthDevPamBundle::doGetRxPkt() {
   EDPM_TRACE(8, "virtual void Interface::EthDevPamBundle::doGetRxPkt()");
   if (!enabled_) return;
   Vorn::Ptr<EthDevPamBundle> keep(references() ? this : nullptr);  // a reader may drop the last reference
-  if (rxRingMapped(currActiveSd_)) {
-    EDPM_TRACE(9, "Ring get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
-    doGetRxPktIntRing();
-  } else if (enableBulkPamRead_) {
-    EDPM_TRACE(9, "Bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
-    doGetRxPktIntBulk();
+  if (rxRingMapped(currActiveSd_) || enableBulkPamRead_) {
+    int const sock = currActiveSd_;
+    uint32_t const count = doRxReadOnce();
+    if (rxModeration_ && count >= rxModerationBatch_ && enabled_) {
+      if (Socket * s = socketOf(sock)) doModerationEnter(*s);  // a reader may have closed it
+    }
   } else {
     EDPM_TRACE(9, "Non-bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
     // Frame by frame, each delivered as it is read, up to bulkReadQuota per readable event: a pass
@@ -231,7 +234,16 @@ void EthDevPamBundle::doBulkSlotsPrepare(bool headers) {
   bulkSlotsDirty_ = 0;
 }
 
-void EthDevPamBundle::doGetRxPktIntBulk() {
+uint32_t EthDevPamBundle::doRxReadOnce() {
+  if (rxRingMapped(currActiveSd_)) {
+    EDPM_TRACE(9, "Ring get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
+    return doGetRxPktIntRing();
+  }
+  EDPM_TRACE(9, "Bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
+  return doGetRxPktIntBulk();
+}
+
+uint32_t EthDevPamBundle::doGetRxPktIntBulk() {
   VORN_ASSERT(bulkReadQuota() <= 128);
   VORN_ASSERT(pktReuse());
   int const sock = currActiveSd_;
@@ -242,11 +254,11 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   EDPM_TRACE(9, "recvmmsg:  " << received << " pkts received ");
   if (received < 0) {
     EDPM_TRACE(9, "recvmmsg errno: " << error);
-    if (error == EAGAIN) return;
+    if (error == EAGAIN) return 0;
     EDPM_TRACE(0, "recvmmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                    << ")");
     rxErrorsInc(1);
-    return;
+    return 0;
   }
   uint32_t const count = static_cast<uint32_t>(received);
   bulkSlotsDirty_ = count;
@@ -260,6 +272,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
     pkt.dataLenIs(bulkBatch_.length(i));
   }
   doBulkSlotsDeliver(sock, count);
+  return count;
 }
 
 void EthDevPamBundle::doBulkSlotsDeliver(int sock, uint32_t count) {
@@ -341,6 +354,68 @@ void EthDevPamBundle::doReaderListenersClear() {
   for (auto const & entry : actPamCollection_->intfPamIter()) {
     if (auto * pam = dynamic_cast<Ovel::EthDevPamInBundle *>(entry.value.ptr())) pam->readerListenerIs(nullptr);
   }
+}
+
+// ---- receive moderation ------------------------------------------------------------------------------
+
+class EthDevPamBundle::VornModerationClock : public Vorn::Reactor<EthDevPamBundle, Vorn::Clock> {
+ public:
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&EthDevPamBundle::handleModerationTimer); }
+};
+
+bool EthDevPamBundle::rxModerated(int sock) const {
+  Socket const * s = const_cast<EthDevPamBundle *>(this)->socketOf(sock);
+  return s && s->moderated;
+}
+
+void EthDevPamBundle::doModerationEnter(Socket & s) {
+  if (s.moderated || !s.watch) return;
+  EDPM_TRACE(5, "EthDevPamBundle: timed reads on sd " << s.sd);
+  s.moderated = true;
+  s.watch->readableWantedIs(false);
+  rxModerationEntries_ += 1;
+  notify(&NotifieeConst::onRxModerationEntries);
+  if (!moderationClock_) moderationClock_ = Vorn::reactorNew<VornModerationClock>(this, Vorn::activityManager().clock());
+  if (moderationClock_->timeMin() == Vorn::Clock::never) {
+    moderationClock_->timeMinIs(Vorn::System::currentTime() + rxModerationIntervalUs_ * 1e-6);
+  }
+}
+
+void EthDevPamBundle::doModerationLeave(Socket & s) {
+  EDPM_TRACE(5, "EthDevPamBundle: readiness reads on sd " << s.sd);
+  s.moderated = false;
+  if (s.watch) s.watch->readableWantedIs(true);  // what came meanwhile is reported on the next pass
+}
+
+void EthDevPamBundle::handleModerationTimer() {
+  EDPM_TRACE(8, "void Interface::EthDevPamBundle::handleModerationTimer()");
+  Vorn::Ptr<EthDevPamBundle> keep(references() ? this : nullptr);  // a reader may drop the last reference
+  bool again = false, full = false;
+  for (Slot slot : {common, tap}) {
+    if (!enabled_ || !sockets_[slot].moderated) continue;
+    int const sock = sockets_[slot].sd;
+    uint32_t total = 0, count = 0;
+    currActiveSdIs(sock);
+    // Until a read comes back short: the ring or the socket is empty then.
+    do {
+      count = doRxReadOnce();
+      total += count;
+    } while (count == bulkReadQuota_ && total < moderationPassFrames && enabled_ && sockets_[slot].sd == sock);
+    currActiveSdIs(-1);
+    Socket & s = sockets_[slot];
+    if (s.sd != sock || !s.moderated) continue;  // a reader closed it, or moderation was turned off
+    if (total < rxModerationBatch_) {
+      doModerationLeave(s);
+    } else {
+      again = true;
+      full |= total >= moderationPassFrames;
+    }
+  }
+  if (!again) return;
+  // A firing that stopped at the cap goes on at the next pass, after the loop's other work.
+  double const now = Vorn::System::currentTime();
+  moderationClock_->timeMinIs(full ? now : now + rxModerationIntervalUs_ * 1e-6);
 }
 
 void EthDevPamBundle::handleScheduledPktDelivery() {

@@ -104,7 +104,7 @@ uint32_t EthDevPamBundle::doRxRingTake(RxRing & ring) {
   return taken;
 }
 
-void EthDevPamBundle::doGetRxPktIntRing() {
+uint32_t EthDevPamBundle::doGetRxPktIntRing() {
   VORN_ASSERT(bulkReadQuota() <= 128);
   int const sock = currActiveSd_;
   Socket * const s = socketOf(sock);
@@ -114,6 +114,7 @@ void EthDevPamBundle::doGetRxPktIntRing() {
   EDPM_TRACE(9, "ring:  " << count << " pkts received ");
   bulkSlotsDirty_ = count;
   doBulkSlotsDeliver(sock, count);
+  return count;
 }
 
 }  // namespace Interface

@@ -90,6 +90,7 @@ void EthDevPamBundle::doSocketDrop(Slot slot, bool notifying) {
   if (s.sd < 0) return;
   int const fd = s.sd;
   s.fdSm = nullptr;
+  s.moderated = false;  // the timer finds nothing of it to read; it stops when no socket is left on it
   if (s.watch) s.watch->descriptorIs(-1);  // out of the loop's epoll set before the number can be reused
   doRxRingRelease(s.ring);
   Platform::calls().close(fd);

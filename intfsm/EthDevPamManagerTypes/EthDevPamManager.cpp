@@ -23,7 +23,8 @@ Intfsm::TypeRegistration registration(
     {"deviceIntfStatusDir", "netNs", "allMulticast", "sockRcvBuf", "sockPrio", "broadcast", "pktReuse",
      "createVornFileDescOnEnabled", "separateDot1QHdr", "enableBulkPamRead", "headDropPolicy", "perIntfSocket",
      "perIntfRlimit", "socketReadLimit", "edpBundle", "ethDevPamBundleActivitySm", "pam", "savedPacket", "defer",
-     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRingSettings"});
+     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRingSettings",
+     "rxModerationSettings"});
 
 std::string const managerText = "EthDevPamManager::";
 }  // namespace
@@ -120,6 +121,20 @@ void RxRingSettings::check(uint32_t maxRxPktData) const {
 void EthDevPamManager::rxRingSettingsIs(RxRingSettings const & v) {
   v.check(maxRxPktData());
   set(rxRingSettings_, v, &NotifieeConst::onRxRingSettings);
+}
+
+void RxModerationSettings::check() const {
+  if (batch < 1 || batch > EthDevPamBundle::maxBulkReadQuota) {
+    throw Vorn::RangeException(managerText + "rxModerationBatch < 1 or > 128 not allowed");
+  }
+  if (intervalUs < 1 || intervalUs > EthDevPamBundle::maxRxModerationIntervalUs) {
+    throw Vorn::RangeException(managerText + "rxModerationIntervalUs < 1 or > 1000000 not allowed");
+  }
+}
+
+void EthDevPamManager::rxModerationSettingsIs(RxModerationSettings const & v) {
+  v.check();
+  set(rxModerationSettings_, v, &NotifieeConst::onRxModerationSettings);
 }
 
 void EthDevPamManager::maxRxPktDataCheck(uint32_t bytes) const { rxRingSettings_.check(bytes); }
@@ -414,6 +429,9 @@ void EthDevPamManager::doBundleConfigure(EthDevPamBundle & bundle) const {
   bundle.rxRingBlockSizeIs(rxRingSettings_.blockSize);
   bundle.rxRingBlockCountIs(rxRingSettings_.blockCount);
   bundle.rxRingFrameSizeIs(rxRingSettings_.frameSize);
+  bundle.rxModerationBatchIs(rxModerationSettings_.batch);
+  bundle.rxModerationIntervalUsIs(rxModerationSettings_.intervalUs);
+  bundle.rxModerationIs(rxModerationSettings_.on);
 }
 
 std::exception_ptr EthDevPamManager::doEnable() {

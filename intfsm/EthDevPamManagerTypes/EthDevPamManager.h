@@ -20,7 +20,8 @@
 // perIntfRlimit true, socketReadLimit 15 (1..1024, as a Pam takes it; else Vorn::RangeException
 // "EthDevPamManager::socketReadLimit < 1 or > 1024 not allowed"), defer false, and rxRingSettings,
 // the bundle's ring mode as one value (RxRingSettings below: off, 64 KiB blocks, 64 of them, frame
-// size from maxRxPktData), copied to the bundle's four ring settings. A setter raises
+// size from maxRxPktData), copied to the bundle's four ring settings, and rxModerationSettings, the
+// bundle's receive moderation (RxModerationSettings below: off, batch 16, 100 us), copied likewise. A setter raises
 // Vorn::RangeException and keeps the value in force when a value cannot work: socketReadLimit and
 // maxRxPktData past what a Pam's packets hold (which would abort later on the receive path), and a ring
 // geometry the kernel would refuse (which would leave every interface without a socket). Settings are
@@ -111,6 +112,20 @@ struct RxRingSettings {
   void check(uint32_t maxRxPktData) const;
 };
 
+// The bundle's receive moderation as one value (see EthDevPamBundle, Receive moderation): `on`, the
+// frames one readable event must find to switch a socket to timed reads (`batch`, 1..128), and the
+// timer's period (`intervalUs`, 1..1000000 microseconds).
+struct RxModerationSettings {
+  bool on = false;
+  uint32_t batch = EthDevPamBundle::defaultRxModerationBatch;
+  uint32_t intervalUs = EthDevPamBundle::defaultRxModerationIntervalUs;
+
+  bool operator==(RxModerationSettings const &) const = default;
+  // Raises Vorn::RangeException naming the first limit broken, as "EthDevPamManager::
+  // rxModerationBatch < 1 or > 128 not allowed".
+  void check() const;
+};
+
 class EthDevPamManager : public EthDevPamManagerBase {
  public:
   class NotifieeConst : public Vorn::Notifiee<EthDevPamManager, EthDevPamManagerBase::NotifieeConst> {
@@ -134,6 +149,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
     virtual void onSavedPacket(uint16_t /*index*/) {}
     virtual void onDefer() {}
     virtual void onRxRingSettings() {}
+    virtual void onRxModerationSettings() {}
     virtual void onEthDevPamEvent(Ovel::IntfId const &) {}
     virtual void onEthDevPamEventBookmark() {}
     virtual void onInitialized() {}
@@ -195,6 +211,17 @@ class EthDevPamManager : public EthDevPamManagerBase {
   void rxRingBlockCountIs(uint32_t v) { rxRingSettingsIs(with(&RxRingSettings::blockCount, v)); }
   uint32_t rxRingFrameSize() const { return rxRingSettings_.frameSize; }
   void rxRingFrameSizeIs(uint32_t v) { rxRingSettingsIs(with(&RxRingSettings::frameSize, v)); }
+  // The bundle's receive moderation (off by default), as one value or one field at a time.
+  RxModerationSettings const & rxModerationSettings() const { return rxModerationSettings_; }
+  void rxModerationSettingsIs(RxModerationSettings const & v);
+  bool rxModeration() const { return rxModerationSettings_.on; }
+  void rxModerationIs(bool v) { rxModerationSettingsIs(withModeration(&RxModerationSettings::on, v)); }
+  uint32_t rxModerationBatch() const { return rxModerationSettings_.batch; }
+  void rxModerationBatchIs(uint32_t v) { rxModerationSettingsIs(withModeration(&RxModerationSettings::batch, v)); }
+  uint32_t rxModerationIntervalUs() const { return rxModerationSettings_.intervalUs; }
+  void rxModerationIntervalUsIs(uint32_t v) {
+    rxModerationSettingsIs(withModeration(&RxModerationSettings::intervalUs, v));
+  }
 
   // Stores; a change runs handleEnabled at once, then notifies.
   void enabledIs(bool enabled) override;
@@ -284,6 +311,12 @@ class EthDevPamManager : public EthDevPamManagerBase {
   void doDeferredRun() const;
   void maxRxPktDataCheck(uint32_t bytes) const override;
   template <class F>
+  RxModerationSettings withModeration(F RxModerationSettings::*field, F v) const {
+    RxModerationSettings r = rxModerationSettings_;
+    r.*field = v;
+    return r;
+  }
+  template <class F>
   RxRingSettings with(F RxRingSettings::*field, F v) const {
     RxRingSettings r = rxRingSettings_;
     r.*field = v;
@@ -310,6 +343,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
   std::vector<Vorn::Ptr<Ovel::Pkt>> savedPacket_;
   bool defer_ = false;
   RxRingSettings rxRingSettings_;
+  RxModerationSettings rxModerationSettings_;
   EventMap ethDevPamEvent_;
   Ovel::IntfId ethDevPamEventBookmark_;
   bool initialized_ = false;

@@ -57,6 +57,13 @@ std::vector<std::vector<uint32_t>> program(int fd) {
   return out;
 }
 
+// The process's CPU time: what an idle loop must not burn.
+double cpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+}
+
 std::string bytesOf(Ovel::Pkt const & pkt) { return std::string(reinterpret_cast<char const *>(pkt.data()), pkt.dataLen()); }
 
 class EthDevPamBundleKernelTest : public IntfsmTest::KernelModuleTest {
@@ -201,11 +208,6 @@ TEST_F(EthDevPamBundleKernelTest, TagsArriveBesideTheFrameWhileOwnAndFilteredFra
 // Frames left unread cost nothing while they wait: no pass re-arms the activity, no CPU is burnt; the
 // reader gets the rest on the activity as soon as it takes a frame on its own.
 TEST_F(EthDevPamBundleKernelTest, AReaderThatLeavesItsFramesUnreadCostsNoCpuAndGetsThemWhenItReads) {
-  auto cpuSeconds = [] {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
-  };
   for (Path path : {bulk, ring}) {
     SCOPED_TRACE(path.name);
     bundleNew(testProtocol, path);
@@ -228,6 +230,49 @@ TEST_F(EthDevPamBundleKernelTest, AReaderThatLeavesItsFramesUnreadCostsNoCpuAndG
     EXPECT_EQ(bundle->schedPktDelivery(), 1u);
     EXPECT_TRUE(bundle->actPamCollection()->empty());
     sm = nullptr;
+    leave();
+  }
+}
+
+// Moderated reads on real sockets: a burst switches the socket to timed reads, frames sent meanwhile
+// arrive on the timer, a trickle switches it back to readiness; every frame arrives once and in order
+// across the switches, and an idle bundle burns no CPU (a timer that kept firing, or readiness left
+// off with frames waiting, would show here).
+TEST_F(EthDevPamBundleKernelTest, ModeratedReadsLoseNothingAcrossModeSwitchesAndAnIdleBundleCostsNoCpu) {
+  for (Path path : {bulk, ring}) {
+    SCOPED_TRACE(path.name);
+    bundleNew(testProtocol, path);
+    bundle->rxRingBlockCountIs(64);  // 128 slots: a burst fits
+    bundle->rxModerationBatchIs(8);
+    bundle->rxModerationIntervalUsIs(500);
+    bundle->rxModerationIs(true);
+    join(0);
+    std::vector<std::string> sent;
+    auto burst = [&](int n) {
+      for (int k = 0; k < n; ++k) {
+        sent.push_back(frame(char(33 + sent.size() % 90)));
+        send(0, sent.back());
+      }
+    };
+    auto allThere = [&] { return runUntil([&] { return readers[0]->frames.size() == sent.size(); }); };
+    for (int round = 0; round < 2; ++round) {
+      burst(40);  // queued before the loop runs: the first read finds them all
+      ASSERT_TRUE(allThere());
+      EXPECT_TRUE(bundle->rxModerated(bundle->sd()));
+      burst(20);  // read by the timer (or, when it found the socket quiet first, by a batch again)
+      ASSERT_TRUE(allThere());
+      for (int k = 0; k < 3; ++k) {  // a trickle: back to readiness, then read on readiness
+        burst(1);
+        ASSERT_TRUE(allThere());
+      }
+      EXPECT_FALSE(bundle->rxModerated(bundle->sd()));
+    }
+    EXPECT_EQ(readers[0]->frames, sent);
+    EXPECT_GE(bundle->rxModerationEntries(), 2u);
+    EXPECT_EQ(bundle->kernelDrops() + bundle->noPamDropCount() + bundle->pamNotReadyDropCount(), 0u);
+    double const cpu = cpuSeconds();
+    for (int pass = 0; pass < 20; ++pass) loop().runOnce(0.01);
+    EXPECT_LT(cpuSeconds() - cpu, 0.05);  // idle for 0.2 s; a busy loop takes all of it
     leave();
   }
 }

@@ -86,7 +86,7 @@ bool ActivityManager::runOnce(double timeoutSeconds) {
   for (size_t i = 0; i < activities; ++i) ran |= activities_[i]->passRun() > 0;
 
   // A pass that ran deferred calls does not block: what they did may be what the caller waits for.
-  int const ready = epoll_wait(epoll_, events_.get(), maxEvents, ran ? 0 : waitMilliseconds(timeoutSeconds));
+  int const ready = epollWait(ran ? 0 : waitNanoseconds(timeoutSeconds));
   if (ready < 0 && errno != EINTR) {
     int const e = errno;
     throw ErrnoException(e, std::string("ActivityManager: epoll_wait failed: ") + std::strerror(e));
@@ -97,7 +97,20 @@ bool ActivityManager::runOnce(double timeoutSeconds) {
   return ran;
 }
 
-int ActivityManager::waitMilliseconds(double timeoutSeconds) const {
+int ActivityManager::epollWait(int64_t nanoseconds) {
+  // To the nanosecond where the kernel can (a timer a few tens of microseconds away is what receive
+  // moderation runs on); to the millisecond, rounded up, where it cannot.
+  if (nanoseconds > 0 && nanoseconds % 1000000 != 0 && precise_) {
+    timespec const ts{static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
+    int const ready = epoll_pwait2(epoll_, events_.get(), maxEvents, &ts, nullptr);
+    if (ready >= 0 || errno != ENOSYS) return ready;
+    precise_ = false;
+  }
+  int64_t const ms = nanoseconds < 0 ? -1 : (nanoseconds + 999999) / 1000000;
+  return epoll_wait(epoll_, events_.get(), maxEvents, ms > INT_MAX ? INT_MAX : static_cast<int>(ms));
+}
+
+int64_t ActivityManager::waitNanoseconds(double timeoutSeconds) const {
   if (stopRequested_) return 0;
   for (auto const & a : activities_) {
     if (a->pendingCalls()) return 0;
@@ -111,8 +124,8 @@ int ActivityManager::waitMilliseconds(double timeoutSeconds) const {
   }
   if (wait == Clock::never) return -1;
   // Rounded up: waking before the timer is due would only mean another pass with nothing to do.
-  double const ms = std::ceil(wait * 1000.0);
-  return ms >= static_cast<double>(INT_MAX) ? INT_MAX : static_cast<int>(ms);
+  double const ns = std::ceil(wait * 1e9);
+  return ns >= 1e18 ? int64_t(1e18) : static_cast<int64_t>(ns);
 }
 
 bool ActivityManager::readinessDispatch(int ready) {
@@ -122,7 +135,7 @@ bool ActivityManager::readinessDispatch(int ready) {
     uint32_t const ev = events_[i].events;
     // Looked up again before each count: a handler may clear, change or destroy any descriptor.
     if (ev & EPOLLIN) {
-      if (FileDescriptor * fd = watched(id)) {
+      if (FileDescriptor * fd = watched(id); fd && fd->readableWanted()) {
         fd->readableCountInc(1);
         any = true;
       }

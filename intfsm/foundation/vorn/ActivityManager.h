@@ -15,7 +15,7 @@
 // 1. deferred calls: each activity runs, up to its budget, the calls that were waiting when the
 //    pass began (calls queued during the pass wait for the next one);
 // 2. poll: epoll_wait, for no longer than the caller's timeout nor than the time to the earliest
-//    timer (rounded up to the millisecond), and not at all when calls are still waiting, deferred
+//    timer (to the nanosecond with epoll_pwait2, to the millisecond, rounded up, without), and not at all when calls are still waiting, deferred
 //    calls ran in this pass, a timer is due or stop() was called. With a test time set
 //    (System::testTimeIs) timers never shorten the wait: only the test moves that time;
 // 3. readiness: each ready descriptor's counters (see FileDescriptor);
@@ -86,12 +86,16 @@ class ActivityManager {
   bool watchMod(uint64_t id, int descriptor, uint32_t events);
   void watchDel(uint64_t id, int descriptor);
   FileDescriptor * watched(uint64_t id) const;
-  int waitMilliseconds(double timeoutSeconds) const;
+  // How long the next poll may block: -1 for ever, else nanoseconds.
+  int64_t waitNanoseconds(double timeoutSeconds) const;
+  // The poll itself.
+  int epollWait(int64_t nanoseconds);
   bool readinessDispatch(int ready);
 
   static constexpr int maxEvents = 64;
 
   int epoll_ = -1;
+  bool precise_ = true;  // false once epoll_pwait2 turned out missing (a kernel before 5.11)
   Ptr<Clock> clock_;
   std::vector<Ptr<Activity>> activities_;  // in creation order: the order they run in a pass
   std::unordered_map<Name, Activity *> activityByName_;

@@ -27,7 +27,8 @@
 // - A reactor bound to an activity (`activityIs`) has its onTimeMin() queued on that activity.
 //
 // The event loop computes its epoll timeout from the earliest armed time (no timer descriptor):
-// rounded up to the millisecond, so the loop never wakes before a timer is due and never spins.
+// rounded up to the nanosecond (to the millisecond on a kernel without epoll_pwait2), so the loop
+// never wakes before a timer is due and never spins.
 #pragma once
 
 #include <cstddef>

@@ -30,7 +30,16 @@ FileDescriptor::FileDescriptor(Name const & name, ActivityManager & manager) : E
 
 FileDescriptor::~FileDescriptor() { watchDel(); }
 
-uint32_t FileDescriptor::epollEvents() const { return EPOLLIN | EPOLLPRI | (writableWanted_ ? EPOLLOUT : 0u); }
+uint32_t FileDescriptor::epollEvents() const {
+  // Not even EPOLLPRI without readableWanted: the kernel signals arrivals with IN and PRI together,
+  // and a watch that matches either wakes the waiting loop for every arrival (only to find nothing to
+  // report), which is the very cost that turning readability off is for.
+  return (readableWanted_ ? EPOLLIN | EPOLLPRI : 0u) | (writableWanted_ ? EPOLLOUT : 0u);
+}
+
+void FileDescriptor::watchEventsApply() {
+  if (watchId_ && manager_ && !manager_->watchMod(watchId_, descriptor_, epollEvents())) watchId_ = 0;  // closed behind our back
+}
 
 void FileDescriptor::watchDel() {
   if (watchId_ && manager_) manager_->watchDel(watchId_, descriptor_);
@@ -69,12 +78,16 @@ void FileDescriptor::nonBlockingIs(bool nonBlocking) {
 
 void FileDescriptor::writableWantedIs(bool wanted) {
   if (wanted == writableWanted_) return;
-  if (watchId_ && manager_) {
-    uint32_t const events = EPOLLIN | EPOLLPRI | (wanted ? EPOLLOUT : 0u);
-    if (!manager_->watchMod(watchId_, descriptor_, events)) watchId_ = 0;  // closed behind our back
-  }
   writableWanted_ = wanted;
+  watchEventsApply();
   notify(&NotifieeConst::onWritableWanted);
+}
+
+void FileDescriptor::readableWantedIs(bool wanted) {
+  if (wanted == readableWanted_) return;
+  readableWanted_ = wanted;
+  watchEventsApply();
+  notify(&NotifieeConst::onReadableWanted);
 }
 
 void FileDescriptor::readableCountInc(uint64_t n) {

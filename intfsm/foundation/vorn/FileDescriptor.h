@@ -17,8 +17,8 @@
 //   close(sock);
 //
 // Readiness is level-triggered and counted once per loop pass:
-// - readable (EPOLLIN): readableCount += 1 and onReadableCount(). A reader that leaves data gets
-//   another call on the next pass.
+// - readable (EPOLLIN), watched while readableWanted is true (the default): readableCount += 1 and
+//   onReadableCount(). A reader that leaves data gets another call on the next pass.
 // - writable (EPOLLOUT), watched only while writableWanted is true so that an idle loop never
 //   spins on an always-writable descriptor: writableCount += 1 and onWritableCount().
 // - error, hang-up or priority data (EPOLLERR, EPOLLHUP, EPOLLPRI): exceptionPendingCount += 1 and
@@ -46,6 +46,7 @@ class FileDescriptor : public Entity {
     virtual void onWritableCount() {}
     virtual void onExceptionPendingCount() {}
     virtual void onWritableWanted() {}
+    virtual void onReadableWanted() {}
   };
 
   // Watched by the process's loop (activityManager()).
@@ -77,16 +78,23 @@ class FileDescriptor : public Entity {
 
   bool writableWanted() const { return writableWanted_; }
   void writableWantedIs(bool wanted);
+  // True (the default) watches readability and priority data. An owner that reads on a timer of its own for a while
+  // turns it off, so that the kernel wakes nobody per arrival; turning it on again reports data
+  // already waiting on the next pass (level-triggered), so nothing that came meanwhile goes unseen.
+  bool readableWanted() const { return readableWanted_; }
+  void readableWantedIs(bool wanted);
 
  private:
   friend class ActivityManager;
   uint32_t epollEvents() const;
+  void watchEventsApply();
   void watchDel();
 
   ActivityManager * manager_;
   int descriptor_ = -1;
   bool nonBlocking_ = false;
   bool writableWanted_ = false;
+  bool readableWanted_ = true;
   uint64_t readableCount_ = 0;
   uint64_t writableCount_ = 0;
   uint64_t exceptionPendingCount_ = 0;

@@ -6,12 +6,14 @@
 #include <linux/if_packet.h>
 #include <linux/sockios.h>
 #include <net/if.h>
+#include <sys/epoll.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -76,6 +78,18 @@ class EthDevPamBundleTest : public IntfsmTest::ModuleTest {
     pam->enabledIs(true);
     pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
     return pam;
+  }
+  // The events the loop's epoll set watches on `fd` (from /proc/self/fdinfo), error and hang-up
+  // (always watched) aside; -1 when not watched.
+  long watchedEvents(int fd) {
+    std::ifstream in("/proc/self/fdinfo/" + std::to_string(loop().epollDescriptor()));
+    for (std::string word; in >> word;) {
+      int target = -1;
+      std::string label;
+      long mask = -1;
+      if (word == "tfd:" && in >> target >> label >> std::hex >> mask >> std::dec && target == fd) return mask & ~long(EPOLLERR | EPOLLHUP);
+    }
+    return -1;
   }
   // Queues `frame` from `ifIndex` on `sd`.
   void queue(int sd, std::string const & frame, int ifIndex = 7) {
@@ -361,12 +375,15 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
            {[&] { bundle->rxRingBlockCountIs(0); }, "EthDevPamBundle::rxRingBlockCount < 1 not allowed"},
            {[&] { bundle->rxRingFrameSizeIs(100); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
            {[&] { bundle->rxRingFrameSizeIs(1601); }, "EthDevPamBundle::rxRingFrameSize not 0 and < 128 or not a multiple of 16 not allowed"},
+           {[&] { bundle->rxModerationBatchIs(129); }, "EthDevPamBundle::rxModerationBatch < 1 or > 128 not allowed"},
+           {[&] { bundle->rxModerationIntervalUsIs(0); }, "EthDevPamBundle::rxModerationIntervalUs < 1 or > 1000000 not allowed"},
            {[&] { bundle->maxRxPktDataIs(0); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"}}) {
     EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>(r.set), r.text);
   }
   EXPECT_EQ(std::vector<long>({bundle->sockPrio(), bundle->bulkReadQuota(), bundle->rxRingBlockSize(), bundle->rxRingBlockCount(),
-                               bundle->rxRingFrameSize(), bundle->maxRxPktData()}),
-            std::vector<long>({0, 128, 65536, 64, 0, 1518}));
+                               bundle->rxRingFrameSize(), bundle->maxRxPktData(), bundle->rxModerationBatch(),
+                               bundle->rxModerationIntervalUs()}),
+            std::vector<long>({0, 128, 65536, 64, 0, 1518, 16, 100}));
 }
 
 TEST_F(EthDevPamBundleTest, SingleFrameReadFindsThePamByIfIndexAndCountsWhatGoesNowhere) {
@@ -493,9 +510,9 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
 
   auto const * type = Intfsm::typeRegistry().type("Interface::EthDevPamBundle");
   ASSERT_TRUE(type);
-  EXPECT_EQ(type->attributes().size(), 34u);
+  EXPECT_EQ(type->attributes().size(), 38u);
   EXPECT_EQ(type->attributes()[29], "schedPktDelivery");
-  EXPECT_EQ(type->attributes().back(), "rxRingFrameSize");
+  EXPECT_EQ(type->attributes().back(), "rxModerationEntries");
   EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
 }
 
@@ -567,6 +584,58 @@ TEST_F(EthDevPamBundleTest, AReaderThatLeavesItsFramesIsServedWhenItReadsOrOnIts
             std::vector<uint32_t>({8, 0, 1}));
   EXPECT_TRUE(bundle->actPamCollection()->empty());
   sm = nullptr;
+}
+
+// Moderation, step by step on the loop: a readable event that finds a batch turns readiness off and
+// reads on the clock; frames wait for the timer meanwhile; a timer pass that finds little turns
+// readiness on again. Every frame arrives once and in order.
+TEST_F(EthDevPamBundleTest, ABatchSwitchesToTimedReadsAndALittleOneBackToReadiness) {
+  fake.realSocketsIs(true);  // the loop sees the socket readable while frames are queued
+  bundle->pktReuseIs(true);
+  bundle->enableBulkPamReadIs(true);
+  bundle->rxModerationBatchIs(4);
+  bundle->rxModerationIntervalUsIs(100);
+  bundle->rxModerationIs(true);
+  bundle->enabledIs(true);
+  int const sd = bundle->doGetSd("et1");
+  Ptr<Reader> reader = new Reader(cpuPam(sd));
+  std::vector<std::vector<uint8_t>> sent;
+  struct Step {
+    char const * what;
+    unsigned frames;
+    double advance;  // 0: passes until idle, the test time standing still
+    bool moderated;
+    uint64_t entries;
+    size_t delivered;
+  };
+  for (Step const & s : std::vector<Step>{{"a few: read on readiness", 3, 0, false, 0, 3},
+                                          {"a batch: timed reads from now on", 4, 0, true, 1, 7},
+                                          {"readiness is off: they wait for the timer", 5, 0, true, 1, 7},
+                                          {"the timer reads a batch: timed reads go on", 0, 100e-6, true, 1, 12},
+                                          {"the timer finds little: readiness again", 2, 100e-6, false, 1, 14},
+                                          {"read on readiness at once", 1, 0, false, 1, 15},
+                                          {"another batch", 9, 0, true, 2, 24}}) {
+    SCOPED_TRACE(s.what);
+    for (unsigned n = 0; n < s.frames; ++n) {
+      sent.emplace_back(60, uint8_t('a' + sent.size()));
+      queue(sd, std::string(sent.back().begin(), sent.back().end()));
+    }
+    if (s.advance > 0) {
+      advanceAndRun(s.advance);
+    } else {
+      runUntilIdle();
+    }
+    // Timed reads watch nothing: a watch on any arrival event would wake the loop per frame.
+    EXPECT_EQ(std::vector<uint64_t>({bundle->rxModerated(sd), uint64_t(watchedEvents(sd)), bundle->rxModerationEntries(),
+                                     reader->frames.size()}),
+              std::vector<uint64_t>({s.moderated, s.moderated ? 0u : EPOLLIN | EPOLLPRI, s.entries, s.delivered}));
+  }
+  EXPECT_EQ(reader->frames, std::vector<std::vector<uint8_t>>(sent.begin(), sent.begin() + 24));
+  bundle->rxModerationIs(false);  // off while timed: readiness at once
+  EXPECT_EQ(std::vector<long>({bundle->rxModerated(sd), watchedEvents(sd)}), std::vector<long>({false, EPOLLIN | EPOLLPRI}));
+  bundle->enabledIs(false);
+  advanceAndRun(1e-3);  // a firing after the socket went finds nothing to read
+  EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
 }
 
 }  // namespace

@@ -122,7 +122,8 @@ TEST_F(EthDevPamManagerTest, SettingsThatCannotWorkRaiseARangeErrorTheOthersReac
   manager->maxRxPktDataIs(9000);
   manager->rxRingIs(true);
   auto settings = [&] {
-    return std::tuple(manager->rxRingSettings(), manager->maxRxPktData(), manager->socketReadLimit(), manager->sockPrio());
+    return std::tuple(manager->rxRingSettings(), manager->maxRxPktData(), manager->socketReadLimit(), manager->sockPrio(),
+                      manager->rxModerationSettings());
   };
   auto const before = settings();
   std::string const ringSlot = "EthDevPamManager::rxRingFrameSize < 128 or not a multiple of 16 not allowed";
@@ -142,6 +143,10 @@ TEST_F(EthDevPamManagerTest, SettingsThatCannotWorkRaiseARangeErrorTheOthersReac
       {[&] { manager->rxRingFrameSizeIs(100000); }, "EthDevPamManager::rxRingFrameSize > rxRingBlockSize not allowed"},
       {[&] { manager->rxRingFrameSizeIs(112); }, ringSlot},
       {[&] { manager->rxRingFrameSizeIs(1000); }, ringSlot},
+      {[&] { manager->rxModerationBatchIs(0); }, "EthDevPamManager::rxModerationBatch < 1 or > 128 not allowed"},
+      {[&] { manager->rxModerationBatchIs(129); }, "EthDevPamManager::rxModerationBatch < 1 or > 128 not allowed"},
+      {[&] { manager->rxModerationIntervalUsIs(0); }, "EthDevPamManager::rxModerationIntervalUs < 1 or > 1000000 not allowed"},
+      {[&] { manager->rxModerationSettingsIs({true, 16, 1000001}); }, "EthDevPamManager::rxModerationIntervalUs < 1 or > 1000000 not allowed"},
   };
   for (auto const & [set, text] : cases) {
     EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>(set), text);
@@ -156,8 +161,11 @@ TEST_F(EthDevPamManagerTest, SettingsThatCannotWorkRaiseARangeErrorTheOthersReac
   for (bool ring : {false, true, false}) {
     SCOPED_TRACE(ring);
     manager->rxRingSettingsIs({ring, 8192, 5, 2048});
+    manager->rxModerationSettingsIs({ring, ring ? 5u : 16u, ring ? 300u : 100u});
     fake.clearCalls();
     manager->enabledIs(true);
+    EXPECT_EQ(L({bundle().rxModeration(), bundle().rxModerationBatch(), bundle().rxModerationIntervalUs()}),
+              L({ring, ring ? 5 : 16, ring ? 300 : 100}));
     auto const sets = fake.calls(Kind::setsockopt);
     auto const r = std::find_if(sets.begin(), sets.end(), [](auto const & c) { return c.b == PACKET_RX_RING; });
     EXPECT_EQ(L({bundle().rxRingMapped(bundle().sd()), r != sets.end(), long(fake.count(Kind::mmap))}), L({ring, ring, ring}));
