@@ -9,6 +9,7 @@
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
 
@@ -183,7 +184,7 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   } else {
     KOS_TRACE(5, "creating local netlink socket");
     localSocket = true;
-    sd = netlinkSocketOpen(nsName, "doSetOperStateInNs" " sd: ", false);
+    sd = netlinkSocketOpen(nsName, "doSetOperStateInNs" " sd: ", false, localSocketPurpose);
     if (sd < 0) return;
   }
   if (deviceName.empty()) {
@@ -193,7 +194,10 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   } else if (!Interface::doSetNetlinkOperState(sd, deviceName.charPtr(), 111, kernelValue)) {
     exit(1);
   }
-  if (localSocket) Platform::calls().close(sd);
+  if (localSocket) {
+    Vorn::descriptorClosed(sd);
+    Platform::calls().close(sd);
+  }
 }
 
 }  // namespace KernelOperState
