@@ -126,7 +126,9 @@ void EthDevPamBundle::doSocketSetupFailed(int sock, char const * trace, int erro
 }
 
 std::string EthDevPamBundle::descriptorScope() const {
-  return "bundle " + name().stdString() + " in namespace " + netNs_.charPtr();
+  std::string scope = "bundle";
+  if (!name().empty()) scope += " " + name().stdString();
+  return scope + " in namespace " + (netNs_.empty() ? Ovel::DEFAULT_NS : netNs_.charPtr());
 }
 
 void EthDevPamBundle::doSocketClose() {

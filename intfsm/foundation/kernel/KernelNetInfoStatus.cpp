@@ -179,7 +179,7 @@ void Status::openAndReadFirstDump() {
 
 void Status::open() {
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE, netNs_.charPtr());
-  std::string const scope = "namespace " + std::string(netNs_.charPtr());
+  std::string const scope = "status " + name().stdString() + " in namespace " + netNs_.charPtr();
   if (sd < 0 && Vorn::isDescriptorShortage(errno)) {
     std::string const text = Vorn::descriptorShortageIs(socketPurpose, scope, errno);
     if (!text.empty()) KNI_TRACE(0, text);

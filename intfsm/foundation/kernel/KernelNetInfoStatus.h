@@ -56,12 +56,12 @@
 // in namespace <ns>, errno: <n>") with nothing left open. Traces go to the handle "KernelNetInfo".
 //
 // Out of descriptors: a socket that cannot be had for lack of descriptors (EMFILE, ENFILE) raises
-// nothing; it is traced once at level 0 ("cannot open KernelNetInfo::Status netlink socket for namespace
-// <ns>, errno: 24 (out of descriptors)"), the status stays enabled but closed and not synced, and it
-// tries again every shortageRetryInterval seconds on the loop's clock until the socket opens (then
-// subscribe and dump as ever). An agent that exits for a passing shortage loses everything it holds.
-// The socket is named "KernelNetInfo::Status netlink socket" for "namespace <ns>" in the registry of
-// descriptors (Vorn/Descriptors.h).
+// nothing; it is traced once at level 0 ("cannot open KernelNetInfo::Status netlink socket for status
+// <name> in namespace <ns>, errno: 24 (out of descriptors)"), the status stays enabled but closed and
+// not synced, and it tries again every shortageRetryInterval seconds on the loop's clock until the
+// socket opens (then subscribe and dump as ever). An agent that exits for a passing shortage loses
+// everything it holds. The socket is named "KernelNetInfo::Status netlink socket" for "status <name>
+// in namespace <ns>" in the registry of descriptors (Vorn/Descriptors.h).
 #pragma once
 
 #include <cstdint>

@@ -132,7 +132,8 @@ void EthDevPam::doOpenSocket() {
 
   // Protocol 0: nothing is queued on the socket before the bind below names the protocol.
   fd = socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0, netNs_.charPtr());
-  std::string const scope = "Pam " + name().stdString() + " in namespace " + netNs_.charPtr();
+  std::string const scope =
+      "Pam " + name().stdString() + " in namespace " + (netNs_.empty() ? DEFAULT_NS : netNs_.charPtr());
   if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
     int const error = errno;
     std::string const text = Vorn::descriptorShortageText(socketPurpose, scope, error);
