@@ -255,7 +255,7 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName" << "(name=" << name << ")");
   Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
-    int const sd = netlinkSocketOpen(name, "created netlink socket. Sd: ", true, cachedSocketPurpose);
+    int const sd = netlinkSocketOpen(name, "created netlink socket. Sd: ", true);
     if (sd < 0) {
       if (Vorn::isDescriptorShortage(errno)) shortageRetryIs(name);
       return;

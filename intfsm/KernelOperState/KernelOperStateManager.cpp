@@ -184,7 +184,7 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   } else {
     KOS_TRACE(5, "creating local netlink socket");
     localSocket = true;
-    sd = netlinkSocketOpen(nsName, "doSetOperStateInNs" " sd: ", false, localSocketPurpose);
+    sd = netlinkSocketOpen(nsName, "doSetOperStateInNs" " sd: ", false);
     if (sd < 0) return;
   }
   if (deviceName.empty()) {

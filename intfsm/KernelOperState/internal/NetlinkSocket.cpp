@@ -15,14 +15,13 @@
 
 namespace KernelOperState {
 
-int netlinkSocketOpen(Ovel::NamespaceName const & ns, char const * openedTrace, bool traceBinding,
-                      char const * purpose) {
+int netlinkSocketOpen(Ovel::NamespaceName const & ns, char const * openedTrace, bool traceBinding) {
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, ns.charPtr());
   int const socketErrno = errno;  // a trace may write, and change errno, before perror reads it
   KOS_TRACE(8, openedTrace << sd);
   std::string const scope = "namespace " + std::string(ns.charPtr());
   if (sd < 0 && Vorn::isDescriptorShortage(socketErrno)) {
-    std::string const text = Vorn::descriptorShortageIs(purpose, scope, socketErrno);
+    std::string const text = Vorn::descriptorShortageIs(socketPurpose, scope, socketErrno);
     if (!text.empty()) KOS_TRACE(0, text);
     errno = socketErrno;
     return -1;
@@ -43,7 +42,7 @@ int netlinkSocketOpen(Ovel::NamespaceName const & ns, char const * openedTrace, 
     errno = bindErrno;
     fperror("bind");
   }
-  Vorn::descriptorOpened(sd, purpose, scope);
+  Vorn::descriptorOpened(sd, socketPurpose, scope);
   return sd;
 }
 

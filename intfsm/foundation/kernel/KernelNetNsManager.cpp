@@ -131,9 +131,8 @@ void Manager::activate() {
   if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
     std::string const text = Vorn::descriptorShortageIs(inotifyPurpose, scope, errno);
     if (!text.empty()) KNNI_TRACE(0, text);
-    // What can be seen without the watch is published; the watch is tried again on the clock.
+    // Tried again on the clock; a scan needs a descriptor too, and comes with the watch.
     activationPending_ = true;
-    rescan();
     if (clockReactor_) clockReactor_->timeMinIs(Vorn::System::currentTime() + shortageRetryInterval);
     return;
   }

@@ -32,8 +32,8 @@
 //
 // Out of descriptors (EMFILE, ENFILE) for the inotify instance, turning following on raises nothing: a
 // level-0 trace ("cannot open namespace inotify descriptor for directory /run/netns, errno: 24 (out
-// of descriptors)", once), one scan of what exists now, and another try every shortageRetryInterval
-// seconds on the clock until the instance opens (then the scan and follow as ever). The descriptor is
+// of descriptors)", once) and another try every shortageRetryInterval seconds on the clock until the
+// instance opens (then the scan and follow as ever); the Root is left as it was meanwhile. The descriptor is
 // named "namespace inotify descriptor" for "directory <dir>" in the registry (Vorn/Descriptors.h).
 // Traces go to the handle "KernelNetNsInfo".
 #pragma once
