@@ -70,6 +70,7 @@ class DescriptorBudgetKernelTest : public IntfsmTest::KernelModuleTest {
       }
       operState = nullptr;
       nsManager = nullptr;
+      late = nullptr;
       manager = nullptr;
       kniRoot = nullptr;
       kni = nullptr;
@@ -97,7 +98,7 @@ class DescriptorBudgetKernelTest : public IntfsmTest::KernelModuleTest {
   Ptr<DeviceIntfStatusDir> devices = deviceIntfStatusDirFactory("devices");
   Ptr<PamDesiredIntfDir> desired = pamDesiredIntfDirFactory("desired");
   Ptr<EthDevPamCollection> pams = ethDevPamCollectionFactory("pams");
-  Ptr<KernelNetInfo::Status> kni;
+  Ptr<KernelNetInfo::Status> kni, late;
   Ptr<NetNsIntfStatusManagerRoot> kniRoot;
   Ptr<EthDevPamManager> manager;
   Ptr<KernelOperState::Root> operState;
@@ -147,10 +148,13 @@ TEST_F(DescriptorBudgetKernelTest, ShortageIsTracedOnceByNameAndEverythingOpensW
   IntfsmTest::TempDir directory;
   nsManager = KernelNetNsInfo::ManagerIs(KernelNetNsInfo::Root::rootNew("watched"), directory.path(), loop());
   nsManager->hasNotificationActiveIs(true);  // raises nothing
+  late = KernelNetInfo::Status::statusNew("late", NamespaceName(ns[1]));
+  late->enabledIs(true);  // raises nothing either
 
   std::vector<std::string> expected = {
       shortage("bundle socket", manager->edpBundle()->descriptorScope()),
       shortage("namespace inotify descriptor", "directory " + directory.path()),
+      shortage("KernelNetInfo::Status netlink socket", "status late in namespace " + ns[1]),
   };
   for (std::string const & n : std::vector<std::string>{"default", ns[0], ns[1], ns[2], ns[3]}) {
     expected.push_back(shortage("oper-state netlink socket", "namespace " + n));
@@ -159,14 +163,14 @@ TEST_F(DescriptorBudgetKernelTest, ShortageIsTracedOnceByNameAndEverythingOpensW
   EXPECT_THAT(trace.texts(), UnorderedElementsAreArray(expected)) << trace.dump();
   EXPECT_EQ(Vorn::descriptorShortages().size(), expected.size());
   EXPECT_EQ(openDescriptors(fdDir), opened);
-  EXPECT_TRUE(nsManager->waitingForDescriptor());
+  EXPECT_TRUE(nsManager->waitingForDescriptor() && late->waitingForDescriptor() && late->enabled());
   EXPECT_EQ(pams->intfPams(), 0u);
   EXPECT_EQ(manager->shortOfDescriptors(), 1u);
 
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   auto const converged = [&] {
     return pams->intfPams() == 1 && operState->kosm()->nsNetlinkSockFds() == namespaces + 1 &&
-           nsManager->descriptor() >= 0 && Vorn::descriptorShortages().empty();
+           nsManager->descriptor() >= 0 && late->synced() && Vorn::descriptorShortages().empty();
   };
   ASSERT_TRUE(runUntil(converged, 5.0)) << trace.dump();
   ASSERT_TRUE(runUntil([&] { return netns().link(ns[0], "va0")->operState == IF_OPER_DORMANT; }));
@@ -186,7 +190,7 @@ TEST_F(DescriptorBudgetKernelTest, ShortageIsTracedOnceByNameAndEverythingOpensW
     if (count > had) counted[use] = count - had;
   }
   EXPECT_EQ(seen, counted);
-  EXPECT_EQ(seen.size(), 3u + 2u * (namespaces + 1));  // kni, bundle, inotify; a socket and a monitor per namespace
+  EXPECT_EQ(seen.size(), 4u + 2u * (namespaces + 1));  // kni, late, bundle, inotify; a socket and a monitor per namespace
 }
 
 }  // namespace
