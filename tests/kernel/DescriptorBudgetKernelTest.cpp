@@ -63,17 +63,9 @@ class DescriptorBudgetKernelTest : public IntfsmTest::KernelModuleTest {
       setrlimit(RLIMIT_NOFILE, &limit);
       // The cached sockets are the agent's to close when it drops the subsystem.
       if (operState) {
-        for (auto const & e : operState->kosm()->nsNetlinkSockFdIter()) {
-          Vorn::descriptorClosed(e.value);
-          close(e.value);
-        }
+        for (auto const & e : operState->kosm()->nsNetlinkSockFdIter()) Vorn::descriptorClosed(e.value), close(e.value);
       }
-      operState = nullptr;
-      nsManager = nullptr;
-      late = nullptr;
-      manager = nullptr;
-      kniRoot = nullptr;
-      kni = nullptr;
+      operState = nullptr, nsManager = nullptr, manager = nullptr, kniRoot = nullptr, kni = late = nullptr;
     }
     KernelModuleTest::TearDown();
   }
