@@ -20,6 +20,7 @@
 // The sockets are bound to every EtherType, so VLAN tags are always seen; -e selects the EtherType in
 // the kernel's socket filter (the type after the outer tag of a tagged frame), and a `filter` program
 // given as text replaces that selection while it is in force.
+#include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/if_ether.h>
@@ -42,6 +43,7 @@
 #include <vector>
 
 #include "intfsm/KernelOperState/Root.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/SimpleTxRxPktManager/SimpleTxRxPktManager.h"
 #include "intfsm/foundation/interface/AllIntfStatusDir.h"
 #include "intfsm/foundation/interface/AllIntfStatusLocalDir.h"
@@ -72,6 +74,7 @@ char const helpText[] =
     "  filter { c, jt, jf, k }, ...   classic BPF program for the sockets;  filter none: no filter\n"
     "  send ID [count N] [vlan V] [type T] [to MAC] [length L]   frames out of a watched interface\n"
     "  show [ID]              the table: device, ifindex, status set, kernel operstate, frames received, drops\n"
+    "  show descriptors       the descriptors the library holds, by purpose and scope, and those it waits for\n"
     "  clear                  zero the counters (frames and drops)\n"
     "  print on|off           print every frame received\n"
     "  wait SECONDS           let the loop run (scripts)\n"
@@ -179,6 +182,7 @@ class Agent {
   std::string doFilter(std::string const & text);
   std::string doSend(std::vector<std::string> const & w);
   std::string doShow(std::vector<std::string> const & w);
+  void doShowDescriptors() const;
   void doClear();
   // The ports a command names: one, or all for "all"; empty when there is no such interface.
   std::vector<Port *> portsNamed(std::string const & name);
@@ -568,7 +572,30 @@ void Agent::doClear() {
   noPamAtClear_ = bundle ? bundle->noPamDropCount() : 0;
 }
 
+// The descriptors the library holds, by purpose and scope, beside what the process has open in all.
+void Agent::doShowDescriptors() const {
+  std::string open = "an unknown number (no descriptor left to read /proc/self/fd)";
+  if (DIR * dir = opendir("/proc/self/fd")) {
+    size_t count = 0;
+    while (dirent const * entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+    open = std::to_string(count - 1);  // not the one reading the list
+  }
+  std::printf("descriptors held by the library: %u (the process has %s open)\n", Vorn::descriptorTotal(), open.c_str());
+  std::printf("  %-40s %-40s %5s\n", "purpose", "scope", "count");
+  for (auto const & [use, count] : Vorn::descriptorCounts()) {
+    std::printf("  %-40s %-40s %5u\n", use.first.c_str(), use.second.c_str(), count);
+  }
+  for (auto const & [purpose, scope] : Vorn::descriptorShortages()) {
+    std::printf("waiting for a descriptor: %s for %s\n", purpose.c_str(), scope.c_str());
+  }
+}
+
 std::string Agent::doShow(std::vector<std::string> const & w) {
+  if (w.size() == 2 && w[1] == "descriptors") {
+    doShowDescriptors();
+    return {};
+  }
   std::vector<Port *> const shown = portsNamed(w.size() == 2 ? w[1] : "all");
   if (shown.empty()) return "no interface '" + w[1] + "'";
   std::printf("%-12s %-8s %7s  %-14s %-15s %-7s %9s %6s\n", "interface", "device", "ifindex", "status set",

@@ -24,7 +24,12 @@
 // set up closes the descriptor in hand, leaves the bundle as it was, traces the failed step and raises
 // Vorn::ErrnoException with the errno of the failed call (Vorn::Exception for a kernel limit file
 // with bad content). doSetRcvBuf closes `sock` whenever it raises; when that socket is one of the
-// bundle's, it makes the bundle forget it as well (sd -1, count 0, no watch).
+// bundle's, it makes the bundle forget it as well (sd -1, count 0, no watch). Out of descriptors
+// (EMFILE, ENFILE) for a socket, the level-0 trace is "cannot open bundle socket for bundle <name> in
+// namespace <ns>, errno: 24 (out of descriptors)" ("bundle tap socket", "bundle scratch socket"), once
+// while the shortage lasts (the scratch socket's every time: its caller sees the raise at once), and
+// the exception carries that text. Each open socket is named in the registry of descriptors
+// (Vorn/Descriptors.h) with that purpose and scope until its one close.
 //
 // Filters. A new program is tried first on a scratch socket (filterProgramTry), so that only a program
 // the kernel accepts ever reaches a live socket. attachOrDetachFilter departs from the plain
@@ -116,6 +121,7 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -348,6 +354,13 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void filterProgramTry(Ovel::SockFilterProgram const & program) const;
   // Closes both sockets, their watches and descriptor state machines; nothing when neither is open.
   void doSocketClose();
+
+  // What the registry of descriptors (Vorn/Descriptors.h) calls the bundle's sockets, for the scope
+  // "bundle <name> in namespace <ns>".
+  static constexpr char socketPurpose[] = "bundle socket";
+  static constexpr char tapSocketPurpose[] = "bundle tap socket";
+  static constexpr char scratchSocketPurpose[] = "bundle scratch socket";
+  std::string descriptorScope() const;
   // Closes `sock` when it is one of ours and forgets it (descriptor -1, count 0, no watch); nothing
   // for any other descriptor.
   void doSocketForget(int sock);

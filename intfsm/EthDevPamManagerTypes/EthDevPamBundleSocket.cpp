@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
 
 #include "intfsm/EthDevPamManagerTypes/internal/BundleDetail.h"
 #include "intfsm/EthDevPamManagerTypes/internal/Cleanup.h"
@@ -22,6 +23,7 @@
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 
 namespace Interface {
@@ -93,6 +95,7 @@ void EthDevPamBundle::doSocketDrop(Slot slot, bool notifying) {
   s.moderated = false;  // the timer finds nothing of it to read; it stops when no socket is left on it
   if (s.watch) s.watch->descriptorIs(-1);  // out of the loop's epoll set before the number can be reused
   doRxRingRelease(s.ring);
+  Vorn::descriptorClosed(fd);
   Platform::calls().close(fd);
   if (notifying) {
     slotSdIs(slot, -1);
@@ -113,6 +116,7 @@ void EthDevPamBundle::doSocketDropOrClose(int sock) {
   if (Socket * s = socketOf(sock)) {
     doSocketDrop(slotOf(*s), true);
   } else {
+    Vorn::descriptorClosed(sock);
     Platform::calls().close(sock);
   }
 }
@@ -120,6 +124,12 @@ void EthDevPamBundle::doSocketDropOrClose(int sock) {
 void EthDevPamBundle::doSocketSetupFailed(int sock, char const * trace, int error) {
   doSocketDropOrClose(sock);
   stepFailed(trace, error);
+}
+
+std::string EthDevPamBundle::descriptorScope() const {
+  std::string scope = "bundle";
+  if (!name().empty()) scope += " " + name().stdString();
+  return scope + " in namespace " + (netNs_.empty() ? Ovel::DEFAULT_NS : netNs_.charPtr());
 }
 
 void EthDevPamBundle::doSocketClose() {
@@ -183,7 +193,16 @@ void EthDevPamBundle::doSocketCreateProto(uint16_t ethProto, bool forSdTap) {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::doSocketCreateProto( " << ethProto << ", " << forSdTap << " )");
   Slot const slot = forSdTap ? tap : common;
   int const fd = Ovel::socketAt(AF_PACKET, SOCK_RAW, creationProtocol, netNs_.charPtr());
+  char const * const purpose = forSdTap ? tapSocketPurpose : socketPurpose;
+  std::string const scope = descriptorScope();
+  if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
+    int const error = errno;
+    std::string const text = Vorn::descriptorShortageIs(purpose, scope, error);
+    if (!text.empty()) EDPM_TRACE(0, text);
+    throw Vorn::ErrnoException(error, Vorn::descriptorShortageText(purpose, scope, error));
+  }
   if (fd < 0) stepFailed("EthDevPamBundle::enabled failed to create socket, errno: ", errno);
+  Vorn::descriptorOpened(fd, purpose, scope);
 
   // Every early exit closes the new socket (a step that failed may have closed it already) and puts
   // the buffer sizes back as they were.
@@ -194,6 +213,7 @@ void EthDevPamBundle::doSocketCreateProto(uint16_t ethProto, bool forSdTap) {
       doSocketDrop(slot, true);
     } else if (!stored) {
       doRxRingRelease(sockets_[slot].ring);
+      Vorn::descriptorClosed(fd);
       Platform::calls().close(fd);
     }
     if (stored) {
@@ -381,10 +401,20 @@ void EthDevPamBundle::filterProgramTry(Ovel::SockFilterProgram const & program) 
   int const scratch = Ovel::socketAt(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0, netNs_.charPtr());
   if (scratch < 0) {
     int const error = errno;
+    if (Vorn::isDescriptorShortage(error)) {
+      // Raised to whoever set the filter, who sees it at once: traced every time.
+      std::string const text = Vorn::descriptorShortageText(scratchSocketPurpose, descriptorScope(), error);
+      EDPM_TRACE(0, text);
+      throw Vorn::ErrnoException(error, text);
+    }
     EDPM_TRACE(0, "EthDevPamBundle::filterProgramTry failed to create socket, errno: " << error);
     throw Vorn::ErrnoException(error, "");
   }
-  auto const closeScratch = Cleanup([scratch] { Platform::calls().close(scratch); });
+  Vorn::descriptorOpened(scratch, scratchSocketPurpose, descriptorScope());
+  auto const closeScratch = Cleanup([scratch] {
+    Vorn::descriptorClosed(scratch);
+    Platform::calls().close(scratch);
+  });
   for (bool guarded : {false, true}) {
     if (int const error = filterSet(scratch, guarded, program.filter(), program.len())) {
       EDPM_TRACE(0, "EthDevPamBundle::filterProgram refused by the kernel" << (guarded ? " (tap socket)" : "")

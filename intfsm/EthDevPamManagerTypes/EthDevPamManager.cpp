@@ -11,6 +11,7 @@
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
@@ -43,6 +44,12 @@ class EthDevPamManager::VornEthDevPamClock : public Vorn::Reactor<EthDevPamManag
   void onTimeMin() override { forward(&EthDevPamManager::handleEthDevPamClock); }
 };
 
+class EthDevPamManager::VornShortageClock : public Vorn::Reactor<EthDevPamManager, Vorn::Clock> {
+ public:
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&EthDevPamManager::handleShortageRetry); }
+};
+
 Vorn::Ptr<EthDevPamManager> ethDevPamManagerFactory(Vorn::Ptr<PamDesiredIntfDir const> const & desiredIntfDir,
                                                     Vorn::Ptr<EthDevPamCollection> const & pamCollection,
                                                     Vorn::Ptr<DeviceIntfStatusDir const> const & deviceIntfStatusDir) {
@@ -65,20 +72,24 @@ EthDevPamManager::EthDevPamManager(Vorn::Ptr<PamDesiredIntfDir const> const & de
       deviceIntfStatusDir_(deviceIntfStatusDir),
       deviceIntfStatusDirReactor_(Vorn::reactorNew<VornDeviceIntfStatusDir>(this, deviceIntfStatusDir)),
       // Unbound until handleInitialized; a time asked for before then waits for the binding.
-      ethDevPamClockReactor_(Vorn::reactorNew<VornEthDevPamClock>(this, nullptr)) {}
+      ethDevPamClockReactor_(Vorn::reactorNew<VornEthDevPamClock>(this, nullptr)),
+      shortageClockReactor_(Vorn::reactorNew<VornShortageClock>(this, nullptr)) {}
 
 EthDevPamManager::~EthDevPamManager() {
   vornDoZombieReactors(true);
   if (initialized_ && enabled()) doDisable();
   ethDevPamClockReactor_->timeMinIs(Vorn::Clock::never);
+  shortageClockReactor_->timeMinIs(Vorn::Clock::never);
   deviceIntfStatusDirReactor_ = nullptr;
   ethDevPamClockReactor_ = nullptr;
+  shortageClockReactor_ = nullptr;
 }
 
 void EthDevPamManager::vornDoZombieReactors(bool zombie) {
   EthDevPamManagerBase::vornDoZombieReactors(zombie);
   if (deviceIntfStatusDirReactor_) deviceIntfStatusDirReactor_->vornZombieIs(zombie);
   if (ethDevPamClockReactor_) ethDevPamClockReactor_->vornZombieIs(zombie);
+  if (shortageClockReactor_) shortageClockReactor_->vornZombieIs(zombie);
 }
 
 // ---- attributes ------------------------------------------------------------------------------------
@@ -347,6 +358,12 @@ void EthDevPamManager::doProcessIntf(Ovel::IntfId const & intfId) {
     if (!pam->perIntfSocket()) bundle.doSetRcvBuf(pam->sd());
   } catch (Vorn::ErrnoException const & failure) {
     undo();
+    if (step == Step::socket && Vorn::isDescriptorShortage(failure.errorNumber())) {
+      // Traced by the bundle; tried again on the clock rather than raised out of whatever notified.
+      shortageRetryIs(intfId);
+      return;
+    }
+    if (step == Step::enable && Vorn::isDescriptorShortage(failure.errorNumber())) shortageRetryIs(intfId);
     if (step != Step::enable) throw;
     EDPM_TRACE(0, "Unable to enable pam for device " << record.deviceName << " for intf " << intfId << " errno "
                                                      << failure.errorNumber());
@@ -371,6 +388,25 @@ void EthDevPamManager::doSharedSocketLost() {
   }
   edpBundle_->doSocketClose();  // the other one too: the counts start again from nothing
   if (!ethDevPamEvent_.empty()) doDeferredRun();
+}
+
+void EthDevPamManager::shortageRetryIs(Ovel::IntfId const & intfId) {
+  shortOf_.insert(intfId);
+  if (shortageClockReactor_->timeMin() == Vorn::Clock::never) {
+    shortageClockReactor_->timeMinIs(Vorn::System::currentTime() + shortageRetryInterval);
+  }
+}
+
+void EthDevPamManager::handleShortageRetry() {
+  std::set<Ovel::IntfId> const waiting = std::exchange(shortOf_, {});
+  for (Ovel::IntfId const & intfId : waiting) {
+    if (pamCollection()->intfPam(intfId)) continue;  // made meanwhile
+    try {
+      doProcessIntf(intfId);
+    } catch (Vorn::Exception const & failure) {
+      EDPM_TRACE(0, "Unable to make pam for " << intfId << ": " << failure.what());
+    }
+  }
 }
 
 void EthDevPamManager::handleEthDevPamClock() {
@@ -534,6 +570,7 @@ void EthDevPamManager::handleFilterProgram() {
 void EthDevPamManager::handleInitialized() {
   EDPM_TRACE(8, "void Interface::EthDevPamManager::handleInitialized()");
   ethDevPamClockReactor_->notifierIs(Vorn::activityManager().clock());
+  shortageClockReactor_->notifierIs(Vorn::activityManager().clock());
   if (initialized_) return;
   initialized_ = true;
   notify(&NotifieeConst::onInitialized);

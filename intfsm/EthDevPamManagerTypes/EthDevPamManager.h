@@ -68,6 +68,15 @@
 //   tried before they are attached (above); failures of the enabling pass and of deferred work are
 //   not raised half-way (above).
 //
+// - Out of descriptors (EMFILE, ENFILE) for the shared socket, making a Pam raises nothing: the bundle
+//   traces the shortage once at level 0 ("cannot open bundle socket for bundle ..."), what the call
+//   built is taken back as for any failure, and the interface is tried again every
+//   shortageRetryInterval seconds on the loop's clock until its Pam is made (or it is no longer
+//   wanted). Raising would reach the event loop when the change came from the kernel (a device
+//   appearing) and end the agent for a shortage that passes; without the retry the interface would
+//   silently stay without an endpoint. An own socket (perIntfSocket) that cannot be had for the same
+//   reason is traced "Unable to enable pam ..." as ever and retried the same way.
+//
 // Threading: everything runs on the loop's one thread and nothing is locked. The nested reactors hold
 // references to what they watch (a bound notifiee keeps its notifier alive): the desired-interface
 // and device directories, and the clock. The destructor zombies them before anything else goes.
@@ -75,6 +84,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <set>
 #include <vector>
 
 #include "intfsm/EthDevPamManagerTypes/EthDevPamBundle.h"
@@ -277,6 +287,10 @@ class EthDevPamManager : public EthDevPamManagerBase {
   void handleIntf(Ovel::IntfId const & intfId) override;
   void doProcessIntf(Ovel::IntfId const & intfId);
   void handleEthDevPamClock();
+  // Interfaces waiting for a descriptor for their socket, and what the retry time runs.
+  static constexpr double shortageRetryInterval = 1.0;
+  uint32_t shortOfDescriptors() const { return static_cast<uint32_t>(shortOf_.size()); }
+  void handleShortageRetry();
   void handleEnabled();
   void handleFilterProgram();
   void handleInitialized();
@@ -287,6 +301,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
  private:
   class VornDeviceIntfStatusDir;
   class VornEthDevPamClock;
+  class VornShortageClock;
   friend Vorn::Ptr<EthDevPamManager> ethDevPamManagerFactory(Vorn::Ptr<PamDesiredIntfDir const> const &,
                                                              Vorn::Ptr<EthDevPamCollection> const &,
                                                              Vorn::Ptr<DeviceIntfStatusDir const> const &);
@@ -309,6 +324,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
   // The bundle closed a shared socket under its Pams: withdraws them and queues them anew.
   void doSharedSocketLost();
   void doDeferredRun() const;
+  void shortageRetryIs(Ovel::IntfId const & intfId);
   void maxRxPktDataCheck(uint32_t bytes) const override;
   template <class F>
   RxModerationSettings withModeration(F RxModerationSettings::*field, F v) const {
@@ -350,6 +366,8 @@ class EthDevPamManager : public EthDevPamManagerBase {
 
   Vorn::Ptr<VornDeviceIntfStatusDir> deviceIntfStatusDirReactor_;
   Vorn::Ptr<VornEthDevPamClock> ethDevPamClockReactor_;
+  Vorn::Ptr<VornShortageClock> shortageClockReactor_;
+  std::set<Ovel::IntfId> shortOf_;
 };
 
 // A null directory or collection raises Vorn::RangeException.

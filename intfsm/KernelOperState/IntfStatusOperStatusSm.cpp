@@ -1,11 +1,15 @@
 #include "intfsm/KernelOperState/IntfStatusOperStatusSm.h"
 
 #include <iostream>
+#include <utility>
 
 #include "intfsm/KernelOperState/internal/NetlinkSocket.h"
 #include "intfsm/KernelOperState/internal/Trace.h"
 #include "intfsm/foundation/platform/Platform.h"
+#include "intfsm/foundation/vorn/ActivityManager.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
+#include "intfsm/foundation/vorn/System.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
 
@@ -50,6 +54,12 @@ class IntfStatusOperStatusSm::VornKosm : public Vorn::Reactor<IntfStatusOperStat
  public:
   using Reactor::Reactor;
   void onOperStateConvergence() override { forward(&IntfStatusOperStatusSm::handleOperStateConvergence); }
+};
+
+class IntfStatusOperStatusSm::VornClock : public Vorn::Reactor<IntfStatusOperStatusSm, Vorn::Clock> {
+ public:
+  using Reactor::Reactor;
+  void onTimeMin() override { forward(&IntfStatusOperStatusSm::handleShortageRetry); }
 };
 
 void IntfStatusOperStatusSm::VornIntfStatus::handleOperStatusOrDeviceName() {
@@ -97,6 +107,7 @@ void IntfStatusOperStatusSm::vornDoZombieReactors(bool zombie) {
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->vornZombieIs(zombie);
   if (netNsCollectionReactor_) netNsCollectionReactor_->vornZombieIs(zombie);
   if (kosmReactor_) kosmReactor_->vornZombieIs(zombie);
+  if (clockReactor_) clockReactor_->vornZombieIs(zombie);
 }
 
 void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
@@ -108,6 +119,7 @@ void IntfStatusOperStatusSm::hasNotificationActiveIs(bool active) {
   if (intfStatusLocalDirReactor_) intfStatusLocalDirReactor_->hasNotificationActiveIs(active);
   if (netNsCollectionReactor_) netNsCollectionReactor_->hasNotificationActiveIs(active);
   if (kosmReactor_) kosmReactor_->hasNotificationActiveIs(active);
+  if (clockReactor_) clockReactor_->hasNotificationActiveIs(active);
 }
 
 void IntfStatusOperStatusSm::doSyncIfInitialized(Ovel::IntfId const & intfId) {
@@ -244,7 +256,11 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
   Platform::Calls & platform = Platform::calls();
   if (netNsCollection_ && netNsCollection_->netNsByNameHas(name)) {
     int const sd = netlinkSocketOpen(name, "created netlink socket. Sd: ", true);
-    if (sd < 0) return;
+    if (sd < 0) {
+      if (Vorn::isDescriptorShortage(errno)) shortageRetryIs(name);
+      return;
+    }
+    shortOf_.erase(name);
     // A socket already cached for this name is replaced, not closed: each presence notification opens
     // a fresh one on purpose.
     kosm_->nsNetlinkSockFdIs(name, sd);
@@ -257,11 +273,33 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
       std::cerr << "Failed(" << "sd >= 0" << ") " << " sd: " << sd << " ns name : " << name << std::endl;
       VORN_ASSERT(!"sd >= 0");
     }
+    Vorn::descriptorClosed(sd);
     platform.close(sd);
     kosm_->nsNetlinkSockFdDel(name);
   } else {
     KOS_TRACE(8, "No cached netlink socket fd found. Just return");
   }
+}
+
+void IntfStatusOperStatusSm::shortageRetryIs(Ovel::NamespaceName const & name) {
+  shortOf_.insert(name);
+  if (!clockReactor_) clockReactor_ = Vorn::reactorNew<VornClock>(this, Vorn::activityManager().clock());
+  if (clockReactor_->timeMin() == Vorn::Clock::never) {
+    clockReactor_->timeMinIs(Vorn::System::currentTime() + shortageRetryInterval);
+  }
+}
+
+void IntfStatusOperStatusSm::handleShortageRetry() {
+  std::set<Ovel::NamespaceName> const names = std::exchange(shortOf_, {});
+  bool opened = false;
+  for (Ovel::NamespaceName const & name : names) {
+    if (!netNsCollection_ || !netNsCollection_->netNsByNameHas(name) || kosm_->nsNetlinkSockFdHas(name)) continue;
+    handleNsByName(name);
+    opened = opened || kosm_->nsNetlinkSockFdHas(name);
+  }
+  if (!opened || !intfStatusDir_) return;
+  KOS_TRACE(5, "netlink sockets opened after a shortage of descriptors: syncing every interface again");
+  for (auto const & e : intfStatusDir_->intfStatusIter()) doSyncIntfStatus(e.key);
 }
 
 // Before the start-up sync has run, that sync opens the sockets; doing it on binding as well would open

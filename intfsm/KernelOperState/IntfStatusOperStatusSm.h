@@ -14,6 +14,15 @@
 // device there, the state is kept. When convergence is turned on, every interface is synced again, so
 // that each device has a decided state to keep.
 //
+// Out of descriptors: a namespace whose cached socket cannot be opened for lack of descriptors (EMFILE,
+// ENFILE) is traced once at level 0 by the socket's opener and tried again every shortageRetryInterval
+// seconds on the loop's clock while it exists and has no cached socket; when one opens, every interface
+// is synced again, since requests for it were dropped meanwhile. Where this departs from the letter of
+// the oper-state Parts, and why: a socket that cannot be had for the default namespace ends the process
+// there; for a descriptor shortage it does not, because the shortage passes and an exit would drop the
+// state of every namespace and every other subsystem of the agent; the retry and the resync are what
+// keep the kernel from silently drifting after it. Other socket failures keep the Part's behaviour.
+//
 // Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
 // with the start-up sync.
 //
@@ -23,6 +32,7 @@
 // holds its four inputs, and its destructor zombies its reactors before it empties their collections.
 #pragma once
 
+#include <set>
 #include <unordered_map>
 #include <utility>
 
@@ -105,6 +115,12 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   void handleNsByName();
   void doSyncIntfStatus(Ovel::IntfId const & intfId);
 
+  static constexpr double shortageRetryInterval = 1.0;
+  // Namespaces waiting for a descriptor for their cached socket.
+  uint32_t shortOfDescriptors() const { return static_cast<uint32_t>(shortOf_.size()); }
+  // The retry time has come: open what is still missing.
+  void handleShortageRetry();
+
   // Reconciles the per-interface reactors with one key, or with the whole directory.
   void handleIntfStatus(Ovel::IntfId const & intfId);
   void handleIntfStatus();
@@ -118,12 +134,14 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   class VornIntfStatusLocalDir;
   class VornNetNsCollection;
   class VornKosm;
+  class VornClock;
 
   using Change = Vorn::ReactorChange;
 
   // The per-interface handlers' common end: sync once the start-up sync has run.
   void doSyncIfInitialized(Ovel::IntfId const & intfId);
   void handleNsByNameOnBind();
+  void shortageRetryIs(Ovel::NamespaceName const & name);
   // Notifies this machine's own watchers of a per-interface reactor created or deleted.
   void intfStatusReconciled(Ovel::IntfId const & id, Change change);
   void intfStatusLocalReconciled(Ovel::IntfId const & id, Change change);
@@ -146,6 +164,8 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   Vorn::Ptr<VornIntfStatusLocalDir> intfStatusLocalDirReactor_;
   Vorn::Ptr<VornNetNsCollection> netNsCollectionReactor_;
   Vorn::Ptr<VornKosm> kosmReactor_;
+  Vorn::Ptr<VornClock> clockReactor_;
+  std::set<Ovel::NamespaceName> shortOf_;
 };
 
 // A new state machine over the four inputs, started (the factory form through which an owner creates one).

@@ -9,6 +9,7 @@
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/LibraryTypes.h"
 
@@ -193,7 +194,10 @@ void KernelOperStateManager::doSetOperStateInNs(Vorn::String const & deviceName,
   } else if (!Interface::doSetNetlinkOperState(sd, deviceName.charPtr(), 111, kernelValue)) {
     exit(1);
   }
-  if (localSocket) Platform::calls().close(sd);
+  if (localSocket) {
+    Vorn::descriptorClosed(sd);
+    Platform::calls().close(sd);
+  }
 }
 
 }  // namespace KernelOperState

@@ -15,7 +15,11 @@
 // namespace, a bind that fails, or a request that cannot be sent (the socket is broken) end the process
 // with exit status 1. A request the kernel refuses (a device not, or not yet, in that namespace) is
 // traced and survived: the next change of the interface's status sends it again, and so does
-// convergence, below, when the device appears.
+// convergence, below, when the device appears. One departure: a short-lived socket that cannot be had
+// for lack of descriptors (EMFILE, ENFILE), in the default namespace too, drops the request after one
+// level-0 trace ("cannot open oper-state netlink socket for namespace default, errno: 24 (out of
+// descriptors)") instead of ending the process; such a shortage passes, and the oper-status state
+// machine syncs every interface again once the namespace's cached socket opens.
 //
 // Convergence (`operStateConvergence`, off by default: off, the manager does what is said above and
 // nothing else: it holds no state besides the cache and opens no socket besides the cached and the

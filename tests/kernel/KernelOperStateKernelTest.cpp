@@ -11,6 +11,7 @@
 #include <chrono>
 
 #include "intfsm/KernelOperState/Root.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "tests/support/KernelModuleTest.h"
 #include "tests/support/TraceCapture.h"
 
@@ -44,7 +45,7 @@ class KernelOperStateKernelTest : public IntfsmTest::KernelModuleTest {
     // Nothing is left open: the cached sockets, which the state machine never closes, closed by hand
     // as an agent that drops the subsystem would; the link monitors go with the manager.
     if (root) {
-      for (auto const & e : root->kosm()->nsNetlinkSockFdIter()) close(e.value);
+      for (auto const & e : root->kosm()->nsNetlinkSockFdIter()) Vorn::descriptorClosed(e.value), close(e.value);
       root = nullptr;
     }
     KernelModuleTest::TearDown();

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "intfsm/foundation/ovel/SocketAt.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "tests/support/Descriptors.h"
 
 namespace IntfsmTest {
@@ -42,6 +43,7 @@ void KernelModuleTest::SetUp() {
   NetNsTest::SetUp();
   if (IsSkipped()) return;
   descriptorsBefore_ = openDescriptorCount();
+  namedBefore_ = Vorn::descriptorTotal();
   mappingsBefore_ = mappedSockets();
 }
 
@@ -51,6 +53,7 @@ void KernelModuleTest::TearDown() {
     senders_.clear();
     EXPECT_EQ(loop_.watches(), 0u) << "descriptors still watched";
     EXPECT_EQ(descriptorsOpened(), 0) << "descriptors left open";
+    EXPECT_EQ(Vorn::descriptorTotal(), namedBefore_) << "closed descriptors still named in the registry";
     EXPECT_EQ(mappedSockets(), mappingsBefore_) << "rings left mapped";
   }
   NetNsTest::TearDown();

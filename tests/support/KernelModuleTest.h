@@ -1,6 +1,6 @@
 // The base of kernel tests: skips unless root, makes namespaces and veth pairs that go on every path
 // (NetNsTest), runs a private event loop as the process's loop, and checks that the test leaves no
-// descriptor and no packet-ring mapping behind.
+// descriptor (open, or still named in the registry of descriptors) and no packet-ring mapping behind.
 //
 //   class MyKernelTest : public IntfsmTest::KernelModuleTest {
 //    protected:
@@ -83,6 +83,7 @@ class KernelModuleTest : public NetNsTest {
   Vorn::ActivityManager loop_;
   ScopedLoop scopedLoop_{loop_};
   int descriptorsBefore_ = 0;
+  uint32_t namedBefore_ = 0;
   int mappingsBefore_ = 0;
   std::vector<int> senders_;
 };

@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <string>
 
 #include "intfsm/KernelOperState/internal/Trace.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/platform/Platform.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Fperror.h"
 
 namespace KernelOperState {
@@ -17,6 +19,13 @@ int netlinkSocketOpen(Ovel::NamespaceName const & ns, char const * openedTrace, 
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, ns.charPtr());
   int const socketErrno = errno;  // a trace may write, and change errno, before perror reads it
   KOS_TRACE(8, openedTrace << sd);
+  std::string const scope = "namespace " + std::string(ns.charPtr());
+  if (sd < 0 && Vorn::isDescriptorShortage(socketErrno)) {
+    std::string const text = Vorn::descriptorShortageIs(socketPurpose, scope, socketErrno);
+    if (!text.empty()) KOS_TRACE(0, text);
+    errno = socketErrno;
+    return -1;
+  }
   if (sd < 0) {
     errno = socketErrno;
     if (ns.isDefault()) fperror("socket");
@@ -33,6 +42,7 @@ int netlinkSocketOpen(Ovel::NamespaceName const & ns, char const * openedTrace, 
     errno = bindErrno;
     fperror("bind");
   }
+  Vorn::descriptorOpened(sd, socketPurpose, scope);
   return sd;
 }
 

@@ -11,11 +11,13 @@
 #include <climits>
 #include <cmath>
 #include <sstream>
+#include <string>
 
 #include "intfsm/foundation/kernel/internal/Trace.h"
 #include "intfsm/foundation/platform/NetlinkMessages.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
 
@@ -177,8 +179,17 @@ void Status::openAndReadFirstDump() {
 
 void Status::open() {
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE, netNs_.charPtr());
+  std::string const scope = "status " + name().stdString() + " in namespace " + netNs_.charPtr();
+  if (sd < 0 && Vorn::isDescriptorShortage(errno)) {
+    std::string const text = Vorn::descriptorShortageIs(socketPurpose, scope, errno);
+    if (!text.empty()) KNI_TRACE(0, text);
+    reopenPending_ = true;
+    clockReactor_->timeMinIs(Vorn::System::currentTime() + shortageRetryInterval);
+    return;
+  }
   if (sd < 0) fail("socket", errno);
   sd_ = sd;
+  Vorn::descriptorOpened(sd, socketPurpose, scope);
   applyRcvBuf(sd);
 
   sockaddr_nl local{};
@@ -231,7 +242,9 @@ void Status::close() {
     fd_ = nullptr;
   }
   if (clockReactor_) clockReactor_->timeMinIs(Vorn::Clock::never);
+  reopenPending_ = false;
   if (sd_ >= 0) {
+    Vorn::descriptorClosed(sd_);
     Platform::calls().close(sd_);
     sd_ = -1;
   }
@@ -359,7 +372,21 @@ void Status::scheduleRedump() {
   clockReactor_->timeMinIs(now + (redumpInterval_ > 0 ? redumpInterval_ : defaultRedumpInterval));
 }
 
-void Status::handleRedumpTime() { scheduleRedump(); }
+void Status::handleRedumpTime() {
+  if (!reopenPending_) {
+    scheduleRedump();
+    return;
+  }
+  reopenPending_ = false;
+  if (!enabled_ || sd_ >= 0 || !netNsPresent()) return;
+  Vorn::Ptr<Status> keep(references() ? this : nullptr);
+  openNetNsNumber_ = netNsNumber();
+  try {
+    openAndReadFirstDump();
+  } catch (Vorn::ErrnoException const &) {
+    // Traced at level 0 by the failing step; the next change of the namespace tries again.
+  }
+}
 
 void Status::handleReadable() {
   Vorn::Ptr<Status> keep(references() ? this : nullptr);

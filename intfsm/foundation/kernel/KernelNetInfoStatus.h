@@ -54,6 +54,14 @@
 // (events held for an unfinished dump go with it), and enabling again reconciles it with a fresh
 // dump. Failures to set the socket up raise Vorn::ErrnoException ("KernelNetInfo::Status <step> failed
 // in namespace <ns>, errno: <n>") with nothing left open. Traces go to the handle "KernelNetInfo".
+//
+// Out of descriptors: a socket that cannot be had for lack of descriptors (EMFILE, ENFILE) raises
+// nothing; it is traced once at level 0 ("cannot open KernelNetInfo::Status netlink socket for status
+// <name> in namespace <ns>, errno: 24 (out of descriptors)"), the status stays enabled but closed and
+// not synced, and it tries again every shortageRetryInterval seconds on the loop's clock until the
+// socket opens (then subscribe and dump as ever). An agent that exits for a passing shortage loses
+// everything it holds. The socket is named "KernelNetInfo::Status netlink socket" for "status <name>
+// in namespace <ns>" in the registry of descriptors (Vorn/Descriptors.h).
 #pragma once
 
 #include <cstdint>
@@ -83,6 +91,8 @@ class Status : public Vorn::Entity {
   static constexpr uint32_t defaultRcvBufBytes = 4u << 20;
   static constexpr double defaultRedumpInterval = 0.1;
   static constexpr double initialDumpSeconds = 2.0;
+  static constexpr double shortageRetryInterval = 1.0;
+  static constexpr char socketPurpose[] = "KernelNetInfo::Status netlink socket";
 
   // Serves namespace `netNs`; fills `root`, or a Root of its own (named like the status) when null.
   // Runs on the process's loop, or on `loop` (which must outlive the status).
@@ -96,7 +106,7 @@ class Status : public Vorn::Entity {
   Vorn::Ptr<Root const> root() const { return root_; }
 
   // True opens, subscribes and dumps (see above; Vorn::ErrnoException on failure, then still
-  // disabled); false closes. Setting the current value does nothing.
+  // disabled; out of descriptors: enabled, waiting); false closes. Setting the current value does nothing.
   bool enabled() const { return enabled_; }
   void enabledIs(bool enabled);
 
@@ -123,6 +133,8 @@ class Status : public Vorn::Entity {
 
   // The socket, or -1 while disabled.
   int descriptor() const { return sd_; }
+  // Enabled but waiting for a descriptor: the socket is tried again on the clock.
+  bool waitingForDescriptor() const { return reopenPending_; }
   bool dumpInProgress() const { return dumping_; }
   bool redumpPending() const { return redumpPending_; }
 
@@ -197,6 +209,7 @@ class Status : public Vorn::Entity {
   bool dumpInterrupted_ = false;
   bool lostDuringDump_ = false;
   bool redumpPending_ = false;
+  bool reopenPending_ = false;  // out of descriptors at open: tried again on the clock
   bool readSinceLoss_ = true;  // the socket has been read empty since the last loss
   double lastDumpStart_ = 0;
   // What the dump in progress has said so far, and the events read meanwhile, in arrival order.

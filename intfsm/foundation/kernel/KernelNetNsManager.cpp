@@ -7,12 +7,15 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <unordered_set>
 
 #include "intfsm/foundation/kernel/internal/Trace.h"
+#include "intfsm/foundation/platform/Platform.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
@@ -123,7 +126,16 @@ void Manager::hasNotificationActiveIs(bool active) {
 
 void Manager::activate() {
   defaultNumber_ = ownNamespaceNumber();
-  int const fd = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  int const fd = Platform::calls().inotifyInit1(IN_CLOEXEC | IN_NONBLOCK);
+  std::string const scope = "directory " + std::string(directory_.view());
+  if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
+    std::string const text = Vorn::descriptorShortageIs(inotifyPurpose, scope, errno);
+    if (!text.empty()) KNNI_TRACE(0, text);
+    // Tried again on the clock; a scan needs a descriptor too, and comes with the watch.
+    activationPending_ = true;
+    if (clockReactor_) clockReactor_->timeMinIs(Vorn::System::currentTime() + shortageRetryInterval);
+    return;
+  }
   if (fd < 0) {
     int const error = errno;
     std::ostringstream text;
@@ -132,6 +144,8 @@ void Manager::activate() {
     throw Vorn::ErrnoException(error, text.str());
   }
   inotify_ = fd;
+  activationPending_ = false;
+  Vorn::descriptorOpened(fd, inotifyPurpose, scope);
   try {
     fd_ = Vorn::fileDescriptorFactory(name(), loop_);
     fd_->nonBlockingIs(true);
@@ -165,8 +179,12 @@ void Manager::deactivate() {
     fd_->descriptorIs(-1);
     fd_ = nullptr;
   }
-  if (inotify_ >= 0) ::close(inotify_);
+  if (inotify_ >= 0) {
+    Vorn::descriptorClosed(inotify_);
+    Platform::calls().close(inotify_);
+  }
   inotify_ = -1;
+  activationPending_ = false;
   dirWatch_ = -1;
   parentWatch_ = -1;
   pending_.clear();
@@ -263,7 +281,7 @@ void Manager::handleReadable() {
   int const fd = inotify_;
   alignas(inotify_event) char buffer[8192];
   while (fd >= 0 && inotify_ == fd) {
-    ssize_t const length = ::read(fd, buffer, sizeof buffer);
+    ssize_t const length = Platform::calls().read(fd, buffer, sizeof buffer);
     if (length < 0) {
       if (errno == EINTR) continue;
       if (errno != EAGAIN && errno != EWOULDBLOCK) {
@@ -272,34 +290,59 @@ void Manager::handleReadable() {
       return;
     }
     if (length == 0) return;
-    for (ssize_t at = 0; at < length && inotify_ == fd;) {
-      auto const * event = reinterpret_cast<inotify_event const *>(buffer + at);
-      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-      std::string const name = event->len != 0 ? std::string(event->name) : std::string();
-      if ((event->mask & IN_Q_OVERFLOW) != 0) {
-        KNNI_TRACE(0, "KernelNetNsInfo::Manager lost inotify events; scanning " << directory_ << " again");
-        if (dirWatch_ < 0) watchDirectory();
-        rescan();
-        continue;
+    handleEvents(buffer, std::min(static_cast<size_t>(length), sizeof buffer));
+  }
+}
+
+void Manager::handleEvents(char const * data, size_t length) {
+  int const fd = inotify_;
+  for (size_t at = 0; at < length && inotify_ == fd;) {
+    // Each event is checked against the bytes read before any of it is used; the header is copied
+    // out, since bytes that are not the kernel's need not be aligned.
+    inotify_event event{};
+    size_t const left = length - at;
+    if (left < sizeof event) {
+      eventsMalformed(left);
+      return;
+    }
+    std::memcpy(&event, data + at, sizeof event);
+    if (event.len > left - sizeof event) {
+      eventsMalformed(left);
+      return;
+    }
+    char const * const nameAt = data + at + sizeof event;
+    at += sizeof event + event.len;
+    std::string const name(nameAt, ::strnlen(nameAt, event.len));
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+      KNNI_TRACE(0, "KernelNetNsInfo::Manager lost inotify events; scanning " << directory_ << " again");
+      if (dirWatch_ < 0) watchDirectory();
+      rescan();
+      continue;
+    }
+    if (dirWatch_ >= 0 && event.wd == dirWatch_) {
+      if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
+        directoryGone();
+      } else if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+        entryAdded(name);
+      } else if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        entryRemoved(name);
       }
-      if (dirWatch_ >= 0 && event->wd == dirWatch_) {
-        if ((event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
-          directoryGone();
-        } else if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-          entryAdded(name);
-        } else if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
-          entryRemoved(name);
-        }
-      } else if (parentWatch_ >= 0 && event->wd == parentWatch_ && name == base_) {
-        if ((event->mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-          watchDirectory();
-          rescan();
-        } else if ((event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0 && dirWatch_ >= 0) {
-          directoryGone();
-        }
+    } else if (parentWatch_ >= 0 && event.wd == parentWatch_ && name == base_) {
+      if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+        watchDirectory();
+        rescan();
+      } else if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0 && dirWatch_ >= 0) {
+        directoryGone();
       }
     }
   }
+}
+
+void Manager::eventsMalformed(size_t bytes) {
+  ++malformedReads_;
+  KNNI_TRACE(0, "KernelNetNsInfo::Manager read " << bytes << " bytes that are not a whole inotify event; scanning "
+                                                 << directory_ << " again");
+  rescan();
 }
 
 void Manager::entryAdded(std::string const & entry) {
@@ -330,6 +373,17 @@ void Manager::entryRemoved(std::string const & entry) {
 
 void Manager::handlePendingMounts() {
   Vorn::Ptr<Manager> keep(references() ? this : nullptr);
+  if (activationPending_) {
+    if (!active_ || inotify_ >= 0) return;
+    try {
+      activate();
+    } catch (Vorn::ErrnoException const &) {
+      // Traced at level 0; following is off until it is turned on again.
+      active_ = false;
+      notify(&NotifieeConst::onHasNotificationActive);
+    }
+    return;
+  }
   double const now = Vorn::System::currentTime();
   std::vector<std::string> entries;
   for (auto const & [entry, giveUp] : pending_) entries.push_back(entry);
@@ -358,7 +412,7 @@ void Manager::handlePendingMounts() {
 }
 
 void Manager::armRetry() {
-  if (!clockReactor_) return;
+  if (!clockReactor_ || activationPending_) return;
   clockReactor_->timeMinIs(pending_.empty() || inotify_ < 0 ? Vorn::Clock::never
                                                              : Vorn::System::currentTime() + mountRetryInterval);
 }

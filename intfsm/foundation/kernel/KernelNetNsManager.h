@@ -24,11 +24,21 @@
 //
 // Turning following on (again) scans and reconciles: namespaces that vanished meanwhile are removed,
 // new ones added. Turning it off closes the inotify descriptor (after dropping its FileDescriptor) and
-// leaves the Root as it was. The directory is read with plain system calls, not through Platform::calls():
-// tests point a manager at a directory of their own instead (the second ManagerIs).
+// leaves the Root as it was. The directory is scanned with plain system calls (tests point a manager at a
+// directory of their own instead, the second ManagerIs); the inotify instance is made and read through
+// Platform::calls(), so that a test can feed it bytes. Every event read is checked against the bytes
+// actually read: bytes that are not a whole event (a header cut short, a name length past the end) end
+// the walk with a level-0 trace, count in malformedReads(), and rescan, since events may be lost.
+//
+// Out of descriptors (EMFILE, ENFILE) for the inotify instance, turning following on raises nothing: a
+// level-0 trace ("cannot open namespace inotify descriptor for directory /run/netns, errno: 24 (out
+// of descriptors)", once) and another try every shortageRetryInterval seconds on the clock until the
+// instance opens (then the scan and follow as ever); the Root is left as it was meanwhile. The descriptor is
+// named "namespace inotify descriptor" for "directory <dir>" in the registry (Vorn/Descriptors.h).
 // Traces go to the handle "KernelNetNsInfo".
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -61,6 +71,8 @@ class Manager : public Vorn::Entity {
   static constexpr char defaultDirectory[] = "/run/netns";
   static constexpr double mountRetryInterval = 0.005;
   static constexpr double mountWaitLimit = 2.0;
+  static constexpr double shortageRetryInterval = 1.0;
+  static constexpr char inotifyPurpose[] = "namespace inotify descriptor";
 
   ~Manager() override;
 
@@ -81,12 +93,18 @@ class Manager : public Vorn::Entity {
   uint32_t pendingMounts() const { return static_cast<uint32_t>(pending_.size()); }
   // Full scans made (activation, directory appearing, inotify overflow).
   uint64_t scans() const { return scans_; }
-  // The inotify descriptor, or -1 while off.
+  // The inotify descriptor, or -1 while off (or waiting for a descriptor).
   int descriptor() const { return inotify_; }
+  // Following is on but the inotify instance waits for a descriptor (tried again on the clock).
+  bool waitingForDescriptor() const { return activationPending_; }
+  // Reads that held bytes which are not a whole inotify event.
+  uint64_t malformedReads() const { return malformedReads_; }
 
   // What the loop calls: the inotify descriptor is readable; the retry time has come.
   void handleReadable();
   void handlePendingMounts();
+  // Walks the inotify events of one read (`length` bytes at `data`).
+  void handleEvents(char const * data, size_t length);
 
  private:
   class VornFileDesc;
@@ -105,6 +123,7 @@ class Manager : public Vorn::Entity {
   void entryAdded(std::string const & entry);
   void entryRemoved(std::string const & entry);
   void armRetry();
+  void eventsMalformed(size_t bytes);
 
   Vorn::Ptr<Root> root_;
   Vorn::String directory_;
@@ -121,6 +140,8 @@ class Manager : public Vorn::Entity {
   Vorn::Ptr<VornClock> clockReactor_;
   std::map<std::string, double> pending_;  // entry -> time to give up
   uint64_t scans_ = 0;
+  uint64_t malformedReads_ = 0;
+  bool activationPending_ = false;
 };
 
 // A manager of `root`, not following yet; on the process's loop and /run/netns.

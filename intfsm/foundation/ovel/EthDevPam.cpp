@@ -18,6 +18,7 @@
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/ovel/internal/Trace.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 
@@ -131,6 +132,15 @@ void EthDevPam::doOpenSocket() {
 
   // Protocol 0: nothing is queued on the socket before the bind below names the protocol.
   fd = socketAt(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0, netNs_.charPtr());
+  std::string const scope =
+      "Pam " + name().stdString() + " in namespace " + (netNs_.empty() ? DEFAULT_NS : netNs_.charPtr());
+  if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
+    int const error = errno;
+    std::string const text = Vorn::descriptorShortageText(socketPurpose, scope, error);
+    if (!Vorn::descriptorShortageIs(socketPurpose, scope, error).empty()) OVEL_TRACE(0, text);
+    if (ifIndex_ != ifIndexBefore) ifIndexIs(ifIndexBefore);
+    throw Vorn::ErrnoException(error, text);
+  }
   if (fd < 0) fail("create socket", errno);
 
   if (ifIndex_ == 0) {
@@ -180,6 +190,7 @@ void EthDevPam::doOpenSocket() {
   OVEL_TRACE(5, "EthDevPam " << name() << ": own socket " << fd << " on ifindex " << ifIndex_ << " protocol 0x"
                              << std::hex << ethProtocol());
   ownSocket_ = true;
+  Vorn::descriptorOpened(fd, socketPurpose, scope);
   set(sd_, fd, &NotifieeConst::onSd);
   if (watch) {
     fileDesc_ = watch;
@@ -201,6 +212,7 @@ void EthDevPam::doCloseSocket(bool notifying) {
   int const fd = sd_;
   ownSocket_ = false;
   OVEL_TRACE(5, "EthDevPam " << name() << ": closing own socket " << fd);
+  Vorn::descriptorClosed(fd);
   if (Platform::calls().close(fd) < 0) {
     OVEL_TRACE(0, "EthDevPam " << name() << ": close of socket " << fd << " failed, errno: " << errno);
   }

@@ -35,6 +35,10 @@
 //                      refused while the own socket is open; below -1 is refused
 //                      ("EthDevPam::sd < -1 not allowed").
 //   enabled            see below
+// The own socket is named "Pam socket" for "Pam <name> in namespace <ns>" in the registry of descriptors
+// (Vorn/Descriptors.h); out of descriptors (EMFILE, ENFILE) enabling raises Vorn::ErrnoException with the
+// text "cannot open Pam socket for Pam <name> in namespace <ns>, errno: 24 (out of descriptors)", traced
+// at level 0 once until such a socket opens again.
 // The socket options take effect when the own socket is opened; changing them while it is open changes
 // nothing on that socket, except the filter program, which is re-attached at once.
 //
@@ -178,6 +182,7 @@ class EthDevPam : public EthDevPamBase {
   class VornFileDesc;
   struct BulkSlots;
 
+  static constexpr char socketPurpose[] = "Pam socket";
   void doOpenSocket();
   // Closes the own socket; with `notifying`, publishes fileDesc and sd on the way.
   void doCloseSocket(bool notifying);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -25,6 +26,8 @@ Calls makeRealCalls() {
   c.poll = &::poll;
   c.mmap = &::mmap;
   c.munmap = &::munmap;
+  c.read = &::read;
+  c.inotifyInit1 = &::inotify_init1;
   c.open = [](char const * path, int flags) { return ::open(path, flags); };
   c.setns = &::setns;
   c.lstat = [](char const * path, struct stat * result) { return ::lstat(path, result); };

@@ -41,6 +41,10 @@ struct Calls {
   std::function<void *(void * address, size_t length, int protection, int flags, int fd, off_t offset)> mmap;
   std::function<int(void * address, size_t length)> munmap;
 
+  // Reading a descriptor (the namespace manager's inotify events) and making an inotify instance.
+  std::function<ssize_t(int fd, void * data, size_t length)> read;
+  std::function<int(int flags)> inotifyInit1;
+
   // Opening namespace files and entering namespaces.
   std::function<int(char const * path, int flags)> open;
   std::function<int(int fd, int nsType)> setns;

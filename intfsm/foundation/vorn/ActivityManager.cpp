@@ -10,6 +10,7 @@
 #include <string>
 
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/System.h"
 
@@ -21,6 +22,7 @@ ActivityManager::ActivityManager() : events_(new epoll_event[maxEvents]) {
     int const e = errno;
     throw ErrnoException(e, std::string("ActivityManager: epoll_create1 failed: ") + std::strerror(e));
   }
+  descriptorOpened(epoll_, "event loop epoll descriptor", "event loop");
   clock_ = new Clock("clock");
 }
 
@@ -30,6 +32,7 @@ ActivityManager::~ActivityManager() {
     fd->watchId_ = 0;
   }
   for (auto & a : activities_) a->managerDel();
+  descriptorClosed(epoll_);
   close(epoll_);
 }
 

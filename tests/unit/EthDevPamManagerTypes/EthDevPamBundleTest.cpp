@@ -118,7 +118,8 @@ TEST_F(EthDevPamBundleTest, EachFailedSetUpStepClosesTheSocketRaisesItsErrnoAndL
     bool ringOnly = false;
   };
   std::vector<Row> const rows = {
-      {Kind::socketAt, 0, 0, EMFILE, "EthDevPamBundle::enabled failed to create socket, errno: 24"},
+      {Kind::socketAt, 0, 0, ENOENT, "EthDevPamBundle::enabled failed to create socket, errno: 2"},
+      {Kind::socketAt, 0, 0, EMFILE, "cannot open bundle socket for bundle in namespace default, errno: 24 (out of descriptors)"},
       {Kind::setsockopt, SOL_PACKET, PACKET_AUXDATA, ENOPROTOOPT, "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92"},
       {Kind::setsockopt, SOL_SOCKET, SO_TIMESTAMPNS, EPERM, "EthDevPamBundle::enabled failed to set TIMESTAMPNS, errno: 1"},
       {Kind::setsockopt, SOL_SOCKET, SO_PRIORITY, EPERM, "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1"},

@@ -28,6 +28,7 @@
 #include <linux/rtnetlink.h>
 
 #include "intfsm/KernelOperState/Root.h"
+#include "intfsm/foundation/vorn/Descriptors.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FakeRtnetlink.h"
@@ -293,10 +294,10 @@ TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailed
     char const * ns;
     char const * stderrRegex;
   } const fatal[] = {
-      {Kind::socketAt, EMFILE, request, "default", "8 doSetOperStateInNs sd: -1\nsocket: Too many open files\n$"},
+      {Kind::socketAt, ENOBUFS, request, "default", "8 doSetOperStateInNs sd: -1\nsocket: No buffer space available\n$"},
       {Kind::bind, EADDRINUSE, request, "blue", "8 Bind error: -1\nbind: Address already in use\n$"},
       {Kind::setNetlinkOperState, ENOBUFS, request, "blue", ""},
-      {Kind::socketAt, EMFILE, appear, "default", "8 created netlink socket. Sd: -1\nsocket: Too many open files\n$"},
+      {Kind::socketAt, EACCES, appear, "default", "8 created netlink socket. Sd: -1\nsocket: Permission denied\n$"},
       {Kind::bind, EACCES, appear, "blue", "8 Bind error: -1\nbind: Permission denied\n$"},
   };
   for (auto const & c : fatal) {
@@ -320,18 +321,49 @@ TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailed
   };
   for (auto const & [call, regex] : asserted) EXPECT_DEATH(call(), regex);
 
-  // No socket in a named namespace: reported; nothing is sent or cached.
-  for (auto const & call : {request, appear}) {
+  // No socket in a named namespace: reported; nothing is sent or cached. Out of descriptors, in any
+  // namespace: one level-0 trace naming it while the shortage lasts, no perror and no exit.
+  std::string const perror = std::string("\nsocket: ") + strerror(ENOENT) + "\n";
+  std::string const shortage = "0 cannot open oper-state netlink socket for namespace red, errno: 24 (out of descriptors)\n";
+  for (auto const & [error, call, stderrEnd] : {std::tuple{ENOENT, request, perror}, std::tuple{ENOENT, appear, perror},
+                                                std::tuple{EMFILE, request, shortage},
+                                                std::tuple{ENFILE, request, std::string("sd: -1\n")}}) {
     ErrnoClobberingSink sink;
     fake.clearCalls();
-    fake.failNext(Kind::socketAt, ENOENT);
+    fake.failNext(Kind::socketAt, error);
     testing::internal::CaptureStderr();
     call("red");
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                testing::EndsWith(std::string("\nsocket: ") + strerror(ENOENT) + "\n"));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::EndsWith(stderrEnd));
     EXPECT_EQ(fake.calls().size(), 1u);  // the failed socketAt
     EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("red")));
   }
+}
+
+// A namespace whose cached socket could not be had for lack of descriptors is tried again on the
+// clock while it exists; once the socket opens, every interface is synced again (its request was
+// dropped meanwhile), and the shortage is over.
+TEST_F(KernelOperStateTest, OutOfDescriptorsTheCachedSocketIsTriedAgainAndTheInterfacesSynced) {
+  auto sm = start();
+  fake.failNext(Kind::socketAt, EMFILE);
+  netNs->namespaceIs(NamespaceName("blue"), 10);
+  localDir->intfStatusLocalIs(local("Ethernet1", "blue"));
+  fake.failNext(Kind::socketAt, EMFILE);
+  dir->intfStatusIs(status("Ethernet1", "et1", Interface::intfOperUp));  // its local socket: none either
+  EXPECT_EQ(std::tuple(sm->shortOfDescriptors(), fake.operStateRequests().size()), std::tuple(1u, 0u));
+  Vorn::DescriptorUse const blue{"oper-state netlink socket", "namespace blue"};
+  EXPECT_THAT(Vorn::descriptorShortages(), testing::Contains(blue));
+  fake.failNext(Kind::socketAt, ENFILE);
+  advanceAndRun(Sm::shortageRetryInterval);
+  EXPECT_EQ(trace.countContaining("cannot open oper-state netlink socket for namespace blue, errno: "), 1u);
+  EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("blue")));
+  advanceAndRun(Sm::shortageRetryInterval);
+  int const sd = cachedSd("blue");
+  EXPECT_EQ(Vorn::descriptorUseOf(sd), blue);
+  EXPECT_THAT(fake.operStateRequests(), ElementsAre(Request{sd, "et1", 111, 6}));
+  EXPECT_EQ(sm->shortOfDescriptors(), 0u);
+  EXPECT_THAT(Vorn::descriptorShortages(), testing::Not(testing::Contains(blue)));
+  netNs->namespaceDel(NamespaceName("blue"));
+  EXPECT_EQ(Vorn::descriptorUseOf(sd), Vorn::DescriptorUse{});
 }
 
 // ---- the model-based test ----------------------------------------------------------------------

@@ -4,11 +4,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
+#include <utility>
 
+#include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/NotificationLog.h"
@@ -169,6 +174,51 @@ TEST_F(KernelNetNsManager, TurningOffClosesAndTurningOnAgainReconciles) {
   manager = nullptr;
   EXPECT_EQ(loop.watches(), 0u);
   EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
+}
+
+// What a read returns is walked only as far as whole events lie in it: bytes that are not a whole
+// event end the walk with a trace and a rescan (events may be lost), and a name is read only within
+// its own length. The bytes come through the platform's read.
+TEST_F(KernelNetNsManager, InotifyEventsAreCheckedAgainstTheBytesRead) {
+  start();
+  auto event = [](uint32_t mask, std::string const & name, uint32_t len) {
+    std::string bytes(sizeof(inotify_event), '\0');
+    inotify_event const header{2, mask, 0, len};  // 2: the directory's watch, after its parent's
+    std::memcpy(bytes.data(), &header, sizeof header);
+    return bytes + name;
+  };
+  std::string const ghostGone = event(IN_DELETE, std::string("ghost\0\0\0", 8), 8);
+  struct Row {
+    char const * what;
+    std::string bytes;
+    bool ghostStays, malformed;
+  } const rows[] = {
+      {"a whole event", ghostGone, false, false},
+      {"a name without its NUL, within its length", event(IN_DELETE, "ghost", 5), false, false},
+      {"a header cut short", ghostGone.substr(0, 10), false, true},  // the rescan drops ghost too
+      {"a length past the end", event(IN_DELETE, "ghost", 64), false, true},
+      {"an event for another watch", event(IN_DELETE, "ghost", 5).replace(0, 1, 1, '\7'), true, false},
+  };
+  Platform::Calls & calls = Platform::calls();
+  auto const read = calls.read;
+  for (Row const & row : rows) {
+    SCOPED_TRACE(row.what);
+    IntfsmTest::TraceCapture trace{{"KernelNetNsInfo", 1}};
+    root->namespaceIs(ns("ghost"), 77);
+    uint64_t const malformed = manager->malformedReads();
+    bool given = false;
+    calls.read = [&](int, void * data, size_t length) -> ssize_t {
+      if (std::exchange(given, true)) return errno = EAGAIN, -1;
+      std::memcpy(data, row.bytes.data(), std::min(length, row.bytes.size()));
+      return static_cast<ssize_t>(row.bytes.size());
+    };
+    manager->handleReadable();
+    calls.read = read;
+    EXPECT_EQ(root->netNsByNameHas(ns("ghost")), row.ghostStays);
+    EXPECT_EQ(manager->malformedReads() - malformed, row.malformed ? 1u : 0u);
+    EXPECT_EQ(trace.countContaining("bytes that are not a whole inotify event; scanning " + dir + " again"),
+              row.malformed ? 1u : 0u);
+  }
 }
 
 }  // namespace
