@@ -328,6 +328,7 @@ class Soak {
   int fdStart_ = 0, fdEnd_ = 0, fdMax_ = 0;
   long rssStart_ = 0, rssEnd_ = 0, rssMax_ = 0;
   bool sampling_ = false;
+  unsigned samples_ = 0;
 };
 
 void Reader::onReadableCount() { forward(&Soak::handleReadable, id_); }
@@ -605,8 +606,16 @@ void Soak::handleChurn() {
 
 void Soak::handleSample() {
   if (!sampling_) return;
-  fdMax_ = std::max(fdMax_, IntfsmTest::openDescriptorCount());
-  rssMax_ = std::max(rssMax_, rssKiB());
+  int const fds = IntfsmTest::openDescriptorCount();
+  long const rss = rssKiB();
+  fdMax_ = std::max(fdMax_, fds);
+  rssMax_ = std::max(rssMax_, rss);
+  if (++samples_ % 10) return;
+  uint64_t received = 0;
+  for (Port const & p : ports_) received += p.received;
+  auto const & bundle = manager_->edpBundle();
+  say("%3us: %llu frames received, %llu dropped by the kernel; %d descriptors, VmRSS %ld KiB", samples_,
+      (unsigned long long)received, (unsigned long long)(bundle ? bundle->kernelDrops() : 0), fds, rss);
 }
 
 // ---- phases --------------------------------------------------------------------------------------------
