@@ -735,6 +735,11 @@ int Soak::run() {
   double const runEnd = Vorn::System::currentTime() + options_.seconds;
   settle([&] { return Vorn::System::currentTime() >= runEnd; }, options_.seconds + 5);
   operTick_->timeMinIs(Vorn::Clock::never);
+  // One more round of every lab change after the last status was set: what the kernel shows at the
+  // end is what convergence pushed back, not merely what was sent last.
+  phase = "last churn round";
+  churnTick_->timeMinIs(Vorn::Clock::never);
+  for (int i = 0; i < 7; ++i) handleChurn(), settle([] { return false; }, 0.05);
   phase = "last sample";
   sample(fdEnd_, rssEnd_, "at the end");
   sampling_ = false;
