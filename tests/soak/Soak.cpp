@@ -17,7 +17,8 @@
 // and operational status changes stream in for random ports every 10 ms, and the socket filter is
 // replaced back and forth. The library: the oper-state root with convergence over every namespace,
 // the namespace interface-status root feeding a device directory for A, and a packet-access manager
-// (one shared socket) with every port desired.
+// (one shared socket) with every port desired. The lab lives in a /run/netns of the soak's own (a
+// private mount namespace): its namespaces are the only ones the oper-state root sees.
 //
 // At the end (flood stopped, everything read): the frames the kernel counted as queued to our socket
 // (PACKET_STATISTICS tp_packets - tp_drops) must equal those received plus those in the library's drop
@@ -35,6 +36,8 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -290,7 +293,8 @@ class Soak {
   bool socketEmpty() const;
   bool operStatesMatch(bool report);
   bool deviceDirMatches(bool report);
-  void harvest(Vorn::Ptr<Ovel::Pam> const & pam);
+  // Adds the counts of the Pams that left before `before` to the sums and lets them go.
+  void harvest(double before);
 
   Options options_;
   IntfsmTest::NetNsFixture lab_;
@@ -319,10 +323,11 @@ class Soak {
   Vorn::ReactorCollection<Ovel::IntfId, Reader> readers_;
   Vorn::Ptr<Tick> slowTick_, operTick_, churnTick_, sampleTick_;
 
-  // Every Pam the collection ever held, with its counters: a Pam that leaves is kept until the end so
-  // that what it counted (and what it still held) is in the sum.
-  std::vector<Vorn::Ptr<Ovel::Pam>> everyPam_;
-  std::set<Ovel::Pam const *> seen_;
+  // The Pams in the collection, and those that left it: a Pam that leaves is kept a second, then what
+  // it counted (and what it still held) is added to the sums below and it is let go.
+  std::map<Ovel::Pam const *, Vorn::Ptr<Ovel::Pam>> live_;
+  std::vector<std::pair<double, Vorn::Ptr<Ovel::Pam>>> departed_;
+  uint64_t pamsMade_ = 0, goneQueueDrops_ = 0, goneRxErrors_ = 0, goneWaiting_ = 0;
 
   // Samples.
   int fdStart_ = 0, fdEnd_ = 0, fdMax_ = 0;
@@ -389,6 +394,8 @@ void Soak::floodStart() {
   if (floodPid_ == 0) {
     for (int s = 1; s < NSIG; ++s) signal(s, SIG_DFL);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // The library's sockets are not the flood's: held here, they would keep a deleted namespace alive.
+    close_range(3, ~0u, 0);
     sigprocmask(SIG_SETMASK, &old, nullptr);
     setpriority(PRIO_PROCESS, 0, 19);  // top rate, but only on what the box has left over
     floodRun(peerNs_, flood_);
@@ -481,7 +488,8 @@ void Soak::libraryDown() {
   readers_.zombieIs(true);
   readers_.delAll();
   pamsReactor_ = nullptr;
-  everyPam_.clear();
+  live_.clear();
+  departed_.clear();
   if (manager_) manager_->enabledIs(false);
   manager_ = nullptr;
   pams_ = nullptr;
@@ -500,7 +508,32 @@ void Soak::libraryDown() {
 void Soak::handlePams(Ovel::IntfId const & id) {
   Vorn::Ptr<Ovel::Pam> const pam = pams_->intfPam(id);
   readers_.reconcileKey(this, id, pam);
-  if (pam && seen_.insert(pam.ptr()).second) everyPam_.push_back(pam);
+  if (pam && live_.emplace(pam.ptr(), pam).second) ++pamsMade_;
+  // Those no longer in the collection under any id have left.
+  std::set<Ovel::Pam const *> present;
+  for (auto const & e : pams_->intfPamIter()) present.insert(e.value.ptr());
+  for (auto it = live_.begin(); it != live_.end();) {
+    if (present.count(it->first)) {
+      ++it;
+    } else {
+      departed_.emplace_back(Vorn::System::currentTime(), it->second);
+      it = live_.erase(it);
+    }
+  }
+}
+
+void Soak::harvest(double before) {
+  for (auto it = departed_.begin(); it != departed_.end();) {
+    if (it->first > before) {
+      ++it;
+      continue;
+    }
+    Ovel::Pam const & pam = *it->second;
+    goneQueueDrops_ += pam.queueDropCount();
+    goneRxErrors_ += pam.rxErrors();
+    goneWaiting_ += pam.rxPkts();
+    it = departed_.erase(it);
+  }
 }
 
 void Soak::handlePams() {
@@ -605,6 +638,7 @@ void Soak::handleChurn() {
 }
 
 void Soak::handleSample() {
+  harvest(Vorn::System::currentTime() - 1);
   if (!sampling_) return;
   int const fds = IntfsmTest::openDescriptorCount();
   long const rss = rssKiB();
@@ -766,9 +800,10 @@ int Soak::run() {
   auto const & bundle = *manager_->edpBundle();
   uint64_t const kernelPackets = manager_->edpBundle()->kernelPackets();
   uint64_t const kernelDrops = manager_->edpBundle()->kernelDrops();
-  uint64_t received = 0, queueDrops = 0, rxErrors = 0, waiting = 0;
+  harvest(Vorn::Clock::never);
+  uint64_t received = 0, queueDrops = goneQueueDrops_, rxErrors = goneRxErrors_, waiting = goneWaiting_;
   for (Port const & p : ports_) received += p.received;
-  for (auto const & pam : everyPam_) {
+  for (auto const & [_, pam] : live_) {
     queueDrops += pam->queueDropCount();
     rxErrors += pam->rxErrors();
     waiting += pam->rxPkts();
@@ -798,9 +833,9 @@ int Soak::run() {
   }
   say("flood: %llu frames sent by the peers (%llu sends refused); received per interface:%s", (unsigned long long)sent,
       (unsigned long long)refused, perPort.c_str());
-  say("churn: %llu lab changes, %llu status changes, %llu filter swaps, %zu endpoints made",
+  say("churn: %llu lab changes, %llu status changes, %llu filter swaps, %llu endpoints made",
       (unsigned long long)churnActions_, (unsigned long long)operChanges_, (unsigned long long)filterSwaps_,
-      everyPam_.size());
+      (unsigned long long)pamsMade_);
 
   // The kernel's operstates converge on the last statuses; the device directory on the kernel's devices.
   if (!settle([&] { return operStatesMatch(false); }, 15) && !operStatesMatch(true)) ok = false;
@@ -855,6 +890,16 @@ int main(int argc, char ** argv) {
   }
   if (!IntfsmTest::isRoot()) {
     std::fprintf(stderr, "intfsm-soak: %s\n", IntfsmTest::rootSkipMessage);
+    return 1;
+  }
+  // A world of our own: a private /run/netns in a mount namespace of this process (and the commands
+  // it runs). The oper-state root follows every named namespace, so without this its descriptors
+  // would follow whatever else the host makes and removes; and the lab's namespaces vanish with the
+  // process however it ends. Before any thread: unshare refuses a threaded process.
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      (mkdir("/run/netns", 0755) != 0 && errno != EEXIST) ||
+      mount("tmpfs", "/run/netns", "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0755") != 0) {
+    std::fprintf(stderr, "intfsm-soak: cannot give the lab a /run/netns of its own: %s\n", std::strerror(errno));
     return 1;
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
