@@ -661,6 +661,12 @@ bool Soak::settle(std::function<bool()> const & done, double seconds) {
 // Every device back where the checks expect it: present, named as configured, up.
 void Soak::restore() {
   if (!port1Up_) lab_.linkUp(nsA_, "va1"), port1Up_ = true;
+  if (ports_[4].ns != nsA_ && !nsBGone_) {
+    lab_.linkMove(ports_[4].ns, "va4", nsA_);
+    lab_.linkUp(nsA_, "va4");
+    ports_[4].ns = nsA_;
+    ports_[4].local->netNsNameIs(Ovel::NamespaceName(nsA_));
+  }
   if (port2Away_) {
     lab_.linkDown(nsA_, "vr2");
     lab_.linkRename(nsA_, "vr2", "va2");
@@ -769,11 +775,23 @@ int Soak::run() {
   double const runEnd = Vorn::System::currentTime() + options_.seconds;
   settle([&] { return Vorn::System::currentTime() >= runEnd; }, options_.seconds + 5);
   operTick_->timeMinIs(Vorn::Clock::never);
-  // One more round of every lab change after the last status was set: what the kernel shows at the
-  // end is what convergence pushed back, not merely what was sent last.
+  // The last statuses: DORMANT everywhere but Ethernet1 (UP), as the kernel never makes DORMANT by
+  // itself. Then every lab change once more, each undone again, so that every device is flapped,
+  // renamed, re-created, moved or re-made with its namespace after its last status: what the kernel
+  // shows at the end is what convergence restored, not merely what was sent last.
   phase = "last churn round";
   churnTick_->timeMinIs(Vorn::Clock::never);
-  for (int i = 0; i < 7; ++i) handleChurn(), settle([] { return false; }, 0.05);
+  restore();
+  for (int p = 0; p < portCount; ++p) {
+    ports_[p].lastSet = p == 0 ? Interface::intfOperUp : Interface::intfOperDormant;
+    ports_[p].status->operStatusIs(ports_[p].lastSet);
+  }
+  settle([] { return false; }, 0.2);
+  for (unsigned step : {0u, 0u, 1u, 1u, 2u, 2u, 5u, 5u, 3u, 3u, 4u, 4u, 6u, 6u}) {
+    churnStep_ = step;
+    handleChurn();
+    settle([] { return false; }, 0.05);
+  }
   phase = "last sample";
   sample(fdEnd_, rssEnd_, "at the end");
   sampling_ = false;
