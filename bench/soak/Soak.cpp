@@ -13,7 +13,7 @@
 //   Ethernet4  deleted and re-created
 //   Ethernet5  moves between namespaces A and B (its namespace setting follows)
 //   Ethernet6/7 swap device names
-//   Ethernet8  lives in B, which is deleted and re-created with it
+//   Ethernet8  lives in B, which is deleted and re-created with it (every other time at once)
 // and operational status changes stream in for random ports every 10 ms, and the socket filter is
 // replaced back and forth. The library: the oper-state root with convergence over every namespace,
 // the namespace interface-status root feeding a device directory for A, and a packet-access manager
@@ -304,6 +304,7 @@ class Soak {
   bool port1Up_ = true, port2Away_ = false, port3Gone_ = false, port56Swapped_ = false, nsBGone_ = false;
   bool evenOnly_ = false;
   unsigned churnStep_ = 0;
+  unsigned nsBDeletions_ = 0;
   uint64_t churnActions_ = 0, operChanges_ = 0, filterSwaps_ = 0;
   std::mt19937 random_{20261126};
 
@@ -626,6 +627,8 @@ void Soak::handleChurn() {
       } else if (ports_[4].ns == nsA_) {
         lab_.namespaceDel(nsB_);  // Ethernet8's device and its peer go with it
         nsBGone_ = true;
+        // Every other time it is made again at once, before the loop has seen it go.
+        if (++nsBDeletions_ % 2 == 0) nsBNew();
       }
       break;
     case 6:
