@@ -366,8 +366,14 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   void doSocketForget(int sock);
   // Frames the kernel dropped on the bundle's sockets for want of room (PACKET_STATISTICS tp_drops of
   // both sockets), summed over the bundle's life. Each call reads the kernel's counters, which the
-  // kernel then starts again from 0: read them here, not off sd() and sdTap().
+  // kernel then starts again from 0: read them here, not off sd() and sdTap(). A socket's counters are
+  // also read just before it is closed, so that a socket closed between two calls still counts.
   uint64_t kernelDrops();
+  // Frames the kernel counted for the bundle's sockets (tp_packets: those queued to be read plus
+  // those dropped, so kernelPackets() - kernelDrops() were queued), summed over the bundle's life
+  // and read as kernelDrops() is. Frames still queued on a socket when it is closed were counted here
+  // and are never read.
+  uint64_t kernelPackets();
 
   // The protocol a socket is opened with for a device, given the bundle's protocol `ethProtocol`,
   // whether the device is a management port ("ma..."), whether this is a namespace-simulated device
@@ -456,6 +462,8 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   // The one close path: out of the loop, ring unmapped, closed, forgotten; with `notifying`, the
   // attributes are changed through their mutators (sd, sdRef, fileDesc and the tap's).
   void doSocketDrop(Slot slot, bool notifying);
+  // Adds the kernel's PACKET_STATISTICS of `sock` to kernelPackets_ and kernelDrops_.
+  void kernelStatisticsRead(int sock);
   // The socket options of one point of the set-up, from a table of {when, option, value, failure}.
   enum class OptionStep { first, afterBind };
   void doSocketOptionsSet(int fd, OptionStep step) const;
@@ -527,6 +535,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
 
   Vorn::Ptr<EthDevPamCollection> actPamCollection_;
   uint64_t kernelDrops_ = 0;
+  uint64_t kernelPackets_ = 0;
 
   // The bulk slots' packets without a hash lookup, kept equal to savedBulkPkt by its mutators.
   std::array<Vorn::Ptr<Ovel::Pkt>, maxBulkReadQuota> bulkPkt_;

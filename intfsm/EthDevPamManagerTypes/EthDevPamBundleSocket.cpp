@@ -94,6 +94,7 @@ void EthDevPamBundle::doSocketDrop(Slot slot, bool notifying) {
   s.fdSm = nullptr;
   s.moderated = false;  // the timer finds nothing of it to read; it stops when no socket is left on it
   if (s.watch) s.watch->descriptorIs(-1);  // out of the loop's epoll set before the number can be reused
+  kernelStatisticsRead(fd);               // the socket's counters go with it otherwise
   doRxRingRelease(s.ring);
   Vorn::descriptorClosed(fd);
   Platform::calls().close(fd);
@@ -150,16 +151,26 @@ void EthDevPamBundle::doSocketsClose() {
   }
 }
 
+void EthDevPamBundle::kernelStatisticsRead(int sock) {
+  tpacket_stats stats{};
+  socklen_t length = sizeof stats;
+  if (Platform::calls().getsockopt(sock, SOL_PACKET, PACKET_STATISTICS, &stats, &length) == 0) {
+    // The kernel starts again from 0 after each read.
+    kernelPackets_ += stats.tp_packets;
+    kernelDrops_ += stats.tp_drops;
+  }
+}
+
 uint64_t EthDevPamBundle::kernelDrops() {
   for (Socket const & s : sockets_) {
-    if (s.sd < 0) continue;
-    tpacket_stats stats{};
-    socklen_t length = sizeof stats;
-    if (Platform::calls().getsockopt(s.sd, SOL_PACKET, PACKET_STATISTICS, &stats, &length) == 0) {
-      kernelDrops_ += stats.tp_drops;  // the kernel starts again from 0 after each read
-    }
+    if (s.sd >= 0) kernelStatisticsRead(s.sd);
   }
   return kernelDrops_;
+}
+
+uint64_t EthDevPamBundle::kernelPackets() {
+  kernelDrops();
+  return kernelPackets_;
 }
 
 // ---- opening -----------------------------------------------------------------------------------------

@@ -264,6 +264,14 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
     // A socket already cached for this name is replaced, not closed: each presence notification opens
     // a fresh one on purpose.
     kosm_->nsNetlinkSockFdIs(name, sd);
+    if (initialized_ && !openingAll_ && kosm_->operStateConvergence() && intfStatusDir_) {
+      for (auto const & e : intfStatusDir_->intfStatusIter()) {
+        auto const local = intfStatusLocalDir_ ? intfStatusLocalDir_->intfStatusLocal(e.key) : nullptr;
+        Ovel::NamespaceName const ns = local && !local->netNsName().empty() ? local->netNsName()
+                                                                             : Ovel::NamespaceName(Ovel::DEFAULT_NS);
+        if (ns == name) doSyncIntfStatus(e.key);
+      }
+    }
     return;
   }
   if (kosm_->nsNetlinkSockFdHas(name)) {
@@ -311,7 +319,9 @@ void IntfStatusOperStatusSm::handleNsByNameOnBind() {
 void IntfStatusOperStatusSm::handleNsByName() {
   KOS_TRACE(8, "IntfStatusOperStatusSm::" << "handleNsByName");
   if (!netNsCollection_) return;
+  openingAll_ = true;
   for (auto const & e : netNsCollection_->netNsByNameIter()) handleNsByName(e.key);
+  openingAll_ = false;
 }
 
 Vorn::Ptr<IntfStatusOperStatusSm> IntfStatusOperStatusSmIs(

@@ -12,7 +12,11 @@
 // the directory, the decided state of the device it named before is dropped, so that nothing goes on
 // re-asserting a state that no interface decides any more; while another interface still names that
 // device there, the state is kept. When convergence is turned on, every interface is synced again, so
-// that each device has a decided state to keep.
+// that each device has a decided state to keep. So is every interface of a namespace that appears (by
+// its notification) while convergence is on: a namespace deleted and made again under its name lost
+// its decided states with the old one, and its devices, made again too, would otherwise keep the
+// kernel's own state until their statuses next change. (The start-up sync, which follows the opening
+// of every namespace's socket, covers the namespaces there at start.)
 //
 // Out of descriptors: a namespace whose cached socket cannot be opened for lack of descriptors (EMFILE,
 // ENFILE) is traced once at level 0 by the socket's opener and tried again every shortageRetryInterval
@@ -158,6 +162,7 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatus> intfStatus_{&VornIntfStatus::handleOperStatusOrDeviceName};
   Vorn::ReactorCollection<Ovel::IntfId, VornIntfStatusLocal> intfStatusLocal_{&VornIntfStatusLocal::handleNetNsName};
   bool initialized_ = false;
+  bool openingAll_ = false;  // handleNsByName() runs: the caller syncs afterwards, if at all
   bool notificationActive_ = true;
   std::unordered_map<Ovel::IntfId, std::pair<Ovel::NamespaceName, Vorn::String>> decidedAt_;
   Vorn::Ptr<VornIntfStatusDir> intfStatusDirReactor_;

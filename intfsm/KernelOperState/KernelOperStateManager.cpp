@@ -60,8 +60,13 @@ Vorn::Name const & KernelOperStateManager::name() const {
 }
 
 void KernelOperStateManager::nsNetlinkSockFdIs(Ovel::NamespaceName const & nsName, int32_t sd) {
+  int32_t const * const before = nsNetlinkSockFd_.find(nsName);
+  bool const replaced = before && *before >= 0 && *before != sd;
   setEntry(nsNetlinkSockFd_, nsName, sd, &NotifieeConst::onNsNetlinkSockFd);
   if (sd >= 0) {
+    // A fresh socket replacing one: the name may stand for a new namespace now (deleted and made again
+    // before the loop saw it go), which the monitor opened in the old one would never report.
+    if (replaced) linkMonitorClose(nsName);
     linkMonitorOpen(nsName);
   } else {
     linkMonitorClose(nsName);

@@ -55,7 +55,8 @@
 // that repeats what the table holds is none.
 //
 // Lifecycle: a namespace's monitor opens (and reads its first dump, which reports every device) when a
-// non-negative socket is cached for it, unless one is open already; it closes when the cache entry is
+// non-negative socket is cached for it, unless one is open already (a different socket replacing the
+// cached one opens it afresh: the name may stand for a namespace made again); it closes when the cache entry is
 // removed, and then the namespace's decided states are dropped too: that is how the oper-status state
 // machine says the namespace is gone. A monitor that cannot be opened is traced at level 0 and the
 // namespace goes without convergence until its socket is cached again. Decided states are kept only

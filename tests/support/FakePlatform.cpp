@@ -1,5 +1,6 @@
 #include "tests/support/FakePlatform.h"
 
+#include <linux/if_packet.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -237,6 +238,8 @@ void FakePlatform::installFakes() {
     socklen_t const n = std::min<socklen_t>(*length, static_cast<socklen_t>(stored.size()));
     std::memcpy(value, stored.data(), n);
     *length = n;
+    // As the kernel does, reading a packet socket's statistics starts them again from 0.
+    if (level == SOL_PACKET && name == PACKET_STATISTICS && it != options_.end()) options_.erase(it);
     return 0;
   };
   b.ioctl = [this](int fd, unsigned long request, void * argument) {

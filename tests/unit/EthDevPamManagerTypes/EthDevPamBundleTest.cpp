@@ -340,11 +340,14 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(bundle->doGetSd("et1"), sd);
   EXPECT_EQ(bundle->doGetSd("et2"), sd);
   EXPECT_EQ(std::vector<int>({bundle->sdRef(), bundle->sdTapRef()}), std::vector<int>({2, 1}));
-  for (auto [fd, drops] : {std::pair(sd, 3u), std::pair(tap, 2u)}) {  // what the fake's kernel reports
-    tpacket_stats const stats{10, drops};
+  auto kernelCounts = [](int fd, unsigned packets, unsigned drops) {  // what the fake's kernel reports next
+    tpacket_stats const stats{packets, drops};
     Platform::calls().setsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &stats, sizeof stats);
-  }
+  };
+  kernelCounts(sd, 10, 3);
+  kernelCounts(tap, 10, 2);
   EXPECT_EQ(bundle->kernelDrops(), 5u);  // both sockets
+  EXPECT_EQ(bundle->kernelPackets(), 20u);
   bundle->doUnrefSd(tap);
   EXPECT_DEATH(bundle->doUnrefSd(tap), "EthDevPamManagerTypes: assertion \"sdTapRef\\(\\) >= 0\"");
   EXPECT_DEATH(bundle->doUnrefSd(4321), "assertion \"sdTap\\(\\) == sock\"");
@@ -356,8 +359,12 @@ TEST_F(EthDevPamBundleTest, SocketsAreCountedPerInterfaceAndUnderflowIsAProgramE
   EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sdRef(), bundle->sdTapRef()}),
             std::vector<long>({sd, tap, 0, 1}));  // open while any interface is left on either
   bundle->sockRcvBufIs(1000);
+  kernelCounts(sd, 7, 1);
+  kernelCounts(tap, 4, 0);
   bundle->doUnrefSd(tap);  // the last one: both close, the next socket is sized afresh
   EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
+  // Their counters were read as they closed.
+  EXPECT_EQ(std::pair(bundle->kernelPackets(), bundle->kernelDrops()), std::pair(uint64_t(31), uint64_t(6)));
   EXPECT_EQ(std::vector<long>({bundle->sd(), bundle->sdTap(), bundle->sockRcvBuf()}), std::vector<long>({-1, -1, 0}));
   bundle->sockRcvBufIs(1000);
   bundle->doSocketClose();  // nothing open: nothing changes

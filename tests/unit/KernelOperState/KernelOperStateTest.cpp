@@ -202,6 +202,11 @@ TEST_F(KernelOperStateTest, ConvergenceSendsTheDecidedStateAgainOncePerReportTha
   EXPECT_EQ(std::tuple(!kosm->linkMonitor(blue), kosm->decidedOperStates(), IntfsmTest::openDescriptorCount()),
             std::tuple(true, 0u, fds + 1));
   root->operStateConvergenceIs(true);
+  // A fresh socket in place of the cached one: the name may stand for a namespace made again, which
+  // only a monitor opened anew sees.
+  auto const monitor = kosm->linkMonitor(blue);
+  kosm->nsNetlinkSockFdIs(blue, 78);
+  EXPECT_TRUE(monitor && kosm->linkMonitor(blue) && kosm->linkMonitor(blue) != monitor);
   root->kosmDel();
   EXPECT_TRUE(root->kosmIs()->operStateConvergence());  // the root's setting applies to a new manager
 }
@@ -510,10 +515,16 @@ class KernelOperStateModel : public KernelOperStateTest {
         changed = lo && lo->second && lo->first != c.localName();
         if (lo) lo->first = c.localName();
         break;
-      case Command::namespaceIs:
+      case Command::namespaceIs: {
         netNs->namespaceIs(NamespaceName(namespaces[i]), 1 + i);
-        m.exists.insert(namespaces[i]);
-        break;
+        // With convergence on, the interfaces of a namespace that appears are synced again.
+        bool const appeared = m.exists.insert(namespaces[i]).second;
+        std::vector<int> synced;
+        for (int j = 0; j < 3 && appeared && m.convergence && m.started; ++j) {
+          if (m.inDir(j) && m.place(j).starts_with(namespaces[i] + std::string(" "))) synced.push_back(j);
+        }
+        return synced;
+      }
       case Command::namespaceDel:
         netNs->namespaceDel(NamespaceName(namespaces[i]));
         if (m.exists.erase(namespaces[i])) {
