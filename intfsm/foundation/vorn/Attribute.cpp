@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "intfsm/foundation/vorn/Assert.h"
+
 namespace Vorn {
 
 namespace {
@@ -42,18 +44,41 @@ AttributeTable::Entry & AttributeTable::entryNew(char const * name, AttributeKin
   return en;
 }
 
-std::vector<String> AttributeTable::names() const {
+AttributeTable const * AttributeTable::base() const {
+  if (!baseTypeName_) return nullptr;
+  AttributeTable const * b = of(baseTypeName_);
+  VORN_ASSERT(b != nullptr);
+  return b;
+}
+
+uint32_t AttributeTable::size() const {
+  AttributeTable const * b = base();
+  return ownSize() + (b ? b->size() : 0);
+}
+
+std::vector<String> AttributeTable::ownNames() const {
   std::vector<String> out;
   out.reserve(entries_.size());
   for (Entry const & en : entries_) out.push_back(en.info.name);
   return out;
 }
 
+std::vector<String> AttributeTable::names() const {
+  std::vector<String> out = ownNames();
+  if (AttributeTable const * b = base()) {
+    for (String const & name : b->names()) out.push_back(name);
+  }
+  return out;
+}
+
+// An inherited entry keeps its number in the base table: info() gives it the number it has here.
 AttributeTable::Entry const & AttributeTable::entry(uint32_t n) const {
-  if (n >= entries_.size()) {
+  if (n < entries_.size()) return entries_[n];
+  AttributeTable const * b = base();
+  if (!b || n - entries_.size() >= b->size()) {
     throw NoSuchAttributeException(std::string(typeName_) + " has no attribute number " + std::to_string(n));
   }
-  return entries_[n];
+  return b->entry(n - uint32_t(entries_.size()));
 }
 
 AttributeInfo const & AttributeTable::info(uint32_t n) const { return entry(n).info; }
@@ -61,6 +86,9 @@ AttributeInfo const & AttributeTable::info(uint32_t n) const { return entry(n).i
 std::optional<uint32_t> AttributeTable::find(std::string_view name) const {
   for (Entry const & en : entries_) {
     if (en.info.name == name) return en.info.number;
+  }
+  if (AttributeTable const * b = base()) {
+    if (auto n = b->find(name)) return *n + ownSize();
   }
   return std::nullopt;
 }

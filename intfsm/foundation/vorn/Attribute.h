@@ -82,8 +82,14 @@ class AttributeTable {
   static AttributeTable const * of(Notifier const & e) { return of(e.vornTypeName()); }
 
   char const * typeName() const { return typeName_; }
-  uint32_t size() const { return uint32_t(entries_.size()); }
+  // Every attribute: the type's own, then those it inherits from the table of a base type (numbered on).
+  uint32_t size() const;
   std::vector<String> names() const;
+  // The type's own attributes: its names in the type registry.
+  uint32_t ownSize() const { return uint32_t(entries_.size()); }
+  std::vector<String> ownNames() const;
+  // The table this one inherits from; null when none.
+  AttributeTable const * base() const;
   // Raises NoSuchAttributeException for a number past the end / an unknown name.
   AttributeInfo const & info(uint32_t number) const;
   uint32_t number(std::string_view name) const;
@@ -118,6 +124,8 @@ class AttributeTable {
 
   explicit AttributeTable(char const * typeName) : typeName_(typeName) {}
   Entry & entryNew(char const * name, AttributeKind kind);
+  // Found by name when first used, so that tables in other files need no initialisation order.
+  void baseIs(char const * baseTypeName) { baseTypeName_ = baseTypeName; }
   // Adds the table to the lookup by type name once it is complete.
   void tableIsComplete();
   [[noreturn]] void notOfType(Notifier const & e) const;
@@ -127,6 +135,7 @@ class AttributeTable {
   [[noreturn]] void lacks(Entry const & en, char const * operation) const;
 
   char const * typeName_;
+  char const * baseTypeName_ = nullptr;
   std::vector<Entry> entries_;
 };
 
@@ -221,6 +230,12 @@ class AttributeTableOf : public AttributeTable {
   AttributeTableOf(char const * typeName, Fill fill) : AttributeTable(typeName) {
     fill(*this);
     tableIsComplete();
+  }
+
+  // Attributes of a registered base type that objects of T also have, after T's own.
+  AttributeTableOf & inherits(char const * baseTypeName) {
+    baseIs(baseTypeName);
+    return *this;
   }
 
   // A scalar: its reader, and optionally its writer xIs(v) and its deleter xDel().
