@@ -6,6 +6,7 @@
 #include <memory>
 #include <ostream>
 
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Entity.h"
 
 namespace Vorn {
@@ -128,8 +129,10 @@ std::string typeNameOf(std::type_info const & t) {
 }
 
 std::string objectTypeName(PtrInterface const & p) {
-  if (auto const * n = dynamic_cast<Notifier const *>(&p)) {
-    if (*n->vornTypeName()) return n->vornTypeName();
+  if (auto const * e = dynamic_cast<Entity const *>(&p)) {
+    if (*e->vornTypeName()) return e->vornTypeName();
+  } else if (auto const * n = dynamic_cast<Notifier const *>(&p)) {
+    if (AttributeTable const * t = AttributeTable::of(*n)) return t->typeName();
   }
   return typeNameOf(typeid(p));
 }
