@@ -106,7 +106,8 @@ std::ostream & operator<<(std::ostream & os, Value const & v) {
     case Value::Kind::object: {
       PtrInterface const & p = *v.object();
       os << '<' << objectTypeName(p);
-      if (auto const * e = dynamic_cast<Entity const *>(&p)) os << ' ' << e->name();
+      auto const * e = dynamic_cast<Entity const *>(&p);
+      if (e && !e->name().empty()) os << ' ' << e->name();
       return os << '>';
     }
     case Value::Kind::list: {

@@ -133,6 +133,8 @@ struct Case {
   std::string expected;
 };
 
+void PrintTo(Case const & c, std::ostream * os) { *os << c.what; }
+
 auto kos = [](Objects & o) -> Vorn::Ptr<Vorn::Notifier> { return o.kos; };
 auto kosm = [](Objects & o) -> Vorn::Ptr<Vorn::Notifier> { return o.kosm; };
 auto statusDir = [](Objects & o) -> Vorn::Ptr<Vorn::Notifier> { return o.statusDir; };
