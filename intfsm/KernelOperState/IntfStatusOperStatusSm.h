@@ -43,6 +43,7 @@
 #include "intfsm/KernelOperState/IntfStatusDir.h"
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
 #include "intfsm/foundation/kernel/KernelNetNsInfo.h"
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Notifier.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 
@@ -56,6 +57,9 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
     virtual void onIntfStatus(Ovel::IntfId const &) {}
     virtual void onIntfStatusLocal(Ovel::IntfId const &) {}
   };
+
+  // Generic access (its members are for the oper-state root and subclasses).
+  static Vorn::AttributeTable const & vornAttributes();
 
   // Watches one interface's status: operStatus and deviceName.
   class VornIntfStatus : public Vorn::Reactor<IntfStatusOperStatusSm, Interface::IntfStatus> {

@@ -16,12 +16,12 @@ TypeRecord const * TypeRegistry::type(String const & name) const {
   return nullptr;
 }
 
-void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory,
-                          std::initializer_list<char const *> attributes) {
+void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory, AttributeTable const & table) {
   TypeRecord * record = const_cast<TypeRecord *>(type(name));
   VORN_ASSERT(record != nullptr);
   record->factory_ = factory;
-  record->attributes_.assign(attributes.begin(), attributes.end());
+  record->table_ = &table;
+  record->attributes_ = table.ownNames();
 }
 
 Ptr<Entity> TypeRegistry::newEntity(String const & typeName, Name const & name) const {
