@@ -36,6 +36,10 @@ class PtrInterface {
 
   uint32_t references() const { return load() & countMask; }
 
+  // Allocation tracking: reference-counted objects made and not destroyed yet, in the whole process.
+  // Leak checks (the Python module's among them) compare it before and after many rounds.
+  static int64_t liveObjects() noexcept { return liveObjects_.load(std::memory_order_relaxed); }
+
   bool vornMarkedForDeletion() const { return load() & markedForDeletionBit; }
   void vornMarkedForDeletionIs(bool marked) { flagIs(markedForDeletionBit, marked); }
 
@@ -57,8 +61,8 @@ class PtrInterface {
   }
 
  protected:
-  PtrInterface() = default;
-  virtual ~PtrInterface() = default;
+  PtrInterface() noexcept { liveObjects_.fetch_add(1, std::memory_order_relaxed); }
+  virtual ~PtrInterface() { liveObjects_.fetch_sub(1, std::memory_order_relaxed); }
 
   // Called when the last reference goes away.
   virtual void onZeroReferences() const { delete this; }
@@ -81,6 +85,7 @@ class PtrInterface {
   // A relaxed atomic load is a plain load on the machines we run on: no need to branch on the switch.
   uint32_t load() const { return std::atomic_ref<uint32_t>(word_).load(std::memory_order_relaxed); }
   mutable uint32_t word_ = 0;
+  static inline std::atomic<int64_t> liveObjects_{0};
 };
 
 template <class T>
