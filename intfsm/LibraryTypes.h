@@ -4,7 +4,8 @@
 //   auto root = Intfsm::typeRegistry().newEntity("KernelOperState::Root", "kos");
 //
 //   // in a module's .cpp, at namespace scope:
-//   Intfsm::TypeRegistration registration("KernelOperState::Root", &rootFactory, {"kosm", ...});
+//   Vorn::AttributeTableOf<Root> const rootAttributes("KernelOperState::Root", [](auto & t) { ... });
+//   Intfsm::TypeRegistration registration("KernelOperState::Root", &rootFactory, rootAttributes);
 #pragma once
 
 #include "intfsm/foundation/vorn/TypeRegistry.h"
@@ -18,6 +19,9 @@ struct TypeRegistration {
   TypeRegistration(char const * name, Vorn::TypeRecord::Factory factory,
                    std::initializer_list<char const *> attributes) {
     typeRegistry().typeIs(name, factory, attributes);
+  }
+  TypeRegistration(char const * name, Vorn::TypeRecord::Factory factory, Vorn::AttributeTable const & table) {
+    typeRegistry().typeIs(name, factory, table);
   }
 };
 

@@ -5,10 +5,20 @@
 namespace KernelOperState {
 
 namespace {
+Vorn::AttributeTableOf<Root> const rootAttributes("KernelOperState::Root", [](auto & t) {
+  t.instantiating("kosm", &Root::kosm, &Root::kosmIs, &Root::kosmDel)
+      .instantiating("intfStatusDir", &Root::intfStatusDir, &Root::intfStatusDirIs, &Root::intfStatusDirDel)
+      .instantiating("intfStatusLocalDir", &Root::intfStatusLocalDir, &Root::intfStatusLocalDirIs,
+                     &Root::intfStatusLocalDirDel)
+      .instantiating("netNsCollection", &Root::netNsCollection, &Root::netNsCollectionIs, &Root::netNsCollectionDel)
+      .instantiating("netNsManager", &Root::netNsManager, &Root::netNsManagerIs, &Root::netNsManagerDel)
+      .instantiating("intfStatusOperStatusSm", &Root::intfStatusOperStatusSm, &Root::intfStatusOperStatusSmIs,
+                     &Root::intfStatusOperStatusSmDel)
+      .scalar("operStateConvergence", &Root::operStateConvergence, &Root::operStateConvergenceIs);
+});
 Intfsm::TypeRegistration registration(
     "KernelOperState::Root", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return rootFactory(n); },
-    {"kosm", "intfStatusDir", "intfStatusLocalDir", "netNsCollection", "netNsManager", "intfStatusOperStatusSm",
-     "operStateConvergence"});
+    rootAttributes);
 
 // Keeps the child named `name` if the attribute holds one; otherwise makes one with `make`.
 template <class T, class Make>

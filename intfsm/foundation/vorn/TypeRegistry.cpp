@@ -24,6 +24,14 @@ void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory,
   record->attributes_.assign(attributes.begin(), attributes.end());
 }
 
+void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory, AttributeTable const & table) {
+  TypeRecord * record = const_cast<TypeRecord *>(type(name));
+  VORN_ASSERT(record != nullptr);
+  record->factory_ = factory;
+  record->table_ = &table;
+  record->attributes_ = table.names();
+}
+
 Ptr<Entity> TypeRegistry::newEntity(String const & typeName, Name const & name) const {
   TypeRecord const * record = type(typeName);
   return record && record->factory_ ? record->factory_(name) : Ptr<Entity>();

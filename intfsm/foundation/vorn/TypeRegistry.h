@@ -2,7 +2,7 @@
 // is made, the names of its attributes, and the factory through which an agent creates it by name.
 //
 //   Vorn::TypeRegistry registry({"Demo::Root", "Demo::Dir"});
-//   registry.typeIs("Demo::Root", &rootFactory, {"dir", "initialized"});
+//   registry.typeIs("Demo::Root", &rootFactory, rootAttributes);   // a Vorn::AttributeTableOf<Root>
 //   Vorn::Ptr<Vorn::Entity> root = registry.newEntity("Demo::Root", "r");
 //
 // The framework knows no type of its own: the library keeps its list of names, and its registry, at
@@ -13,6 +13,7 @@
 #include <initializer_list>
 #include <vector>
 
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Entity.h"
 
 namespace Vorn {
@@ -23,13 +24,17 @@ class TypeRecord {
 
   String const & name() const { return name_; }
   Factory factory() const { return factory_; }
+  // The attribute names: those of the type's attribute table, in its order.
   std::vector<String> const & attributes() const { return attributes_; }
+  // The type's generic attribute access; null when the type has none.
+  AttributeTable const * table() const { return table_; }
 
  private:
   friend class TypeRegistry;
   explicit TypeRecord(String name) : name_(std::move(name)) {}
   String name_;
   Factory factory_ = nullptr;
+  AttributeTable const * table_ = nullptr;
   std::vector<String> attributes_;
 };
 
@@ -49,6 +54,8 @@ class TypeRegistry {
 
   // Attaches a factory and the attribute names to a known type; an unknown name is a program error.
   void typeIs(String const & name, TypeRecord::Factory factory, std::initializer_list<char const *> attributes);
+  // Attaches a factory and the attribute table (whose names become the type's attribute names).
+  void typeIs(String const & name, TypeRecord::Factory factory, AttributeTable const & table);
 
  private:
   std::vector<TypeRecord> types_;
