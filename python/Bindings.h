@@ -16,23 +16,30 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "intfsm/foundation/ovel/IntfId.h"
 #include "intfsm/foundation/ovel/NamespaceName.h"
 #include "intfsm/foundation/vorn/Ptr.h"
 #include "intfsm/foundation/vorn/String.h"
 
-PYBIND11_DECLARE_HOLDER_TYPE(T, Vorn::Ptr<T>, true)
-
 namespace pybind11::detail {
+
+// Vorn::Ptr<T> is the holder of every library type (an intrusive count: a raw pointer can always
+// become a holder again).
+template <class T>
+struct always_construct_holder<Vorn::Ptr<T>> : always_construct_holder<void, true> {};
+template <class T>
+class type_caster<Vorn::Ptr<T>, enable_if_t<!std::is_const_v<T>>> : public type_caster_holder<T, Vorn::Ptr<T>> {};
 
 template <class T>
 struct holder_helper<Vorn::Ptr<T>> {
-  static T const * get(Vorn::Ptr<T> const & p) { return p.ptr(); }
+  static T * get(Vorn::Ptr<T> const & p) { return p.ptr(); }
 };
 
-template <class T>
-class type_caster<Vorn::Ptr<T const>> {
+template <class C>
+class type_caster<Vorn::Ptr<C>, enable_if_t<std::is_const_v<C>>> {
+  using T = std::remove_const_t<C>;
   using Inner = copyable_holder_caster<T, Vorn::Ptr<T>>;
 
  public:

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "Bindings.h"
 #include "Watch.h"
@@ -28,7 +29,9 @@
 #include "intfsm/foundation/ovel/Pkt.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Entity.h"
+#include "intfsm/foundation/vorn/Value.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/System.h"
 
@@ -37,6 +40,7 @@ namespace IntfsmPython {
 namespace {
 
 PyObject * nameInUseError = nullptr;
+PyObject * valueTypeError = nullptr;
 
 void translateErrors(std::exception_ptr p) {
   try {
@@ -47,10 +51,16 @@ void translateErrors(std::exception_ptr p) {
     py::object error = py::reinterpret_steal<py::object>(
         PyObject_CallFunction(PyExc_OSError, "is", e.errorNumber(), text.c_str()));
     if (error) PyErr_SetObject(reinterpret_cast<PyObject *>(Py_TYPE(error.ptr())), error.ptr());
+  } catch (Vorn::ValueTypeException const & e) {
+    PyErr_SetString(valueTypeError, e.what());
   } catch (Vorn::RangeException const & e) {
     PyErr_SetString(PyExc_ValueError, e.what());
   } catch (Vorn::NameInUseException const & e) {
     PyErr_SetString(nameInUseError, e.what());
+  } catch (Vorn::NoSuchAttributeException const & e) {
+    PyErr_SetString(std::string_view(e.what()).find(" given") != std::string_view::npos ? PyExc_TypeError
+                                                                                         : PyExc_AttributeError,
+                    e.what());
   } catch (Vorn::Exception const & e) {
     PyErr_SetString(PyExc_RuntimeError, e.what());
   }
@@ -230,7 +240,7 @@ class DeviceIntfStatusDirWatcher : public Watcher<Interface::DeviceIntfStatusDir
  public:
   using Watcher::Watcher;
   INTFSM_ON_KEY(intfStatusAndDeviceName, IntfStatusAndDeviceName, Ovel::IntfId)
-  INTFSM_ON_KEY(intfStatusByIfIndex, IntfStatusByIfIndex, uint32_t)
+  INTFSM_ON_KEY_VALUE(intfStatusByIfIndex, IntfStatusByIfIndex, uint32_t)
 };
 class PamWatcher : public Watcher<Ovel::Pam> {
  public:
@@ -247,7 +257,7 @@ class PamWatcher : public Watcher<Ovel::Pam> {
 void WatchHandle::close() {
   if (notifiee_) {
     Vorn::Ptr<Vorn::BaseNotifiee> n = std::move(notifiee_);
-    n->notifierBaseIs(nullptr);
+    unbind_(*n);
   }
   if (callback) {
     py::gil_scoped_acquire locked;
@@ -288,6 +298,7 @@ void bindWatch(py::module_ & m, EntityClass & entity) {
           auto handle = std::make_unique<WatchHandle>();
           handle->callback = std::move(callback);
           handle->notifiee_ = kind.make(e, handle.get());
+          handle->unbind_ = kind.unbind;
           return handle;
         }
         throw Vorn::RangeException(std::string(e->vornTypeName()) + " cannot be watched");
@@ -307,6 +318,12 @@ void bindFoundation(py::module_ & m) {
       "intfsm.NameInUseError", "A named child exists already with other constructor arguments.", PyExc_ValueError,
       nullptr);
   m.attr("NameInUseError") = py::handle(nameInUseError);
+  // A value of the wrong kind or out of a C++ type's range, in generic access: both a TypeError and a
+  // ValueError, so that either handler takes it.
+  py::tuple valueTypeBases = py::make_tuple(py::handle(PyExc_TypeError), py::handle(PyExc_ValueError));
+  valueTypeError = PyErr_NewExceptionWithDoc("intfsm.ValueTypeError", "A value the attribute cannot take.",
+                                             valueTypeBases.ptr(), nullptr);
+  m.attr("ValueTypeError") = py::handle(valueTypeError);
   py::register_exception_translator(&translateErrors);
 
   // The event loop.

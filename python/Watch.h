@@ -46,6 +46,7 @@ class WatchHandle {
  private:
   friend void bindWatch(py::module_ & m, EntityClass & entity);
   Vorn::Ptr<Vorn::BaseNotifiee> notifiee_;
+  void (*unbind_)(Vorn::BaseNotifiee &) = nullptr;
 };
 
 // Base of the per-type reactors: the back pointer to the handle that owns it.
@@ -69,6 +70,7 @@ class Watcher : public T::NotifieeConst {
 struct WatchKind {
   std::function<bool(Vorn::Entity const &)> matches;
   std::function<Vorn::Ptr<Vorn::BaseNotifiee>(Vorn::Ptr<Vorn::Entity> const &, WatchHandle *)> make;
+  void (*unbind)(Vorn::BaseNotifiee &);
 };
 void watchKindIs(WatchKind kind);
 
@@ -80,6 +82,11 @@ void watchable() {
         Vorn::Ptr<W> w = new W(handle);
         w->notifierIs(Vorn::Ptr<T const>(dynamic_cast<T const *>(e.ptr())));
         return w;
+      },
+      [](Vorn::BaseNotifiee & n) {
+        auto & w = static_cast<W &>(n);
+        w.handleIs(nullptr);
+        w.notifierIs(nullptr);
       }});
 }
 
@@ -92,3 +99,5 @@ void bindWatch(py::module_ & m, EntityClass & entity);
   void on##Callback() override { fire(#attribute); }
 #define INTFSM_ON_KEY(attribute, Callback, Key) \
   void on##Callback(Key const & key) override { fire(#attribute, key); }
+#define INTFSM_ON_KEY_VALUE(attribute, Callback, Key) \
+  void on##Callback(Key key) override { fire(#attribute, key); }

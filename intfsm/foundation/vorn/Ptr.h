@@ -24,6 +24,9 @@ namespace Vorn {
 
 // Process-wide switch: atomic reference counting. Set it before objects are shared across threads.
 extern bool threadSafePointers;
+// Allocation tracking: see PtrInterface::liveObjects. One counter in the library, also for objects
+// made by code outside it (a module built with hidden symbols would otherwise count in a copy).
+extern std::atomic<int64_t> livePtrInterfaces;
 
 class PtrInterface {
  public:
@@ -38,7 +41,7 @@ class PtrInterface {
 
   // Allocation tracking: reference-counted objects made and not destroyed yet, in the whole process.
   // Leak checks (the Python module's among them) compare it before and after many rounds.
-  static int64_t liveObjects() noexcept { return liveObjects_.load(std::memory_order_relaxed); }
+  static int64_t liveObjects() noexcept { return livePtrInterfaces.load(std::memory_order_relaxed); }
 
   bool vornMarkedForDeletion() const { return load() & markedForDeletionBit; }
   void vornMarkedForDeletionIs(bool marked) { flagIs(markedForDeletionBit, marked); }
@@ -61,8 +64,8 @@ class PtrInterface {
   }
 
  protected:
-  PtrInterface() noexcept { liveObjects_.fetch_add(1, std::memory_order_relaxed); }
-  virtual ~PtrInterface() { liveObjects_.fetch_sub(1, std::memory_order_relaxed); }
+  PtrInterface() noexcept { livePtrInterfaces.fetch_add(1, std::memory_order_relaxed); }
+  virtual ~PtrInterface() { livePtrInterfaces.fetch_sub(1, std::memory_order_relaxed); }
 
   // Called when the last reference goes away.
   virtual void onZeroReferences() const { delete this; }
@@ -85,7 +88,6 @@ class PtrInterface {
   // A relaxed atomic load is a plain load on the machines we run on: no need to branch on the switch.
   uint32_t load() const { return std::atomic_ref<uint32_t>(word_).load(std::memory_order_relaxed); }
   mutable uint32_t word_ = 0;
-  static inline std::atomic<int64_t> liveObjects_{0};
 };
 
 template <class T>
