@@ -132,6 +132,8 @@ def main():
     ip("netns", "add", ns)
     home = os.open("/proc/self/ns/net", os.O_RDONLY)
     try:
+        subprocess.run(["ip", "netns", "exec", ns, "sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=1",
+                        "net.ipv6.conf.default.disable_ipv6=1"], check=True)
         ip("-n", ns, "link", "add", "et1", "type", "veth", "peer", "name", "peer1")
         ip("-n", ns, "link", "set", "et1", "up")
         ip("-n", ns, "link", "set", "peer1", "up")
