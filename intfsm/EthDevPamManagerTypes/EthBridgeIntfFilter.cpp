@@ -7,8 +7,13 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::EthBridgeIntfFilter", nullptr,
-                                      {"deviceIntfStatusDir", "desiredIntfDir", "intfStatus"});
+using F = EthBridgeIntfFilter;
+Vorn::AttributeTableOf<F> const attributes("Interface::EthBridgeIntfFilter", [](auto & t) {
+  t.scalar("deviceIntfStatusDir", &F::deviceIntfStatusDir)
+      .scalar("desiredIntfDir", &F::desiredIntfDir)
+      .collection("intfStatus", &F::intfStatusIter, &F::intfStatusIs, &F::intfStatusDel);
+});
+Intfsm::TypeRegistration registration("Interface::EthBridgeIntfFilter", nullptr, attributes);
 }  // namespace
 
 class EthBridgeIntfFilter::VornDeviceIntfStatusDir : public Vorn::Reactor<EthBridgeIntfFilter, DeviceIntfStatusDir> {

@@ -59,6 +59,7 @@ class EthBridgeIntfFilter : public Vorn::Entity {
   // The reactor on `intfId`'s status; null when none.
   Vorn::Ptr<VornIntfStatus> intfStatus(Ovel::IntfId const & intfId) const { return intfStatus_.reactor(intfId); }
   uint32_t intfStatuss() const { return intfStatus_.size(); }
+  auto const & intfStatusIter() const { return intfStatus_; }
   // Watches `status` for `intfId`; a null status raises Vorn::RangeException "null _intfStatus
   // parameter to mutator for Interface::EthBridgeIntfFilter::intfStatus not allowed".
   void intfStatusIs(Ovel::IntfId const & intfId, Vorn::Ptr<IntfStatus const> const & status);

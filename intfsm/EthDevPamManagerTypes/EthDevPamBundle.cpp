@@ -25,15 +25,44 @@ namespace Interface {
 
 namespace {
 
-Intfsm::TypeRegistration registration(
-    "Interface::EthDevPamBundle", nullptr,
-    {"netNs",          "allMulticast",      "sockRcvBuf",       "sockPrio",          "perIntfSockRcvBuf",
-     "allocRcvBuf",    "broadcast",         "pktReuse",         "savedPkt",          "nonBlocking",
-     "separateDot1QHdr", "sharedSockBufMax", "noPamDropCount",  "pamNotReadyDropCount", "perIntfSocket",
-     "perIntfRlimit",  "enabled",           "currActiveSd",     "sd",                "fileDesc",
-     "sdRef",          "sdTap",             "fileDescTap",      "sdTapRef",          "enableBulkPamRead",
-     "bulkReadQuota",  "mmsgInitialized",   "savedBulkPkt",     "maxProcessedPkts",  "schedPktDelivery",
-     "rxRing",         "rxRingBlockSize",   "rxRingBlockCount", "rxRingFrameSize"});
+using B = EthDevPamBundle;
+Vorn::AttributeTableOf<B> const attributes("Interface::EthDevPamBundle", [](auto & t) {
+  t.scalar("netNs", &B::netNs, &B::netNsIs)
+      .scalar("allMulticast", &B::allMulticast, &B::allMulticastIs)
+      .scalar("sockRcvBuf", &B::sockRcvBuf, &B::sockRcvBufIs)
+      .scalar("sockPrio", &B::sockPrio, &B::sockPrioIs)
+      .scalar("perIntfSockRcvBuf", &B::perIntfSockRcvBuf, &B::perIntfSockRcvBufIs)
+      .scalar("allocRcvBuf", &B::allocRcvBuf, &B::allocRcvBufIs)
+      .scalar("broadcast", &B::broadcast, &B::broadcastIs)
+      .scalar("pktReuse", &B::pktReuse, &B::pktReuseIs)
+      .scalar("savedPkt", &B::savedPkt, &B::savedPktIs)
+      .scalar("nonBlocking", &B::nonBlocking, &B::nonBlockingIs)
+      .scalar("separateDot1QHdr", &B::separateDot1QHdr, &B::separateDot1QHdrIs)
+      .scalar("sharedSockBufMax", &B::sharedSockBufMax, &B::sharedSockBufMaxIs)
+      .scalar("noPamDropCount", &B::noPamDropCount, &B::noPamDropCountIs)
+      .scalar("pamNotReadyDropCount", &B::pamNotReadyDropCount, &B::pamNotReadyDropCountIs)
+      .scalar("perIntfSocket", &B::perIntfSocket, &B::perIntfSocketIs)
+      .scalar("perIntfRlimit", &B::perIntfRlimit, &B::perIntfRlimitIs)
+      .scalar("enabled", &B::enabled, &B::enabledIs)
+      .scalar("currActiveSd", &B::currActiveSd, &B::currActiveSdIs)
+      .scalar("sd", &B::sd, &B::sdIs)
+      .instantiating("fileDesc", &B::fileDesc, &B::fileDescNew, &B::fileDescDel)
+      .scalar("sdRef", &B::sdRef, &B::sdRefIs)
+      .scalar("sdTap", &B::sdTap, &B::sdTapIs)
+      .instantiating("fileDescTap", &B::fileDescTap, &B::fileDescTapNew, &B::fileDescTapDel)
+      .scalar("sdTapRef", &B::sdTapRef, &B::sdTapRefIs)
+      .scalar("enableBulkPamRead", &B::enableBulkPamRead, &B::enableBulkPamReadIs)
+      .scalar("bulkReadQuota", &B::bulkReadQuota, &B::bulkReadQuotaIs)
+      .scalar("mmsgInitialized", &B::mmsgInitialized, &B::mmsgInitializedIs)
+      .collection("savedBulkPkt", &B::savedBulkPktIter, &B::savedBulkPktIs, &B::savedBulkPktDel)
+      .scalar("maxProcessedPkts", &B::maxProcessedPkts, &B::maxProcessedPktsIs)
+      .scalar("schedPktDelivery", &B::schedPktDelivery, &B::schedPktDeliveryIs)
+      .scalar("rxRing", &B::rxRing, &B::rxRingIs)
+      .scalar("rxRingBlockSize", &B::rxRingBlockSize, &B::rxRingBlockSizeIs)
+      .scalar("rxRingBlockCount", &B::rxRingBlockCount, &B::rxRingBlockCountIs)
+      .scalar("rxRingFrameSize", &B::rxRingFrameSize, &B::rxRingFrameSizeIs);
+});
+Intfsm::TypeRegistration registration("Interface::EthDevPamBundle", nullptr, attributes);
 
 constexpr char swiVersionPath[] = "/etc/swi-version";
 constexpr char fabricPath[] = "/sys/class/net/fabric";

@@ -9,7 +9,11 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::EthDevPamBundleActivitySm", nullptr, {"ethDevPamBundle"});
+Vorn::AttributeTableOf<EthDevPamBundleActivitySm> const attributes("Interface::EthDevPamBundleActivitySm", [](auto & t) {
+  t.scalar("ethDevPamBundle", &EthDevPamBundleActivitySm::ethDevPamBundle,
+           &EthDevPamBundleActivitySm::ethDevPamBundleIs);
+});
+Intfsm::TypeRegistration registration("Interface::EthDevPamBundleActivitySm", nullptr, attributes);
 }  // namespace
 
 class EthDevPamBundleActivitySm::VornEthDevPamBundle : public Vorn::Reactor<EthDevPamBundleActivitySm, EthDevPamBundle> {

@@ -8,7 +8,10 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::EthDevPamBundleFdSm", nullptr, {"fileDesc", "bundle"});
+Vorn::AttributeTableOf<EthDevPamBundleFdSm> const attributes("Interface::EthDevPamBundleFdSm", [](auto & t) {
+  t.scalar("fileDesc", &EthDevPamBundleFdSm::fileDesc).scalar("bundle", &EthDevPamBundleFdSm::bundle);
+});
+Intfsm::TypeRegistration registration("Interface::EthDevPamBundleFdSm", nullptr, attributes);
 }  // namespace
 
 class EthDevPamBundleFdSm::VornFileDesc : public Vorn::Reactor<EthDevPamBundleFdSm, Vorn::FileDescriptor> {

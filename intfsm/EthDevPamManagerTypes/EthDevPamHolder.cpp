@@ -6,10 +6,14 @@ namespace Interface {
 
 namespace {
 // Made by name from the registry: the name is the interface id's text.
+// pam: made for a device name (set or call), and dropped by del.
+Vorn::AttributeTableOf<EthDevPamHolder> const attributes("Interface::EthDevPamHolder", [](auto & t) {
+  t.scalar("intfId", &EthDevPamHolder::intfId).instantiating("pam", &EthDevPamHolder::pam, &EthDevPamHolder::pamIs, &EthDevPamHolder::pamDel);
+});
 Intfsm::TypeRegistration registration(
     "Interface::EthDevPamHolder",
     [](Vorn::Name const & name) -> Vorn::Ptr<Vorn::Entity> { return ethDevPamHolderFactory(Ovel::IntfId(name)); },
-    {"intfId", "pam"});
+    attributes);
 }  // namespace
 
 EthDevPamHolder::~EthDevPamHolder() = default;

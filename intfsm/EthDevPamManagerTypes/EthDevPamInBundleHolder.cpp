@@ -6,12 +6,16 @@ namespace Interface {
 
 namespace {
 // Made by name from the registry: the name is the interface id's text.
+// pam: made for a device name (set or call), and dropped by del.
+Vorn::AttributeTableOf<EthDevPamInBundleHolder> const attributes("Interface::EthDevPamInBundleHolder", [](auto & t) {
+  t.scalar("intfId", &EthDevPamInBundleHolder::intfId).instantiating("pam", &EthDevPamInBundleHolder::pam, &EthDevPamInBundleHolder::pamIs, &EthDevPamInBundleHolder::pamDel);
+});
 Intfsm::TypeRegistration registration(
     "Interface::EthDevPamInBundleHolder",
     [](Vorn::Name const & name) -> Vorn::Ptr<Vorn::Entity> {
       return ethDevPamInBundleHolderFactory(Ovel::IntfId(name));
     },
-    {"intfId", "pam"});
+    attributes);
 }  // namespace
 
 EthDevPamInBundleHolder::~EthDevPamInBundleHolder() = default;

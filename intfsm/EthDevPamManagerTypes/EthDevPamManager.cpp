@@ -18,12 +18,65 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration(
-    "Interface::EthDevPamManager", nullptr,
-    {"deviceIntfStatusDir", "netNs", "allMulticast", "sockRcvBuf", "sockPrio", "broadcast", "pktReuse",
-     "createVornFileDescOnEnabled", "separateDot1QHdr", "enableBulkPamRead", "headDropPolicy", "perIntfSocket",
-     "perIntfRlimit", "socketReadLimit", "edpBundle", "ethDevPamBundleActivitySm", "pam", "savedPacket", "defer",
-     "ethDevPamEvent", "ethDevPamEventBookmark", "ethDevPamClock", "initialized", "rxRingSettings"});
+using M = EthDevPamManager;
+// Keyed entries made from their key alone (pam, ethDevPamEvent) take any value in set. rxRingSettings is
+// the list [on, blockSize, blockCount, frameSize].
+Vorn::AttributeTableOf<M> const attributes("Interface::EthDevPamManager", [](auto & t) {
+  t.inherits("Interface::EthDevPamManagerBase")
+      .scalar("deviceIntfStatusDir", &M::deviceIntfStatusDir)
+      .scalar("netNs", &M::netNs, &M::netNsIs)
+      .scalar("allMulticast", &M::allMulticast, &M::allMulticastIs)
+      .scalar("sockRcvBuf", &M::sockRcvBuf, &M::sockRcvBufIs)
+      .scalar("sockPrio", &M::sockPrio, &M::sockPrioIs)
+      .scalar("broadcast", &M::broadcast, &M::broadcastIs)
+      .scalar("pktReuse", &M::pktReuse, &M::pktReuseIs)
+      .scalar("createVornFileDescOnEnabled", &M::createVornFileDescOnEnabled, &M::createVornFileDescOnEnabledIs)
+      .scalar("separateDot1QHdr", &M::separateDot1QHdr, &M::separateDot1QHdrIs)
+      .scalar("enableBulkPamRead", &M::enableBulkPamRead, &M::enableBulkPamReadIs)
+      .scalar("headDropPolicy", &M::headDropPolicy, &M::headDropPolicyIs)
+      .scalar("perIntfSocket", &M::perIntfSocket, &M::perIntfSocketIs)
+      .scalar("perIntfRlimit", &M::perIntfRlimit, &M::perIntfRlimitIs)
+      .scalar("socketReadLimit", &M::socketReadLimit, &M::socketReadLimitIs)
+      .instantiating("edpBundle", &M::edpBundle, &M::edpBundleIs)
+      .instantiating("ethDevPamBundleActivitySm", &M::ethDevPamBundleActivitySm, &M::ethDevPamBundleActivitySmIs,
+                     &M::ethDevPamBundleActivitySmDel)
+      .collection("pam", &M::pamIter, [](M & m, Ovel::IntfId const & id, Vorn::Value const &) { m.pamIs(id); },
+                  &M::pamDel)
+      .collectionBy(
+          "savedPacket", &M::savedPacket, &M::savedPackets,
+          [](M const & m) {
+            std::vector<uint16_t> keys(m.savedPackets());
+            for (size_t i = 0; i < keys.size(); ++i) keys[i] = uint16_t(i);
+            return keys;
+          },
+          &M::savedPacketIs, nullptr)
+      .scalar("defer", &M::defer, &M::deferIs)
+      .collection("ethDevPamEvent", &M::ethDevPamEventIter,
+                  [](M & m, Ovel::IntfId const & id, Vorn::Value const &) { m.ethDevPamEventIs(id); },
+                  &M::ethDevPamEventDel)
+      .scalar("ethDevPamEventBookmark", &M::ethDevPamEventBookmark, &M::ethDevPamEventBookmarkIs)
+      .scalar("ethDevPamClock", &M::ethDevPamClock)
+      .scalar("initialized", &M::initialized)
+      .scalar(
+          "rxRingSettings",
+          [](M const & m) {
+            RxRingSettings const & r = m.rxRingSettings();
+            return Vorn::Value::List{r.on, r.blockSize, r.blockCount, r.frameSize};
+          },
+          [](M & m, Vorn::Value::List const & v) {
+            if (v.size() != 4) {
+              throw Vorn::ValueTypeException("rxRingSettings is [on, blockSize, blockCount, frameSize], got " +
+                                             Vorn::Value(v).str());
+            }
+            RxRingSettings r;
+            r.on = v[0].boolean();
+            r.blockSize = Vorn::fromValue<uint32_t>(v[1]);
+            r.blockCount = Vorn::fromValue<uint32_t>(v[2]);
+            r.frameSize = Vorn::fromValue<uint32_t>(v[3]);
+            m.rxRingSettingsIs(r);
+          });
+});
+Intfsm::TypeRegistration registration("Interface::EthDevPamManager", nullptr, attributes);
 
 std::string const managerText = "EthDevPamManager::";
 }  // namespace

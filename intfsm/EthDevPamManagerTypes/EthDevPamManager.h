@@ -216,6 +216,7 @@ class EthDevPamManager : public EthDevPamManagerBase {
   // The holder of `intfId`'s Pam; null when none.
   Vorn::Ptr<EthDevPamInBundleHolder> pam(Ovel::IntfId const & intfId) const { return pam_.get(intfId); }
   PamMap const & pamIter() const { return pam_; }
+  EventMap const & ethDevPamEventIter() const { return ethDevPamEvent_; }
   uint32_t pams() const { return pam_.size(); }
   // The holder of `intfId`, made when there is none.
   Vorn::Ptr<EthDevPamInBundleHolder> pamIs(Ovel::IntfId const & intfId);

@@ -10,9 +10,17 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::EthDevPamManagerBase", nullptr,
-                                      {"desiredIntfDir", "pamCollection", "enabled", "ethProtocol", "listenAddr",
-                                       "filterProgram", "maxRxPktData"});
+using B = EthDevPamManagerBase;
+Vorn::AttributeTableOf<B> const attributes("Interface::EthDevPamManagerBase", [](auto & t) {
+  t.scalar("desiredIntfDir", &B::desiredIntfDir)
+      .scalar("pamCollection", &B::pamCollection)
+      .scalar("enabled", &B::enabled, &B::enabledIs)
+      .scalar("ethProtocol", &B::ethProtocol, &B::ethProtocolIs)
+      .scalar("listenAddr", &B::listenAddr, &B::listenAddrIs)
+      .scalar("filterProgram", &B::filterProgram, &B::filterProgramIs)
+      .scalar("maxRxPktData", &B::maxRxPktData, &B::maxRxPktDataIs);
+});
+Intfsm::TypeRegistration registration("Interface::EthDevPamManagerBase", nullptr, attributes);
 }  // namespace
 
 class EthDevPamManagerBase::VornDesiredIntfDir : public Vorn::Reactor<EthDevPamManagerBase, PamDesiredIntfDir> {

@@ -5,10 +5,14 @@
 namespace Interface {
 
 namespace {
+Vorn::AttributeTableOf<PamDesiredIntfDir> const attributes("Interface::PamDesiredIntfDir", [](auto & t) {
+  t.collection("intfDesired", &PamDesiredIntfDir::intfDesiredIter, &PamDesiredIntfDir::intfDesiredIs,
+               &PamDesiredIntfDir::intfDesiredDel);
+});
 Intfsm::TypeRegistration registration(
     "Interface::PamDesiredIntfDir",
     [](Vorn::Name const & name) -> Vorn::Ptr<Vorn::Entity> { return pamDesiredIntfDirFactory(name); },
-    {"intfDesired"});
+    attributes);
 }  // namespace
 
 Vorn::Ptr<PamDesiredIntfDir> pamDesiredIntfDirFactory(Vorn::Name const & name) {

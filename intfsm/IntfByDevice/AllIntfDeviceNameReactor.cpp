@@ -8,9 +8,19 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::AllIntfDeviceNameReactor", nullptr,
-                                      {"intfStatus", "allIntfStatusDir", "allIntfStatusLocalDir", "intf", "netNs",
-                                       "filterByNetNs", "intfStatusToDeviceName", "intfStatusLocal"});
+using R = AllIntfDeviceNameReactor;
+Vorn::AttributeTableOf<R> const attributes("Interface::AllIntfDeviceNameReactor", [](auto & t) {
+  auto intfIdOf = [](auto const & s) { return s->intfId(); };
+  t.collection("intfStatus", &R::intfStatusIter, &R::intfStatusIs, &R::intfStatusDel, intfIdOf)
+      .scalar("allIntfStatusDir", &R::allIntfStatusDir)
+      .scalar("allIntfStatusLocalDir", &R::allIntfStatusLocalDir)
+      .scalar("intf", &R::intf)
+      .scalar("netNs", &R::netNs)
+      .scalar("filterByNetNs", &R::filterByNetNs, &R::filterByNetNsIs)
+      .collection("intfStatusToDeviceName", &R::intfStatusToDeviceNameIter, nullptr, nullptr)
+      .collection("intfStatusLocal", &R::intfStatusLocalIter, &R::intfStatusLocalIs, &R::intfStatusLocalDel, intfIdOf);
+});
+Intfsm::TypeRegistration registration("Interface::AllIntfDeviceNameReactor", nullptr, attributes);
 
 constexpr char handleDeviceNameText[] = "void Interface::AllIntfDeviceNameReactor::handleDeviceName(Ovel::IntfId)";
 }  // namespace

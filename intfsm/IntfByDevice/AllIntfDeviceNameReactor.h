@@ -84,6 +84,9 @@ class AllIntfDeviceNameReactor : public Vorn::Entity {
   // The device name under which the interface is in the index; empty when it is not.
   Vorn::String intfStatusToDeviceName(Ovel::IntfId const & id) const { return intfStatusToDeviceName_.get(id); }
   uint32_t intfStatusToDeviceNames() const { return intfStatusToDeviceName_.size(); }
+  auto const & intfStatusToDeviceNameIter() const { return intfStatusToDeviceName_; }
+  auto const & intfStatusIter() const { return watcher_.intfStatusIter(); }
+  auto const & intfStatusLocalIter() const { return watcher_.intfStatusLocalIter(); }
 
   Vorn::Ptr<VornIntfStatusLocal> intfStatusLocal(Ovel::IntfId const & id) const {
     return watcher_.intfStatusLocal(id);

@@ -6,9 +6,13 @@
 namespace Interface {
 
 namespace {
+Vorn::AttributeTableOf<IntfStatusIndexDir> const attributes("Interface::IntfStatusIndexDir", [](auto & t) {
+  t.collection("intfStatus", &IntfStatusIndexDir::intfStatusIter, &IntfStatusIndexDir::intfStatusIs,
+               &IntfStatusIndexDir::intfStatusDel);
+});
 Intfsm::TypeRegistration registration(
     "Interface::IntfStatusIndexDir",
-    [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return intfStatusIndexDirFactory(n); }, {"intfStatus"});
+    [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return intfStatusIndexDirFactory(n); }, attributes);
 }  // namespace
 
 Vorn::Ptr<IntfStatusIndexDir> intfStatusIndexDirFactory(Vorn::Name const & name) {

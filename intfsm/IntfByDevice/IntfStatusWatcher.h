@@ -126,6 +126,8 @@ class IntfStatusWatcher {
     intfStatusLocal_.reconcileKey(this, local->intfId(), local);
   }
   void intfStatusLocalDel(Ovel::IntfId const & id) { intfStatusLocal_.del(id); }
+  auto const & intfStatusIter() const { return intfStatus_; }
+  auto const & intfStatusLocalIter() const { return intfStatusLocal_; }
 
  private:
   class VornAllIntfStatusDir : public Vorn::Reactor<IntfStatusWatcher, AllIntfStatusDir> {

@@ -7,10 +7,16 @@
 namespace Interface {
 
 namespace {
+// Keyed by each index directory's own name.
+Vorn::AttributeTableOf<NetNsIntfStatusIndexDir> const attributes("Interface::NetNsIntfStatusIndexDir", [](auto & t) {
+  t.collection("intfStatusIndexDir", &NetNsIntfStatusIndexDir::intfStatusIndexDirIter,
+               &NetNsIntfStatusIndexDir::intfStatusIndexDirIs, &NetNsIntfStatusIndexDir::intfStatusIndexDirDel,
+               [](auto const & d) { return d->name(); });
+});
 Intfsm::TypeRegistration registration(
     "Interface::NetNsIntfStatusIndexDir",
     [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> { return netNsIntfStatusIndexDirFactory(n); },
-    {"intfStatusIndexDir"});
+    attributes);
 }  // namespace
 
 Vorn::Ptr<NetNsIntfStatusIndexDir> netNsIntfStatusIndexDirFactory(Vorn::Name const & name) {

@@ -6,16 +6,27 @@
 namespace KernelOperState {
 
 namespace {
+// Both collections are keyed by the entry's own interface id.
+Vorn::AttributeTableOf<IntfStatusDir> const statusDirAttributes("KernelOperState::IntfStatusDir", [](auto & t) {
+  t.collection("intfStatus", &IntfStatusDir::intfStatusIter, &IntfStatusDir::intfStatusIs, &IntfStatusDir::intfStatusDel,
+               [](auto const & s) { return s->intfId(); });
+});
+Vorn::AttributeTableOf<IntfStatusLocalDir> const localDirAttributes(
+    "KernelOperState::IntfStatusLocalDir", [](auto & t) {
+      t.collection("intfStatusLocal", &IntfStatusLocalDir::intfStatusLocalIter,
+                   &IntfStatusLocalDir::intfStatusLocalIs, &IntfStatusLocalDir::intfStatusLocalDel,
+                   [](auto const & s) { return s->intfId(); });
+    });
 Intfsm::TypeRegistration statusDirType(
     "KernelOperState::IntfStatusDir", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> {
       return IntfStatusDir::intfStatusDirNew(n);
     },
-    {"intfStatus"});
+    statusDirAttributes);
 Intfsm::TypeRegistration localDirType(
     "KernelOperState::IntfStatusLocalDir", [](Vorn::Name const & n) -> Vorn::Ptr<Vorn::Entity> {
       return IntfStatusLocalDir::intfStatusLocalDirNew(n);
     },
-    {"intfStatusLocal"});
+    localDirAttributes);
 }  // namespace
 
 void IntfStatusDir::intfStatusIs(Vorn::Ptr<Interface::IntfStatus const> const & status) {

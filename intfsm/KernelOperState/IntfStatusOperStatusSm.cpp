@@ -13,9 +13,27 @@ namespace KernelOperState {
 
 namespace {
 Intfsm::TypeRegistration registration("KernelOperState::IntfStatusOperStatusSm", nullptr,
-                                    {"intfStatusDir", "intfStatusLocalDir", "kosm", "netNsCollection", "intfStatus",
-                                     "intfStatusLocal", "initialized", "handleNsByName", "doSyncIntfStatus"});
+                                      IntfStatusOperStatusSm::vornAttributes());
 }  // namespace
+
+// The four inputs are fixed at construction; the per-interface collections hold the nested reactors.
+Vorn::AttributeTable const & IntfStatusOperStatusSm::vornAttributes() {
+  using S = IntfStatusOperStatusSm;
+  static Vorn::AttributeTableOf<S> const table("KernelOperState::IntfStatusOperStatusSm", [](auto & t) {
+    t.scalar("intfStatusDir", &S::intfStatusDir)
+        .scalar("intfStatusLocalDir", &S::intfStatusLocalDir)
+        .scalar("kosm", &S::kosm)
+        .scalar("netNsCollection", &S::netNsCollection)
+        .collection("intfStatus", [](S const & s) -> auto const & { return s.intfStatus_; }, &S::intfStatusIs,
+                    &S::intfStatusDel, [](auto const & s) { return s->intfId(); })
+        .collection("intfStatusLocal", [](S const & s) -> auto const & { return s.intfStatusLocal_; },
+                    &S::intfStatusLocalIs, &S::intfStatusLocalDel, [](auto const & s) { return s->intfId(); })
+        .scalar("initialized", &S::initialized)
+        .callable("handleNsByName", [](S & s, Ovel::NamespaceName const & name) { s.handleNsByName(name); })
+        .callable("doSyncIntfStatus", &S::doSyncIntfStatus);
+  });
+  return table;
+}
 
 // ---- nested reactors ----------------------------------------------------------------------------
 

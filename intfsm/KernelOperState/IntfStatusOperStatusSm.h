@@ -29,6 +29,7 @@
 #include "intfsm/KernelOperState/IntfStatusDir.h"
 #include "intfsm/KernelOperState/KernelOperStateManager.h"
 #include "intfsm/foundation/kernel/KernelNetNsInfo.h"
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Notifier.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 
@@ -42,6 +43,10 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
     virtual void onIntfStatus(Ovel::IntfId const &) {}
     virtual void onIntfStatusLocal(Ovel::IntfId const &) {}
   };
+
+  char const * vornTypeName() const override { return "KernelOperState::IntfStatusOperStatusSm"; }
+  // Generic access (its members are for the oper-state root and subclasses).
+  static Vorn::AttributeTable const & vornAttributes();
 
   // Watches one interface's status: operStatus and deviceName.
   class VornIntfStatus : public Vorn::Reactor<IntfStatusOperStatusSm, Interface::IntfStatus> {

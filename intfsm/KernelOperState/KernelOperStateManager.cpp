@@ -16,9 +16,18 @@ namespace KernelOperState {
 
 namespace {
 
-Intfsm::TypeRegistration registration("KernelOperState::KernelOperStateManager", nullptr,
-                                    {"nsNetlinkSockFd", "doSetOperState", "doSetOperStateInNs", "netlinkSocket",
-                                     "operStatus"});
+// "netlinkSocket" reads the socket that a request into a namespace goes out on (0: a short-lived one);
+// "operStatus" reads the state last decided for a device in a namespace (-1: none; see convergence).
+Vorn::AttributeTableOf<KernelOperStateManager> const attributes(
+    "KernelOperState::KernelOperStateManager", [](auto & t) {
+      using M = KernelOperStateManager;
+      t.collection("nsNetlinkSockFd", &M::nsNetlinkSockFdIter, &M::nsNetlinkSockFdIs, &M::nsNetlinkSockFdDel)
+          .callable("doSetOperState", &M::doSetOperState)
+          .callable("doSetOperStateInNs", &M::doSetOperStateInNs)
+          .callable("netlinkSocket", &M::nsNetlinkSockFd)
+          .callable("operStatus", &M::decidedOperState);
+    });
+Intfsm::TypeRegistration registration("KernelOperState::KernelOperStateManager", nullptr, attributes);
 
 // Kernel operstate for a status, or -1 when the status is not one this library maps.
 int kernelOperState(Interface::IntfOperStatus status) {

@@ -8,10 +8,24 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::KniAllIntfDeviceNameReactor", nullptr,
-                                      {"intfStatus", "allIntfStatusDir", "allIntfStatusLocalDir",
-                                       "netNsIntfStatusIndexDir", "filterByNetNs", "netNsIntfIdMap", "intfToNs",
-                                       "intfStatusToDeviceName", "intfStatusLocal", "initialized"});
+using R = KniAllIntfDeviceNameReactor;
+// A namespace's id map is created by its key alone: the value given to set is not used.
+Vorn::AttributeTableOf<R> const attributes("Interface::KniAllIntfDeviceNameReactor", [](auto & t) {
+  auto intfIdOf = [](auto const & s) { return s->intfId(); };
+  t.collection("intfStatus", &R::intfStatusIter, &R::intfStatusIs, &R::intfStatusDel, intfIdOf)
+      .scalar("allIntfStatusDir", &R::allIntfStatusDir)
+      .scalar("allIntfStatusLocalDir", &R::allIntfStatusLocalDir)
+      .scalar("netNsIntfStatusIndexDir", &R::netNsIntfStatusIndexDir)
+      .scalar("filterByNetNs", &R::filterByNetNs)
+      .collection("netNsIntfIdMap", &R::netNsIntfIdMapIter,
+                  [](R & r, Vorn::String const & ns, Vorn::Value const &) { r.netNsIntfIdMapIs(ns); },
+                  &R::netNsIntfIdMapDel)
+      .collection("intfToNs", &R::intfToNsIter, nullptr, nullptr)
+      .collection("intfStatusToDeviceName", &R::intfStatusToDeviceNameIter, nullptr, nullptr)
+      .collection("intfStatusLocal", &R::intfStatusLocalIter, &R::intfStatusLocalIs, &R::intfStatusLocalDel, intfIdOf)
+      .scalar("initialized", &R::initialized);
+});
+Intfsm::TypeRegistration registration("Interface::KniAllIntfDeviceNameReactor", nullptr, attributes);
 
 constexpr char handleDeviceNameText[] = "void Interface::KniAllIntfDeviceNameReactor::handleDeviceName(Ovel::IntfId)";
 }  // namespace

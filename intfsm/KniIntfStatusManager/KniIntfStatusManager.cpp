@@ -9,10 +9,22 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::KniIntfStatusManager", nullptr,
-                                      {"kernelIntfStatusDir", "kniStatus", "nsName", "interfaceInfo", "kniRoot",
-                                       "omitNonRunningKernelDevices", "kernelIntfDir", "kernelOnlyInterface",
-                                       "deviceToName", "initialized"});
+using M = KniIntfStatusManager;
+// "interfaceInfo" reads as the kernel status it looks devices up in.
+Vorn::AttributeTableOf<M> const attributes("Interface::KniIntfStatusManager", [](auto & t) {
+  t.scalar("kernelIntfStatusDir", &M::kernelIntfStatusDir)
+      .scalar("kniStatus", &M::kniStatus)
+      .scalar("nsName", &M::nsName)
+      .scalar("interfaceInfo", [](M const & m) { return m.interfaceInfo().status(); })
+      .scalar("kniRoot", &M::kniRoot)
+      .scalar("omitNonRunningKernelDevices", &M::omitNonRunningKernelDevices, &M::omitNonRunningKernelDevicesIs)
+      .scalar("kernelIntfDir", &M::kernelIntfDir)
+      .collection("kernelOnlyInterface", &M::kernelOnlyInterfaceIter, &M::kernelOnlyInterfaceIs,
+                  &M::kernelOnlyInterfaceDel)
+      .collection("deviceToName", &M::deviceToNameIter, nullptr, nullptr)
+      .scalar("initialized", &M::initialized);
+});
+Intfsm::TypeRegistration registration("Interface::KniIntfStatusManager", nullptr, attributes);
 }  // namespace
 
 class KniIntfStatusManager::VornKernelIntfDir : public Vorn::Reactor<KniIntfStatusManager, IntfStatusIndexDir> {

@@ -88,6 +88,8 @@ class KniIntfStatusManager : public Vorn::Entity {
   // The id a device name was last resolved to; the empty id when none.
   Ovel::IntfId deviceToName(Vorn::String const & name) const { return deviceToName_.get(name); }
   uint32_t deviceToNames() const { return deviceToName_.size(); }
+  auto const & deviceToNameIter() const { return deviceToName_; }
+  auto const & kernelOnlyInterfaceIter() const { return kernelOnlyInterface_; }
 
   bool initialized() const { return initialized_; }
 

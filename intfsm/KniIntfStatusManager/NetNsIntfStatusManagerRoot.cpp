@@ -8,9 +8,28 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::NetNsIntfStatusManagerRoot", nullptr,
-                                      {"allIntfStatusDir", "allIntfStatusLocalDir", "filterByNetNs",
-                                       "intfStatusManager", "netNsIntfStatusIndexDir", "isbdn", "initialized"});
+using Root = NetNsIntfStatusManagerRoot;
+// A namespace's manager is made by set(nsName, [kernelIntfStatusDir, kniStatus]).
+Vorn::AttributeTableOf<Root> const attributes("Interface::NetNsIntfStatusManagerRoot", [](auto & t) {
+  t.scalar("allIntfStatusDir", &Root::allIntfStatusDir)
+      .scalar("allIntfStatusLocalDir", &Root::allIntfStatusLocalDir)
+      .scalar("filterByNetNs", &Root::filterByNetNs)
+      .collection("intfStatusManager", &Root::intfStatusManagerIter,
+                  [](Root & r, Ovel::NamespaceName const & ns, std::vector<Vorn::Value> const & args) {
+                    if (args.size() != 2) {
+                      throw Vorn::NoSuchAttributeException(
+                          "Interface::NetNsIntfStatusManagerRoot::intfStatusManager takes [kernelIntfStatusDir, "
+                          "kniStatus], " + std::to_string(args.size()) + " given");
+                    }
+                    r.intfStatusManagerIs(Vorn::fromValue<Vorn::Ptr<DeviceIntfStatusDir>>(args[0]),
+                                          Vorn::fromValue<Vorn::Ptr<KernelNetInfo::Status const>>(args[1]), ns);
+                  },
+                  &Root::intfStatusManagerDel)
+      .scalar("netNsIntfStatusIndexDir", &Root::netNsIntfStatusIndexDir)
+      .instantiating("isbdn", &Root::isbdn, &Root::isbdnIs, &Root::isbdnDel)
+      .scalar("initialized", &Root::initialized);
+});
+Intfsm::TypeRegistration registration("Interface::NetNsIntfStatusManagerRoot", nullptr, attributes);
 
 constexpr char handleIntfStatusManagerText[] =
     "void Interface::NetNsIntfStatusManagerRoot::handleIntfStatusManager(Ovel::NamespaceName)";

@@ -5,8 +5,11 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::NetNsKernelIntfStatusDir", nullptr,
-                                      {"nsName", "kernelIntfStatusDir", "kniStatus"});
+using D = NetNsKernelIntfStatusDir;
+Vorn::AttributeTableOf<D> const attributes("Interface::NetNsKernelIntfStatusDir", [](auto & t) {
+  t.scalar("nsName", &D::nsName).scalar("kernelIntfStatusDir", &D::kernelIntfStatusDir).scalar("kniStatus", &D::kniStatus);
+});
+Intfsm::TypeRegistration registration("Interface::NetNsKernelIntfStatusDir", nullptr, attributes);
 }  // namespace
 
 Vorn::Ptr<NetNsKernelIntfStatusDir> netNsKernelIntfStatusDirFactory(

@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "intfsm/foundation/vorn/Assert.h"
+
 namespace Vorn {
 
 namespace {
@@ -42,18 +44,41 @@ AttributeTable::Entry & AttributeTable::entryNew(char const * name, AttributeKin
   return en;
 }
 
-std::vector<String> AttributeTable::names() const {
+AttributeTable const * AttributeTable::base() const {
+  if (!baseTypeName_) return nullptr;
+  AttributeTable const * b = of(baseTypeName_);
+  VORN_ASSERT(b != nullptr);
+  return b;
+}
+
+uint32_t AttributeTable::size() const {
+  AttributeTable const * b = base();
+  return ownSize() + (b ? b->size() : 0);
+}
+
+std::vector<String> AttributeTable::ownNames() const {
   std::vector<String> out;
   out.reserve(entries_.size());
   for (Entry const & en : entries_) out.push_back(en.info.name);
   return out;
 }
 
+std::vector<String> AttributeTable::names() const {
+  std::vector<String> out = ownNames();
+  if (AttributeTable const * b = base()) {
+    for (String const & name : b->names()) out.push_back(name);
+  }
+  return out;
+}
+
+// An inherited entry keeps its number in the base table: info() gives it the number it has here.
 AttributeTable::Entry const & AttributeTable::entry(uint32_t n) const {
-  if (n >= entries_.size()) {
+  if (n < entries_.size()) return entries_[n];
+  AttributeTable const * b = base();
+  if (!b || n - entries_.size() >= b->size()) {
     throw NoSuchAttributeException(std::string(typeName_) + " has no attribute number " + std::to_string(n));
   }
-  return entries_[n];
+  return b->entry(n - uint32_t(entries_.size()));
 }
 
 AttributeInfo const & AttributeTable::info(uint32_t n) const { return entry(n).info; }
@@ -61,6 +86,9 @@ AttributeInfo const & AttributeTable::info(uint32_t n) const { return entry(n).i
 std::optional<uint32_t> AttributeTable::find(std::string_view name) const {
   for (Entry const & en : entries_) {
     if (en.info.name == name) return en.info.number;
+  }
+  if (AttributeTable const * b = base()) {
+    if (auto n = b->find(name)) return *n + ownSize();
   }
   return std::nullopt;
 }
@@ -75,66 +103,66 @@ void AttributeTable::lacks(Entry const & en, char const * operation) const {
                                  attributeKindName(en.info.kind) + ") has no " + operation);
 }
 
-void AttributeTable::notOfType(Entity const & e) const {
+void AttributeTable::notOfType(Notifier const & e) const {
   throw NoSuchAttributeException(std::string("the attributes of ") + typeName_ + " do not apply to " +
                                  objectTypeName(e));
 }
 
-Value AttributeTable::get(Entity const & e, uint32_t n) const {
+Value AttributeTable::get(Notifier const & e, uint32_t n) const {
   Entry const & en = entry(n);
   if (!en.get) lacks(en, "value without a key");
   return en.get(e);
 }
 
-void AttributeTable::set(Entity & e, uint32_t n, Value const & v) const {
+void AttributeTable::set(Notifier & e, uint32_t n, Value const & v) const {
   Entry const & en = entry(n);
   if (!en.set) lacks(en, "setter without a key");
   en.set(e, v);
 }
 
-void AttributeTable::del(Entity & e, uint32_t n) const {
+void AttributeTable::del(Notifier & e, uint32_t n) const {
   Entry const & en = entry(n);
   if (!en.del) lacks(en, "deleter without a key");
   en.del(e);
 }
 
-Value AttributeTable::get(Entity const & e, uint32_t n, Value const & key) const {
+Value AttributeTable::get(Notifier const & e, uint32_t n, Value const & key) const {
   Entry const & en = entry(n);
   if (!en.getKey) lacks(en, "keyed value");
   return en.getKey(e, key);
 }
 
-void AttributeTable::set(Entity & e, uint32_t n, Value const & key, Value const & v) const {
+void AttributeTable::set(Notifier & e, uint32_t n, Value const & key, Value const & v) const {
   Entry const & en = entry(n);
   if (!en.setKey) lacks(en, "keyed setter");
   en.setKey(e, key, v);
 }
 
-void AttributeTable::del(Entity & e, uint32_t n, Value const & key) const {
+void AttributeTable::del(Notifier & e, uint32_t n, Value const & key) const {
   Entry const & en = entry(n);
   if (!en.delKey) lacks(en, "keyed deleter");
   en.delKey(e, key);
 }
 
-uint32_t AttributeTable::count(Entity const & e, uint32_t n) const {
+uint32_t AttributeTable::count(Notifier const & e, uint32_t n) const {
   Entry const & en = entry(n);
   if (!en.count) lacks(en, "count");
   return en.count(e);
 }
 
-bool AttributeTable::contains(Entity const & e, uint32_t n, Value const & key) const {
+bool AttributeTable::contains(Notifier const & e, uint32_t n, Value const & key) const {
   Entry const & en = entry(n);
   if (!en.contains) lacks(en, "membership");
   return en.contains(e, key);
 }
 
-std::vector<Value> AttributeTable::keys(Entity const & e, uint32_t n) const {
+std::vector<Value> AttributeTable::keys(Notifier const & e, uint32_t n) const {
   Entry const & en = entry(n);
   if (!en.keys) lacks(en, "keys");
   return en.keys(e);
 }
 
-Value AttributeTable::call(Entity & e, uint32_t n, Value::List const & args) const {
+Value AttributeTable::call(Notifier & e, uint32_t n, Value::List const & args) const {
   Entry const & en = entry(n);
   if (!en.call) lacks(en, "call");
   return en.call(e, args);
@@ -147,8 +175,8 @@ std::string argumentCountText(char const * type, String const & name, size_t wan
 }
 }  // namespace attribute_detail
 
-Attributes::Attributes(Ptr<Entity> e) : e_(std::move(e)), table_(e_ ? AttributeTable::of(*e_) : nullptr) {
-  if (!e_) throw NoSuchAttributeException("no attributes of a null entity");
+Attributes::Attributes(Ptr<Notifier> e) : e_(std::move(e)), table_(e_ ? AttributeTable::of(*e_) : nullptr) {
+  if (!e_) throw NoSuchAttributeException("no attributes of a null object");
   if (!table_) throw NoSuchAttributeException(objectTypeName(*e_) + " has no attribute table");
 }
 

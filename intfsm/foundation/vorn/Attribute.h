@@ -46,7 +46,7 @@
 #include <vector>
 
 #include "intfsm/foundation/vorn/Collection.h"
-#include "intfsm/foundation/vorn/Entity.h"
+#include "intfsm/foundation/vorn/Notifier.h"
 #include "intfsm/foundation/vorn/Value.h"
 
 namespace Vorn {
@@ -79,68 +79,79 @@ class AttributeTable {
 
   // The table of a registered type name, or of an entity's type (vornTypeName()); null when none.
   static AttributeTable const * of(std::string_view typeName);
-  static AttributeTable const * of(Entity const & e) { return of(e.vornTypeName()); }
+  static AttributeTable const * of(Notifier const & e) { return of(e.vornTypeName()); }
 
   char const * typeName() const { return typeName_; }
-  uint32_t size() const { return uint32_t(entries_.size()); }
+  // Every attribute: the type's own, then those it inherits from the table of a base type (numbered on).
+  uint32_t size() const;
   std::vector<String> names() const;
+  // The type's own attributes: its names in the type registry.
+  uint32_t ownSize() const { return uint32_t(entries_.size()); }
+  std::vector<String> ownNames() const;
+  // The table this one inherits from; null when none.
+  AttributeTable const * base() const;
   // Raises NoSuchAttributeException for a number past the end / an unknown name.
   AttributeInfo const & info(uint32_t number) const;
   uint32_t number(std::string_view name) const;
   std::optional<uint32_t> find(std::string_view name) const;
 
   // By number; `e` must be of this table's type (or derived from it), else NoSuchAttributeException.
-  Value get(Entity const & e, uint32_t n) const;
-  void set(Entity & e, uint32_t n, Value const & v) const;
-  void del(Entity & e, uint32_t n) const;
-  Value get(Entity const & e, uint32_t n, Value const & key) const;
-  void set(Entity & e, uint32_t n, Value const & key, Value const & v) const;
-  void del(Entity & e, uint32_t n, Value const & key) const;
-  uint32_t count(Entity const & e, uint32_t n) const;
-  bool contains(Entity const & e, uint32_t n, Value const & key) const;
-  std::vector<Value> keys(Entity const & e, uint32_t n) const;
-  Value call(Entity & e, uint32_t n, Value::List const & args) const;
+  Value get(Notifier const & e, uint32_t n) const;
+  void set(Notifier & e, uint32_t n, Value const & v) const;
+  void del(Notifier & e, uint32_t n) const;
+  Value get(Notifier const & e, uint32_t n, Value const & key) const;
+  void set(Notifier & e, uint32_t n, Value const & key, Value const & v) const;
+  void del(Notifier & e, uint32_t n, Value const & key) const;
+  uint32_t count(Notifier const & e, uint32_t n) const;
+  bool contains(Notifier const & e, uint32_t n, Value const & key) const;
+  std::vector<Value> keys(Notifier const & e, uint32_t n) const;
+  Value call(Notifier & e, uint32_t n, Value::List const & args) const;
 
  protected:
   struct Entry {
     AttributeInfo info;
-    std::function<Value(Entity const &)> get;
-    std::function<void(Entity &, Value const &)> set;
-    std::function<void(Entity &)> del;
-    std::function<Value(Entity const &, Value const &)> getKey;
-    std::function<void(Entity &, Value const &, Value const &)> setKey;
-    std::function<void(Entity &, Value const &)> delKey;
-    std::function<uint32_t(Entity const &)> count;
-    std::function<bool(Entity const &, Value const &)> contains;
-    std::function<std::vector<Value>(Entity const &)> keys;
-    std::function<Value(Entity &, Value::List const &)> call;
+    std::function<Value(Notifier const &)> get;
+    std::function<void(Notifier &, Value const &)> set;
+    std::function<void(Notifier &)> del;
+    std::function<Value(Notifier const &, Value const &)> getKey;
+    std::function<void(Notifier &, Value const &, Value const &)> setKey;
+    std::function<void(Notifier &, Value const &)> delKey;
+    std::function<uint32_t(Notifier const &)> count;
+    std::function<bool(Notifier const &, Value const &)> contains;
+    std::function<std::vector<Value>(Notifier const &)> keys;
+    std::function<Value(Notifier &, Value::List const &)> call;
   };
 
   explicit AttributeTable(char const * typeName) : typeName_(typeName) {}
   Entry & entryNew(char const * name, AttributeKind kind);
+  // Found by name when first used, so that tables in other files need no initialisation order.
+  void baseIs(char const * baseTypeName) { baseTypeName_ = baseTypeName; }
   // Adds the table to the lookup by type name once it is complete.
   void tableIsComplete();
-  [[noreturn]] void notOfType(Entity const & e) const;
+  [[noreturn]] void notOfType(Notifier const & e) const;
 
  private:
   Entry const & entry(uint32_t n) const;
   [[noreturn]] void lacks(Entry const & en, char const * operation) const;
 
   char const * typeName_;
+  char const * baseTypeName_ = nullptr;
   std::vector<Entry> entries_;
 };
 
 namespace attribute_detail {
 
 // What a callable looks like once the object it acts on is set apart: its result and its arguments.
-template <class F>
-struct Signature : Signature<decltype(&F::operator())> {};  // a lambda: the first parameter is the object
+template <class Op>
+struct LambdaSignature;
 template <class L, class R, class O, class... A>
-struct Signature<R (L::*)(O, A...) const> {
+struct LambdaSignature<R (L::*)(O, A...) const> {
   using Result = R;
   using Args = std::tuple<A...>;
   static constexpr bool member = false;
 };
+template <class F>
+struct Signature : LambdaSignature<decltype(&F::operator())> {};  // a lambda: the first parameter is the object
 template <class C, class R, class... A>
 struct Signature<R (C::*)(A...)> {
   using Result = R;
@@ -189,6 +200,23 @@ std::vector<std::string> argumentTypes() {
   }(std::make_index_sequence<arity<F>>());
 }
 
+// The value of `key` in a collection (Collection, ReactorCollection, or anything walkable with
+// .key / .value), or none.
+template <class C, class K>
+Value lookup(C const & c, K const & key) {
+  if constexpr (requires { c.find(key); }) {
+    auto const * v = c.find(key);
+    return v ? toValue(*v) : Value();
+  } else if constexpr (requires { c.reactor(key); }) {
+    return toValue(c.reactor(key));
+  } else {
+    for (auto const & e : c) {
+      if (e.key == key) return toValue(e.value);
+    }
+    return Value();
+  }
+}
+
 std::string argumentCountText(char const * type, String const & name, size_t wanted, size_t given);
 
 }  // namespace attribute_detail
@@ -204,15 +232,21 @@ class AttributeTableOf : public AttributeTable {
     tableIsComplete();
   }
 
+  // Attributes of a registered base type that objects of T also have, after T's own.
+  AttributeTableOf & inherits(char const * baseTypeName) {
+    baseIs(baseTypeName);
+    return *this;
+  }
+
   // A scalar: its reader, and optionally its writer xIs(v) and its deleter xDel().
   template <class R, class W = std::nullptr_t, class D = std::nullptr_t>
   AttributeTableOf & scalar(char const * name, R reader, W writer = nullptr, D deleter = nullptr) {
     Entry & en = entryNew(name, AttributeKind::scalar);
     en.info.valueType = Vorn::typeName<std::remove_cvref_t<attribute_detail::Result<R>>>();
-    en.get = [this, reader](Entity const & e) { return toValue(attribute_detail::invoke(reader, self(e))); };
+    en.get = [this, reader](Notifier const & e) { return toValue(attribute_detail::invoke(reader, self(e))); };
     if constexpr (!std::is_null_pointer_v<W>) {
       static_assert(attribute_detail::arity<W> == 1, "a writer takes the value");
-      en.set = [this, writer](Entity & e, Value const & v) {
+      en.set = [this, writer](Notifier & e, Value const & v) {
         attribute_detail::invoke(writer, self(e), fromValue<attribute_detail::Arg<W, 0>>(v));
       };
     }
@@ -220,7 +254,8 @@ class AttributeTableOf : public AttributeTable {
     return *this;
   }
 
-  // A collection held in a Vorn::Collection: `iter` yields it (get, count, contains and keys read it),
+  // A collection held in a Vorn::Collection or a Vorn::ReactorCollection: `iter` yields it (get, count,
+  // contains and keys read it),
   // `writer` is xIs(key, value) or xIs(value) (the key taken from the value: give `keyOf` to check a key
   // passed with it), `deleter` is xDel(key); either may be nullptr.
   template <class I, class W, class D, class KeyOf = std::nullptr_t>
@@ -229,13 +264,12 @@ class AttributeTableOf : public AttributeTable {
     return collectionOf<decltype(std::declval<C const &>().begin()->key),
                         decltype(std::declval<C const &>().begin()->value)>(
         name,
-        [this, iter](Entity const & e, Value const & k) -> Value {
+        [this, iter](Notifier const & e, Value const & k) -> Value {
           using K = std::remove_cvref_t<decltype(std::declval<C const &>().begin()->key)>;
-          auto const * v = attribute_detail::invoke(iter, self(e)).find(fromValue<K>(k));
-          return v ? toValue(*v) : Value();
+          return attribute_detail::lookup(attribute_detail::invoke(iter, self(e)), fromValue<K>(k));
         },
-        [this, iter](Entity const & e) { return attribute_detail::invoke(iter, self(e)).size(); },
-        [this, iter](Entity const & e) {
+        [this, iter](Notifier const & e) { return attribute_detail::invoke(iter, self(e)).size(); },
+        [this, iter](Notifier const & e) {
           std::vector<Value> out;
           for (auto const & entry : attribute_detail::invoke(iter, self(e))) out.push_back(toValue(entry.key));
           return out;
@@ -252,15 +286,15 @@ class AttributeTableOf : public AttributeTable {
     using Val = std::remove_cvref_t<attribute_detail::Result<G>>;
     return collectionOf<Key, Val>(
         name,
-        [this, getter, keyLister](Entity const & e, Value const & k) -> Value {
+        [this, getter, keyLister](Notifier const & e, Value const & k) -> Value {
           Key key = fromValue<Key>(k);
           for (auto const & present : attribute_detail::invoke(keyLister, self(e))) {
             if (present == key) return toValue(attribute_detail::invoke(getter, self(e), key));
           }
           return Value();
         },
-        [this, counter](Entity const & e) { return uint32_t(attribute_detail::invoke(counter, self(e))); },
-        [this, keyLister](Entity const & e) {
+        [this, counter](Notifier const & e) { return uint32_t(attribute_detail::invoke(counter, self(e))); },
+        [this, keyLister](Notifier const & e) {
           std::vector<Value> out;
           for (auto const & key : attribute_detail::invoke(keyLister, self(e))) out.push_back(toValue(key));
           return out;
@@ -275,14 +309,14 @@ class AttributeTableOf : public AttributeTable {
     Entry & en = entryNew(name, AttributeKind::instantiating);
     en.info.valueType = Vorn::typeName<std::remove_cvref_t<attribute_detail::Result<R>>>();
     en.info.argumentTypes = attribute_detail::argumentTypes<W>();
-    en.get = [this, reader](Entity const & e) { return toValue(attribute_detail::invoke(reader, self(e))); };
-    en.call = [this, reader, creator, name = en.info.name](Entity & e, Value::List const & args) {
+    en.get = [this, reader](Notifier const & e) { return toValue(attribute_detail::invoke(reader, self(e))); };
+    en.call = [this, reader, creator, name = en.info.name](Notifier & e, Value::List const & args) {
       T & t = self(e);
       checkArguments(name, attribute_detail::arity<W>, args.size());
       attribute_detail::callWith(creator, t, args, std::make_index_sequence<attribute_detail::arity<W>>());
       return toValue(attribute_detail::invoke(reader, t));
     };
-    en.set = [call = en.call](Entity & e, Value const & v) {
+    en.set = [call = en.call](Notifier & e, Value const & v) {
       if constexpr (attribute_detail::arity<W> == 1) {
         call(e, Value::List{v});
       } else {
@@ -299,7 +333,7 @@ class AttributeTableOf : public AttributeTable {
     Entry & en = entryNew(name, AttributeKind::callable);
     en.info.valueType = Vorn::typeName<std::remove_cvref_t<attribute_detail::Result<F>>>();
     en.info.argumentTypes = attribute_detail::argumentTypes<F>();
-    en.call = [this, f, name = en.info.name](Entity & e, Value::List const & args) {
+    en.call = [this, f, name = en.info.name](Notifier & e, Value::List const & args) {
       T & t = self(e);
       checkArguments(name, attribute_detail::arity<F>, args.size());
       return attribute_detail::callWith(f, t, args, std::make_index_sequence<attribute_detail::arity<F>>());
@@ -308,12 +342,12 @@ class AttributeTableOf : public AttributeTable {
   }
 
  private:
-  T & self(Entity & e) const {
+  T & self(Notifier & e) const {
     T * t = dynamic_cast<T *>(&e);
     if (!t) notOfType(e);
     return *t;
   }
-  T const & self(Entity const & e) const { return self(const_cast<Entity &>(e)); }
+  T const & self(Notifier const & e) const { return self(const_cast<Notifier &>(e)); }
 
   void checkArguments(String const & name, size_t wanted, size_t given) const {
     if (wanted != given) {
@@ -325,7 +359,7 @@ class AttributeTableOf : public AttributeTable {
   void deleterIs(Entry & en, D deleter) {
     if constexpr (!std::is_null_pointer_v<D>) {
       en.info.deletable = true;
-      en.del = [this, deleter](Entity & e) { attribute_detail::invoke(deleter, self(e)); };
+      en.del = [this, deleter](Notifier & e) { attribute_detail::invoke(deleter, self(e)); };
     }
   }
 
@@ -338,16 +372,16 @@ class AttributeTableOf : public AttributeTable {
     en.getKey = get;
     en.count = count;
     en.keys = keys;
-    en.contains = [get](Entity const & e, Value const & k) { return !get(e, k).isNone(); };
+    en.contains = [get](Notifier const & e, Value const & k) { return !get(e, k).isNone(); };
     if constexpr (!std::is_null_pointer_v<W>) {
       if constexpr (attribute_detail::arity<W> == 2) {
-        en.setKey = [this, writer](Entity & e, Value const & k, Value const & v) {
+        en.setKey = [this, writer](Notifier & e, Value const & k, Value const & v) {
           attribute_detail::invoke(writer, self(e), fromValue<attribute_detail::Arg<W, 0>>(k),
                                    fromValue<attribute_detail::Arg<W, 1>>(v));
         };
       } else {
         static_assert(attribute_detail::arity<W> == 1, "a writer takes (key, value) or (value)");
-        en.setKey = [this, writer, keyOf, name = en.info.name](Entity & e, Value const & k, Value const & v) {
+        en.setKey = [this, writer, keyOf, name = en.info.name](Notifier & e, Value const & k, Value const & v) {
           auto value = fromValue<attribute_detail::Arg<W, 0>>(v);
           if constexpr (!std::is_null_pointer_v<KeyOf>) {
             if (!k.isNone() && value && !(fromValue<K>(k) == keyOf(value))) {
@@ -360,7 +394,7 @@ class AttributeTableOf : public AttributeTable {
       }
     }
     if constexpr (!std::is_null_pointer_v<D>) {
-      en.delKey = [this, deleter](Entity & e, Value const & k) {
+      en.delKey = [this, deleter](Notifier & e, Value const & k) {
         attribute_detail::invoke(deleter, self(e), fromValue<attribute_detail::Arg<D, 0>>(k));
       };
     }
@@ -390,9 +424,9 @@ class Attributes {
   };
 
   // Raises NoSuchAttributeException when the entity is null or its type has no table.
-  explicit Attributes(Ptr<Entity> e);
+  explicit Attributes(Ptr<Notifier> e);
 
-  Ptr<Entity> const & entity() const { return e_; }
+  Ptr<Notifier> const & entity() const { return e_; }
   AttributeTable const & table() const { return *table_; }
   AttributeInfo const & info(Ref a) const { return table_->info(a.numberIn(*table_)); }
 
@@ -408,7 +442,7 @@ class Attributes {
   Value call(Ref a, Value::List const & args = {}) const { return table_->call(*e_, a.numberIn(*table_), args); }
 
  private:
-  Ptr<Entity> e_;
+  Ptr<Notifier> e_;
   AttributeTable const * table_;
 };
 

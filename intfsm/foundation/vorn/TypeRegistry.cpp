@@ -29,7 +29,7 @@ void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory, Attr
   VORN_ASSERT(record != nullptr);
   record->factory_ = factory;
   record->table_ = &table;
-  record->attributes_ = table.names();
+  record->attributes_ = table.ownNames();
 }
 
 Ptr<Entity> TypeRegistry::newEntity(String const & typeName, Name const & name) const {

@@ -128,8 +128,8 @@ std::string typeNameOf(std::type_info const & t) {
 }
 
 std::string objectTypeName(PtrInterface const & p) {
-  if (auto const * e = dynamic_cast<Entity const *>(&p)) {
-    if (*e->vornTypeName()) return e->vornTypeName();
+  if (auto const * n = dynamic_cast<Notifier const *>(&p)) {
+    if (*n->vornTypeName()) return n->vornTypeName();
   }
   return typeNameOf(typeid(p));
 }

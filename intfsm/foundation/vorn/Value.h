@@ -180,6 +180,14 @@ struct ValueTraits<Ptr<U>> {
   }
 };
 
+// A raw back pointer to a counted object reads as a counted reference.
+template <class U>
+struct ValueTraits<U *, std::enable_if_t<std::is_base_of_v<PtrInterface, U>>> {
+  using Plain = std::remove_const_t<U>;
+  static Value to(U * p) { return Value(Ptr<PtrInterface>(const_cast<Plain *>(p))); }
+  static U * from(Value const & v) { return ValueTraits<Ptr<U>>::from(v).ptr(); }
+};
+
 // A value type built from its text and printed as that text: IntfId, NamespaceName, EthAddr.
 template <class T>
 struct ValueTraits<T, std::enable_if_t<!std::is_arithmetic_v<T> && !std::is_enum_v<T> &&
