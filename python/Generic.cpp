@@ -84,7 +84,7 @@ Vorn::Value::List argumentsOf(py::args const & args) {
 // A collection attribute of one entity, as a Python mapping by key.
 class CollectionView {
  public:
-  CollectionView(Vorn::Ptr<Vorn::Entity> entity, Vorn::AttributeTable const * table, uint32_t number)
+  CollectionView(Vorn::Ptr<Vorn::Notifier> entity, Vorn::AttributeTable const * table, uint32_t number)
       : entity_(std::move(entity)), table_(table), number_(number) {}
 
   py::object get(py::handle key) const {
@@ -112,17 +112,17 @@ class CollectionView {
     return out;
   }
   std::string repr() const {
-    return std::string("<") + entity_->name().charPtr() + "." + table_->info(number_).name.charPtr() + ": " +
+    return std::string("<") + entity_->vornTypeName() + "." + table_->info(number_).name.charPtr() + ": " +
            std::to_string(size()) + " entries>";
   }
 
  private:
-  Vorn::Ptr<Vorn::Entity> entity_;
+  Vorn::Ptr<Vorn::Notifier> entity_;
   Vorn::AttributeTable const * table_;
   uint32_t number_;
 };
 
-Vorn::AttributeTable const * tableOf(Vorn::Entity const & e) { return Vorn::AttributeTable::of(e); }
+Vorn::AttributeTable const * tableOf(Vorn::Notifier const & e) { return Vorn::AttributeTable::of(e); }
 
 // "xIs" / "xDel" of an attribute x of the table; the attribute's number and which of the two.
 struct Mutator {
@@ -139,21 +139,21 @@ std::optional<Mutator> mutatorOf(Vorn::AttributeTable const & table, std::string
 }
 
 // The entity behind a Python object; null while a Python subclass's __init__ has not made it yet.
-Vorn::Ptr<Vorn::Entity> entityOf(py::handle self) {
+Vorn::Ptr<Vorn::Notifier> entityOf(py::handle self) {
   try {
-    return Vorn::Ptr<Vorn::Entity>(self.cast<Vorn::Entity *>());
+    return Vorn::Ptr<Vorn::Notifier>(self.cast<Vorn::Notifier *>());
   } catch (py::cast_error const &) {
     return nullptr;
   }
 }
 
-std::string typeNameOf(py::handle self, Vorn::Entity const * e) {
+std::string typeNameOf(py::handle self, Vorn::Notifier const * e) {
   if (e && *e->vornTypeName()) return e->vornTypeName();
   return py::str(self.get_type().attr("__name__"));
 }
 
 py::object genericGet(py::handle self, std::string const & name) {
-  Vorn::Ptr<Vorn::Entity> e = entityOf(self);
+  Vorn::Ptr<Vorn::Notifier> e = entityOf(self);
   Vorn::AttributeTable const * table = e ? tableOf(*e) : nullptr;
   if (table) {
     if (auto n = table->find(name)) {
@@ -210,7 +210,7 @@ bool hasDescriptor(py::handle self, std::string const & name) {
 }
 
 void genericSet(py::handle self, std::string const & name, py::handle value) {
-  Vorn::Ptr<Vorn::Entity> e = entityOf(self);
+  Vorn::Ptr<Vorn::Notifier> e = entityOf(self);
   Vorn::AttributeTable const * table = e ? tableOf(*e) : nullptr;
   if (table) {  // the table first: a typed property of the same name calls the same mutator
     if (auto n = table->find(name)) {
@@ -231,7 +231,7 @@ void genericSet(py::handle self, std::string const & name, py::handle value) {
 }
 
 void genericDel(py::handle self, std::string const & name) {
-  Vorn::Ptr<Vorn::Entity> e = entityOf(self);
+  Vorn::Ptr<Vorn::Notifier> e = entityOf(self);
   Vorn::AttributeTable const * table = e ? tableOf(*e) : nullptr;
   if (table) {
     if (auto n = table->find(name)) {
@@ -261,12 +261,12 @@ void bindGeneric(py::module_ & m) {
            py::arg("key"), py::arg("default") = py::none())
       .def("__repr__", &CollectionView::repr);
 
-  auto entity = py::reinterpret_borrow<py::object>(m.attr("Entity"));
+  auto entity = py::reinterpret_borrow<py::object>(m.attr("Notifier"));  // entities and the other notifiers
   entity.attr("__getattr__") = py::cpp_function(&genericGet, py::is_method(entity), py::arg("name"));
   entity.attr("__setattr__") = py::cpp_function(&genericSet, py::is_method(entity), py::arg("name"), py::arg("value"));
   entity.attr("__delattr__") = py::cpp_function(&genericDel, py::is_method(entity), py::arg("name"));
   entity.attr("vornAttributes") = py::cpp_function(
-      [](Vorn::Entity const & e) {
+      [](Vorn::Notifier const & e) {
         std::vector<std::string> out;
         if (auto const * t = tableOf(e)) {
           for (auto const & n : t->names()) out.emplace_back(n.charPtr());
@@ -295,7 +295,7 @@ void bindGeneric(py::module_ & m) {
   m.def(
       "newEntity",
       [](std::string const & typeName, Vorn::Name const & name) {
-        Vorn::Ptr<Vorn::Entity> e = Intfsm::typeRegistry().newEntity(Vorn::String(typeName), name);
+        Vorn::Ptr<Vorn::Notifier> e = Intfsm::typeRegistry().newEntity(Vorn::String(typeName), name);
         if (!e) throw Vorn::RangeException(typeName + " has no factory by name");
         return e;
       },

@@ -1,6 +1,8 @@
 // The module's subsystems: oper-state into the kernel, the device-name index, kernel interface
 // status per namespace, packet access and the simple managers, each through its factories and the
-// entities an agent wires and sets.
+// entities an agent wires and sets. The collections of registered types are left to generic access
+// (dir.intfStatus["Ethernet1"], len(dir.intfStatus), ...: see Generic.cpp), so that no typed method
+// hides the mapping of the same name.
 #include <linux/filter.h>
 
 #include <cstdio>
@@ -157,12 +159,10 @@ void bindKernelOperState(py::module_ & top) {
   py::class_<KernelOperStateManager, Vorn::Notifier, Vorn::Ptr<KernelOperStateManager>>(m, "KernelOperStateManager");
   py::class_<IntfStatusOperStatusSm, Vorn::Notifier, Vorn::Ptr<IntfStatusOperStatusSm>>(m, "IntfStatusOperStatusSm");
   Class<IntfStatusDir>(m, "IntfStatusDir")
-      .def("intfStatus", &IntfStatusDir::intfStatus, py::arg("intfId"))
       .def("intfStatusIs", &IntfStatusDir::intfStatusIs, py::arg("status"))
       .def("intfStatusDel", &IntfStatusDir::intfStatusDel, py::arg("intfId"))
       .def_property_readonly("intfStatuss", &IntfStatusDir::intfStatuss);
   Class<IntfStatusLocalDir>(m, "IntfStatusLocalDir")
-      .def("intfStatusLocal", &IntfStatusLocalDir::intfStatusLocal, py::arg("intfId"))
       .def("intfStatusLocalIs", &IntfStatusLocalDir::intfStatusLocalIs, py::arg("local"))
       .def("intfStatusLocalDel", &IntfStatusLocalDir::intfStatusLocalDel, py::arg("intfId"))
       .def_property_readonly("intfStatusLocals", &IntfStatusLocalDir::intfStatusLocals);
@@ -188,11 +188,9 @@ void bindKernelOperState(py::module_ & top) {
 void bindIndexes(py::module_ & m) {
   using namespace Interface;
   Class<IntfStatusIndexDir>(m, "IntfStatusIndexDir")
-      .def("intfStatus", &IntfStatusIndexDir::intfStatus, py::arg("deviceName"))
       .def_property_readonly("intfStatuss", &IntfStatusIndexDir::intfStatuss);
   m.def("intfStatusIndexDirFactory", &intfStatusIndexDirFactory, py::arg("name"));
-  Class<NetNsIntfStatusIndexDir>(m, "NetNsIntfStatusIndexDir")
-      .def("intfStatusIndexDir", &NetNsIntfStatusIndexDir::intfStatusIndexDir, py::arg("netNs"));
+  Class<NetNsIntfStatusIndexDir>(m, "NetNsIntfStatusIndexDir");
   m.def("netNsIntfStatusIndexDirFactory", &netNsIntfStatusIndexDirFactory, py::arg("name"));
   Class<AllIntfDeviceNameReactor>(m, "AllIntfDeviceNameReactor")
       .def_property("filterByNetNs", &AllIntfDeviceNameReactor::filterByNetNs,
@@ -205,7 +203,6 @@ void bindIndexes(py::module_ & m) {
   Class<KniAllIntfDeviceNameReactor>(m, "KniAllIntfDeviceNameReactor");
   Class<KniIntfStatusManager>(m, "KniIntfStatusManager");
   Class<NetNsIntfStatusManagerRoot>(m, "NetNsIntfStatusManagerRoot")
-      .def("intfStatusManager", &NetNsIntfStatusManagerRoot::intfStatusManager, py::arg("netNs"))
       .def("intfStatusManagerIs", &NetNsIntfStatusManagerRoot::intfStatusManagerIs, py::arg("kernelIntfStatusDir"),
            py::arg("kniStatus"), py::arg("netNs"));
   m.def("netNsIntfStatusManagerRootFactory", &netNsIntfStatusManagerRootFactory, py::arg("allIntfStatusDir"),
@@ -216,14 +213,12 @@ void bindPacketAccess(py::module_ & m) {
   using namespace Interface;
   Class<PamDesiredIntfDir>(m, "PamDesiredIntfDir")
       .def(py::init(&pamDesiredIntfDirFactory), py::arg("name"))
-      .def("intfDesired", &PamDesiredIntfDir::intfDesired, py::arg("intfId"))
       .def("intfDesiredIs", &PamDesiredIntfDir::intfDesiredIs, py::arg("intfId"), py::arg("desired"))
       .def("intfDesiredDel", &PamDesiredIntfDir::intfDesiredDel, py::arg("intfId"))
       .def_property_readonly("intfDesireds", &PamDesiredIntfDir::intfDesireds);
   m.def("pamDesiredIntfDirFactory", &pamDesiredIntfDirFactory, py::arg("name"));
   Class<EthDevPamCollection>(m, "EthDevPamCollection")
       .def(py::init(&ethDevPamCollectionFactory), py::arg("name"))
-      .def("intfPam", &EthDevPamCollection::intfPam, py::arg("intfId"))
       .def_property_readonly("intfPams", &EthDevPamCollection::intfPams);
   m.def("ethDevPamCollectionFactory", &ethDevPamCollectionFactory, py::arg("name"));
   Class<EthDevPamInBundleHolder>(m, "EthDevPamInBundleHolder");

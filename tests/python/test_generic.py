@@ -10,13 +10,15 @@ generic = intfsm.Entity.__getattr__
 
 @pytest.mark.parametrize("type_name", intfsm.typeNames())
 def test_every_registry_name_has_a_table_entry(type_name):
-    assert intfsm.registryAttributes(type_name), f"{type_name} lists no attributes"
-    assert intfsm.registryAttributes(type_name) == intfsm.attributeNames(type_name)
+    registry = intfsm.registryAttributes(type_name)
+    assert registry, f"{type_name} lists no attributes"
+    assert intfsm.attributeNames(type_name)[:len(registry)] == registry  # then what it inherits
 
 
 def test_scalar_and_instantiating_attributes_round_trip():
     root = intfsm.newEntity("KernelOperState::Root", "kos")
     assert root.vornAttributes() == intfsm.registryAttributes("KernelOperState::Root")
+    assert kosm_attributes_reachable(root)
     assert root.operStateConvergence is False
     root.operStateConvergence = True
     assert root.operStateConvergence is True
@@ -30,6 +32,15 @@ def test_scalar_and_instantiating_attributes_round_trip():
     assert generic(root, "intfStatusDirIs")("s") is d  # the same name keeps the child
     netNs = generic(root, "netNsCollectionIs")("netNs")
     assert generic(root, "netNsManagerIs")(netNs) is root.netNsManager
+
+
+def kosm_attributes_reachable(root):
+    """Non-entity notifiers (the oper-state manager) have generic access too."""
+    kosm = root.kosmIs()
+    names = kosm.vornAttributes()
+    assert names == intfsm.registryAttributes("KernelOperState::KernelOperStateManager")
+    root.kosmDel()
+    return True
 
 
 def test_keyed_collection_as_a_mapping():
@@ -57,7 +68,7 @@ def test_callable_operation():
         pytest.fail("Interface::SimpleTxRxPktManager has no attribute table")
     r.desiredIntfDirIs("desired")
     assert generic(r, "addIntfPam")("Ethernet1") is True
-    assert r.desiredIntfDir.intfDesired("Ethernet1") is True
+    assert r.desiredIntfDir.intfDesired["Ethernet1"] is True
 
 
 @pytest.mark.parametrize("action, error, text", [

@@ -6,6 +6,8 @@ import json
 import os
 import socket
 import subprocess
+import threading
+import time
 
 import pytest
 
@@ -225,6 +227,27 @@ def test_asyncio_drives_the_loop(lab, receiver):
             loop.remove_reader(intfsm.loop_fd())
 
     assert asyncio.run(main())
+
+
+def test_the_gil_is_released_while_the_loop_waits(lab):
+    ticks, stop = [], threading.Event()
+
+    def other_thread():
+        while not stop.is_set():
+            ticks.append(1)
+            time.sleep(0.001)
+
+    thread = threading.Thread(target=other_thread)
+    thread.start()
+    try:
+        time.sleep(0.02)
+        before = len(ticks)
+        intfsm.run_until(lambda: False, 0.3)
+        during = len(ticks) - before
+    finally:
+        stop.set()
+        thread.join()
+    assert during > 30  # about 300 when the wait lets go of the GIL, none when it does not
 
 
 def test_reference_cycles_are_collected(lab):
