@@ -377,7 +377,7 @@ void bindFoundation(py::module_ & m) {
 
   // Every library object.
   py::class_<Vorn::Notifier, Vorn::Ptr<Vorn::Notifier>>(m, "Notifier");
-  EntityClass entity(m, "Entity", py::dynamic_attr());
+  EntityClass entity(m, "Entity");
   entity
       .def_property_readonly("name", [](Vorn::Entity const & e) { return Vorn::String(e.name()); })
       .def_property_readonly("parent", &Vorn::Entity::parent)

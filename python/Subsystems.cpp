@@ -19,6 +19,7 @@
 #include "intfsm/KniIntfStatusManager/KniIntfStatusManager.h"
 #include "intfsm/KniIntfStatusManager/NetNsIntfStatusManagerRoot.h"
 #include "intfsm/SimpleTxRxPktManager/SimpleTxRxPktManager.h"
+#include "intfsm/SimpleTxRxPktManager/internal/Trace.h"
 #include "intfsm/foundation/brisklog/Brisklog.h"
 #include "intfsm/foundation/kernel/KernelNetNsManager.h"
 #include "intfsm/foundation/ovel/SockFilterProgram.h"
@@ -103,18 +104,25 @@ class EthDevPamCollectionWatcher : public Watcher<Interface::EthDevPamCollection
   INTFSM_ON_KEY(intfPam, IntfPam, Ovel::IntfId)
 };
 
-// While it lives, keeps the texts of one module's level-0 (anomaly) lines, and passes every line on
-// to where it went before: how a call that only returns false gets the library's reason to raise.
+// While it lives, keeps the texts of one trace handle's level-0 (anomaly) lines, with level 0 turned on
+// for the time being, and passes every other line on to where it went before (a level-0 line too when
+// the level was on already): how a call that only returns false gets the library's reason to raise.
 class AnomalyCapture : public Brisklog::Sink {
  public:
-  explicit AnomalyCapture(char const * module) : module_(module), previous_(Brisklog::sink()) {
+  explicit AnomalyCapture(Brisklog::Handle & handle)
+      : handle_(handle), levels_(handle.levels()), previous_(Brisklog::sink()) {
     Brisklog::sinkIs(this);
+    handle_.levelsIs(levels_ | 1u);
   }
-  ~AnomalyCapture() override { Brisklog::sinkIs(previous_); }
+  ~AnomalyCapture() override {
+    handle_.levelsIs(levels_);
+    Brisklog::sinkIs(previous_);
+  }
   void lineIs(Brisklog::Line const & line) override {
-    if (line.level == 0 && std::strcmp(line.module, module_) == 0) {
+    if (line.level == 0 && std::strcmp(line.module, handle_.module()) == 0) {
       if (!texts_.empty()) texts_ += "; ";
       texts_ += line.text;
+      if (!(levels_ & 1u)) return;
     }
     if (previous_) {
       previous_->lineIs(line);
@@ -130,7 +138,8 @@ class AnomalyCapture : public Brisklog::Sink {
   std::string const & texts() const { return texts_; }
 
  private:
-  char const * module_;
+  Brisklog::Handle & handle_;
+  uint16_t const levels_;
   Brisklog::Sink * previous_;
   std::string texts_;
 };
@@ -140,7 +149,7 @@ bool applyFilterOrRaise(Interface::SimpleTxRxPktManager & manager, Vorn::String 
   std::string reason;
   bool applied;
   {
-    AnomalyCapture capture("SimpleTxRxPktManager");
+    AnomalyCapture capture(Interface::simpleTxRxPktManagerTrace);
     applied = manager.applyFilter(text);
     reason = capture.texts();
   }
@@ -267,7 +276,7 @@ void bindSimpleManagers(py::module_ & m) {
         py::arg("allIntfStatusLocalDir"), py::arg("kniStatus"));
 
   py::class_<SimpleTxRxPktManager, Vorn::Entity, PySimpleTxRxPktManager, Vorn::Ptr<SimpleTxRxPktManager>>(
-      m, "SimpleTxRxPktManager", py::dynamic_attr())
+      m, "SimpleTxRxPktManager")
       .def(py::init<Vorn::Ptr<DeviceIntfStatusDir const> const &, Vorn::Ptr<EthDevPamCollection> const &>(),
            py::arg("deviceIntfStatusDir"), py::arg("pamCollection") = nullptr)
       .def_property_readonly("deviceIntfStatusDir", &SimpleTxRxPktManager::deviceIntfStatusDir)

@@ -18,6 +18,9 @@
 #include "intfsm/foundation/vorn/Entity.h"
 #include "intfsm/foundation/vorn/Notifier.h"
 
+// Hidden, like pybind11's own symbols: these classes hold Python objects.
+#pragma GCC visibility push(hidden)
+
 namespace IntfsmPython {
 
 using EntityClass = py::class_<Vorn::Entity, Vorn::Notifier, Vorn::Ptr<Vorn::Entity>>;
@@ -93,6 +96,8 @@ void watchable() {
 void bindWatch(py::module_ & m, EntityClass & entity);
 
 }  // namespace IntfsmPython
+
+#pragma GCC visibility pop
 
 // One line per callback of the watched type's NotifieeConst.
 #define INTFSM_ON(attribute, Callback) \

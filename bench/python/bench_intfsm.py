@@ -97,6 +97,7 @@ def receive_rates():
     packets.initialized = True
     manager = packets.ethDevPamManager
     manager.sockRcvBuf = 256 << 20
+    manager.ethProtocol = 0x0003  # ETH_P_ALL
     manager.handleInitialized()
     manager.enabled = True
     r = Receiver(packets.deviceIntfStatusDir, packets.pamCollection)
