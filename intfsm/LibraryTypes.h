@@ -16,10 +16,6 @@ namespace Intfsm {
 Vorn::TypeRegistry & typeRegistry();
 
 struct TypeRegistration {
-  TypeRegistration(char const * name, Vorn::TypeRecord::Factory factory,
-                   std::initializer_list<char const *> attributes) {
-    typeRegistry().typeIs(name, factory, attributes);
-  }
   TypeRegistration(char const * name, Vorn::TypeRecord::Factory factory, Vorn::AttributeTable const & table) {
     typeRegistry().typeIs(name, factory, table);
   }

@@ -37,6 +37,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,6 +50,7 @@
 #include "intfsm/foundation/ovel/EthDevPam.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"
 #include "intfsm/foundation/vorn/System.h"
@@ -72,6 +74,7 @@ char const helpText[] =
     "  filter { c, jt, jf, k }, ...   classic BPF program for the sockets;  filter none: no filter\n"
     "  send ID [count N] [vlan V] [type T] [to MAC] [length L]   frames out of a watched interface\n"
     "  show [ID]              the table: device, ifindex, status set, kernel operstate, frames received, drops\n"
+    "  show everything        every library object the agent holds, each attribute read by its name\n"
     "  clear                  zero the counters (frames and drops)\n"
     "  print on|off           print every frame received\n"
     "  wait SECONDS           let the loop run (scripts)\n"
@@ -179,6 +182,7 @@ class Agent {
   std::string doFilter(std::string const & text);
   std::string doSend(std::vector<std::string> const & w);
   std::string doShow(std::vector<std::string> const & w);
+  void doShowEverything() const;
   void doClear();
   // The ports a command names: one, or all for "all"; empty when there is no such interface.
   std::vector<Port *> portsNamed(std::string const & name);
@@ -427,6 +431,8 @@ void Agent::execute(std::string const & raw) {
     error = doFilter(text);
   } else if (verb == "send") {
     error = doSend(w);
+  } else if (verb == "show" && w.size() == 2 && w[1] == "everything") {
+    doShowEverything();
   } else if (verb == "show" && w.size() <= 2) {
     error = doShow(w);
   } else if (verb == "clear" && w.size() == 1) {
@@ -601,6 +607,59 @@ std::string Agent::doShow(std::vector<std::string> const & w) {
       break;
   }
   return {};
+}
+
+// Walks from the agent's roots through every attribute that refers to an object with an attribute
+// table, printing each object once: its scalars, its collections entry by entry, and its operations.
+void Agent::doShowEverything() const {
+  std::deque<Vorn::Ptr<Vorn::Notifier>> pending{operState_, packets_, receiver_};
+  std::set<Vorn::PtrInterface const *> seen;
+  auto read = [](auto && f) -> std::string {
+    try {
+      return f().str();
+    } catch (Vorn::Exception const & e) {
+      return std::string("<") + e.what() + ">";
+    }
+  };
+  auto follow = [&](Vorn::Value const & v) {
+    if (v.kind() != Vorn::Value::Kind::object) return;
+    auto n = Vorn::ptr_cast<Vorn::Notifier>(v.object());
+    if (n && Vorn::AttributeTable::of(*n) && !seen.count(n.ptr())) pending.push_back(n);
+  };
+  while (!pending.empty()) {
+    Vorn::Ptr<Vorn::Notifier> object = pending.front();
+    pending.pop_front();
+    if (!object || !seen.insert(object.ptr()).second) continue;
+    Vorn::Attributes const a(object);
+    std::printf("%s\n", Vorn::Value(object).str().c_str());
+    for (uint32_t n = 0; n < a.table().size(); ++n) {
+      Vorn::AttributeInfo const & info = a.info(n);
+      char const * name = info.name.charPtr();
+      switch (info.kind) {
+        case Vorn::AttributeKind::scalar:
+        case Vorn::AttributeKind::instantiating: {
+          std::printf("  %s = %s\n", name, read([&] { return a.get(n); }).c_str());
+          follow(a.get(n));
+          break;
+        }
+        case Vorn::AttributeKind::collection: {
+          std::vector<Vorn::Value> const keys = a.keys(n);
+          std::printf("  %s: %zu entr%s\n", name, keys.size(), keys.size() == 1 ? "y" : "ies");
+          for (Vorn::Value const & key : keys) {
+            std::printf("    [%s] = %s\n", key.str().c_str(), read([&] { return a.get(n, key); }).c_str());
+            follow(a.get(n, key));
+          }
+          break;
+        }
+        case Vorn::AttributeKind::callable: {
+          std::string arguments;
+          for (std::string const & t : info.argumentTypes) arguments += (arguments.empty() ? "" : ", ") + t;
+          std::printf("  %s(%s)\n", name, arguments.c_str());
+          break;
+        }
+      }
+    }
+  }
 }
 
 void Agent::handleRx(Ovel::Pam const & pam, Ovel::IntfId const & intfId, Ovel::Pkt const & pkt) {

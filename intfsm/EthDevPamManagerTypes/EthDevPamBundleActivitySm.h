@@ -37,7 +37,7 @@ class EthDevPamBundleActivitySm : public Vorn::Notifier {
   EthDevPamBundleActivitySm(Vorn::Ptr<Vorn::ActivityConfig> const & activityConfig, EthDevPamManager * manager);
   ~EthDevPamBundleActivitySm() override;
 
-  char const * vornTypeName() const override { return "Interface::EthDevPamBundleActivitySm"; }
+  char const * vornTypeName() const { return "Interface::EthDevPamBundleActivitySm"; }
   // The activity configuration this state machine runs under.
   Vorn::Ptr<Vorn::ActivityConfig> const & vornFwkActivity() const { return activityConfig_; }
   EthDevPamManager * manager() const { return manager_; }

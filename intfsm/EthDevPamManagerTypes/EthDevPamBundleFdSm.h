@@ -23,7 +23,7 @@ class EthDevPamBundleFdSm : public Vorn::Notifier {
   EthDevPamBundleFdSm(Vorn::Ptr<Vorn::FileDescriptor const> const & fileDesc, EthDevPamBundle * bundle);
   ~EthDevPamBundleFdSm() override;
 
-  char const * vornTypeName() const override { return "Interface::EthDevPamBundleFdSm"; }
+  char const * vornTypeName() const { return "Interface::EthDevPamBundleFdSm"; }
   Vorn::Ptr<Vorn::FileDescriptor const> fileDesc() const;
   EthDevPamBundle * bundle() const { return bundle_; }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/ovel/SockFilterProgramValue.h"
 #include "intfsm/foundation/ovel/PktManager.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "intfsm/foundation/vorn/Reactor.h"

@@ -44,7 +44,6 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
     virtual void onIntfStatusLocal(Ovel::IntfId const &) {}
   };
 
-  char const * vornTypeName() const override { return "KernelOperState::IntfStatusOperStatusSm"; }
   // Generic access (its members are for the oper-state root and subclasses).
   static Vorn::AttributeTable const & vornAttributes();
 

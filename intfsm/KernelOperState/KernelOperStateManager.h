@@ -84,7 +84,6 @@ class KernelOperStateManager : public Vorn::Notifier {
   KernelOperStateManager() = default;
   ~KernelOperStateManager() override;
 
-  char const * vornTypeName() const override { return "KernelOperState::KernelOperStateManager"; }
   // Not an entity: always the empty name.
   Vorn::Name const & name() const;
 

@@ -1,13 +1,14 @@
 #include "intfsm/SimpleTxRxPktManager/BaseSimpleEthDevPamManager.h"
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/SimpleTxRxPktManager/internal/BaseSimpleAttributes.h"
 
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::BaseSimpleEthDevPamManager", nullptr,
-                                      {"allIntfStatusDir", "allIntfStatusLocalDir", "deviceIntfStatusDir",
-                                       "desiredIntfDir", "pamCollection", "ethDevPamManager"});
+Vorn::AttributeTableOf<BaseSimpleEthDevPamManager> const attributes(
+    "Interface::BaseSimpleEthDevPamManager", [](auto & t) { baseSimpleAttributes(t); });
+Intfsm::TypeRegistration registration("Interface::BaseSimpleEthDevPamManager", nullptr, attributes);
 
 // Keeps `slot` when it holds a child of that name; otherwise makes one with `make`, parented to `owner`.
 template <class T, class Make>

@@ -1,15 +1,21 @@
 #include "intfsm/SimpleTxRxPktManager/SimpleEthDevPamManager.h"
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/SimpleTxRxPktManager/internal/BaseSimpleAttributes.h"
 #include "intfsm/SimpleTxRxPktManager/internal/Trace.h"
 
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::SimpleEthDevPamManager", nullptr,
-                                      {"allIntfStatusDir", "allIntfStatusLocalDir", "deviceIntfStatusDir",
-                                       "desiredIntfDir", "pamCollection", "ethDevPamManager", "kniStatus",
-                                       "intfStatusManagerRoot", "initialized"});
+using S = SimpleEthDevPamManager;
+Vorn::AttributeTableOf<S> const attributes("Interface::SimpleEthDevPamManager", [](auto & t) {
+  baseSimpleAttributes(t)
+      .scalar("kniStatus", &S::kniStatus)
+      .instantiating("intfStatusManagerRoot", &S::intfStatusManagerRoot, &S::intfStatusManagerRootIs,
+                     &S::intfStatusManagerRootDel)
+      .scalar("initialized", &S::initialized, &S::initializedIs);
+});
+Intfsm::TypeRegistration registration("Interface::SimpleEthDevPamManager", nullptr, attributes);
 }  // namespace
 
 Vorn::Ptr<SimpleEthDevPamManager> simpleEthDevPamManagerFactory(

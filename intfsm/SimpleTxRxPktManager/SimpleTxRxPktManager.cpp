@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "intfsm/LibraryTypes.h"
+#include "intfsm/foundation/ovel/SockFilterProgramValue.h"
 #include "intfsm/SimpleTxRxPktManager/ParseFilter.h"
 #include "intfsm/SimpleTxRxPktManager/internal/Trace.h"
 #include "intfsm/foundation/ovel/EthDevPam.h"
@@ -12,10 +13,39 @@
 namespace Interface {
 
 namespace {
-Intfsm::TypeRegistration registration("Interface::SimpleTxRxPktManager", nullptr,
-                                      {"deviceIntfStatusDir", "desiredIntfDir", "pamCollection", "pam",
-                                       "ethDevPamManager", "numSent", "numRcvd", "numBadRcvd", "bpfFilterLen",
-                                       "bpfFilter", "initializedTxRx", "addIntfPam", "delIntfPam", "applyFilter"});
+using S = SimpleTxRxPktManager;
+// desiredIntfDir is made by name (text) or handed over (an object). bpfFilter reads as a program (a list
+// of [code, jt, jf, k]); it is set through applyFilter.
+Vorn::AttributeTableOf<S> const attributes("Interface::SimpleTxRxPktManager", [](auto & t) {
+  t.scalar("deviceIntfStatusDir", &S::deviceIntfStatusDir)
+      .instantiating(
+          "desiredIntfDir", &S::desiredIntfDir,
+          [](S & s, Vorn::Value const & v) {
+            if (v.kind() == Vorn::Value::Kind::text) {
+              s.desiredIntfDirIs(Vorn::Name(v.text()));
+            } else {
+              s.desiredIntfDirIs(Vorn::fromValue<Vorn::Ptr<PamDesiredIntfDir>>(v));
+            }
+          },
+          &S::desiredIntfDirDel)
+      .scalar("pamCollection", &S::pamCollection)
+      .collection("pam", &S::pamIter, nullptr, nullptr)
+      .scalar("ethDevPamManager", &S::ethDevPamManager)
+      .scalar("numSent", &S::numSent, &S::numSentIs)
+      .scalar("numRcvd", &S::numRcvd, &S::numRcvdIs)
+      .scalar("numBadRcvd", &S::numBadRcvd, &S::numBadRcvdIs)
+      .scalar("bpfFilterLen", &S::bpfFilterLen, &S::bpfFilterLenIs)
+      .scalar("bpfFilter",
+              [](S const & s) {
+                return s.bpfFilter() ? Ovel::SockFilterProgram(s.bpfFilter(), s.bpfFilterLen())
+                                     : Ovel::SockFilterProgram();
+              })
+      .scalar("initializedTxRx", &S::initializedTxRx, &S::initializedTxRxIs)
+      .callable("addIntfPam", &S::addIntfPam)
+      .callable("delIntfPam", &S::delIntfPam)
+      .callable("applyFilter", &S::applyFilter);
+});
+Intfsm::TypeRegistration registration("Interface::SimpleTxRxPktManager", nullptr, attributes);
 
 constexpr char handleReadableCountText[] = "void Interface::SimpleTxRxPktManager::VornPam::handleReadableCount()";
 }  // namespace

@@ -102,6 +102,7 @@ class SimpleTxRxPktManager : public Vorn::Entity {
 
   Vorn::Ptr<VornPam> pam(Ovel::IntfId const & intfId) const { return pam_.reactor(intfId); }
   uint32_t pams() const { return pam_.size(); }
+  auto const & pamIter() const { return pam_; }
 
   Vorn::Ptr<EthDevPamManager> const & ethDevPamManager() const { return ethDevPamManager_; }
 

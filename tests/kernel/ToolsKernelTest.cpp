@@ -550,7 +550,7 @@ TEST_F(ToolsKernelTest, AgentScriptReportsEachFailedLineAndEndsWithStatusOne) {
   for (int i = 0; i < 65536; ++i) program += "{ 0x6, 0, 0, 0xffff } ";
   std::string const script = tmp + ".script";
   std::ofstream(script) << "filter vlan 5\nfilter\nfilter " << program << "\nfilter { 0x28, 0, 0, 0xc }\nwatch E2\n"
-                        << "watch all\noper E1 testing\nshow E1\nshow E9\n";
+                        << "watch all\noper E1 testing\nshow E1\nshow E9\nshow everything\n";
   auto const r = runCommand({"ip", "netns", "exec", sw, INTFSM_AGENT_PATH, "-i", "E1=et1", "-i", "E2=pe1@" + peer, "-f", script});
   unlink(script.c_str());
   EXPECT_EQ(r.status, 1) << r.output;
@@ -567,6 +567,10 @@ TEST_F(ToolsKernelTest, AgentScriptReportsEachFailedLineAndEndsWithStatusOne) {
   }
   EXPECT_EQ(linesMatching(r.output, std::regex("^not watching E2")).size(), 2u) << r.output;
   EXPECT_THAT(r.output, testing::ContainsRegex("E1 +et1 +[0-9]+ +testing +UP +yes"));
+  // Every object reached from the agent's roots, through each attribute by name.
+  EXPECT_THAT(r.output, HasSubstr("<Interface::EthDevPamInBundleHolder E1>\n  intfId = \"E1\"\n  pam = "));
+  EXPECT_THAT(r.output, HasSubstr("    [\"E1\"] = \"et1\"\n"));
+  EXPECT_THAT(r.output, HasSubstr("  operStateConvergence = true\n"));
 }
 
 }  // namespace

@@ -21,8 +21,6 @@
 #include <iosfwd>
 #include <vector>
 
-#include "intfsm/foundation/vorn/Value.h"
-
 namespace Ovel {
 
 // One classic BPF instruction, as the kernel lays it out.
@@ -53,10 +51,3 @@ class SockFilterProgram {
 std::ostream & operator<<(std::ostream & os, SockFilterProgram const & p);
 
 }  // namespace Ovel
-
-// In generic attribute access a program is a list of instructions, each a list [code, jt, jf, k].
-template <>
-struct Vorn::ValueTraits<Ovel::SockFilterProgram> {
-  static Value to(Ovel::SockFilterProgram const & p);
-  static Ovel::SockFilterProgram from(Value const & v);
-};

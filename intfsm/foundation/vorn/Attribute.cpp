@@ -1,8 +1,10 @@
 #include "intfsm/foundation/vorn/Attribute.h"
 
 #include <map>
+#include <typeindex>
 
 #include "intfsm/foundation/vorn/Assert.h"
+#include "intfsm/foundation/vorn/Entity.h"
 
 namespace Vorn {
 
@@ -11,6 +13,10 @@ namespace {
 std::map<std::string, AttributeTable const *, std::less<>> & tables() {
   static std::map<std::string, AttributeTable const *, std::less<>> byName;
   return byName;
+}
+std::map<std::type_index, AttributeTable const *> & tablesByType() {
+  static std::map<std::type_index, AttributeTable const *> byType;
+  return byType;
 }
 }  // namespace
 
@@ -27,6 +33,9 @@ char const * attributeKindName(AttributeKind k) {
 AttributeTable::~AttributeTable() {
   auto it = tables().find(typeName_);
   if (it != tables().end() && it->second == this) tables().erase(it);
+  for (auto t = tablesByType().begin(); t != tablesByType().end();) {
+    t = t->second == this ? tablesByType().erase(t) : std::next(t);
+  }
 }
 
 AttributeTable const * AttributeTable::of(std::string_view typeName) {
@@ -34,7 +43,16 @@ AttributeTable const * AttributeTable::of(std::string_view typeName) {
   return it == tables().end() ? nullptr : it->second;
 }
 
-void AttributeTable::tableIsComplete() { tables()[typeName_] = this; }
+AttributeTable const * AttributeTable::of(Notifier const & n) {
+  if (auto const * e = dynamic_cast<Entity const *>(&n)) return of(e->vornTypeName());
+  auto it = tablesByType().find(std::type_index(typeid(n)));
+  return it == tablesByType().end() ? nullptr : it->second;
+}
+
+void AttributeTable::tableIsComplete(std::type_info const & type) {
+  tables()[typeName_] = this;
+  tablesByType()[std::type_index(type)] = this;
+}
 
 AttributeTable::Entry & AttributeTable::entryNew(char const * name, AttributeKind kind) {
   Entry & en = entries_.emplace_back();

@@ -41,6 +41,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <typeinfo>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -77,9 +78,11 @@ class AttributeTable {
   AttributeTable & operator=(AttributeTable const &) = delete;
   virtual ~AttributeTable();
 
-  // The table of a registered type name, or of an entity's type (vornTypeName()); null when none.
+  // The table of a registered type name; null when none.
   static AttributeTable const * of(std::string_view typeName);
-  static AttributeTable const * of(Notifier const & e) { return of(e.vornTypeName()); }
+  // The table of an object's type: an entity's by its vornTypeName() (so a class derived from a
+  // registered entity type has its base's table), any other notifier's by its exact C++ type.
+  static AttributeTable const * of(Notifier const & n);
 
   char const * typeName() const { return typeName_; }
   // Every attribute: the type's own, then those it inherits from the table of a base type (numbered on).
@@ -126,8 +129,8 @@ class AttributeTable {
   Entry & entryNew(char const * name, AttributeKind kind);
   // Found by name when first used, so that tables in other files need no initialisation order.
   void baseIs(char const * baseTypeName) { baseTypeName_ = baseTypeName; }
-  // Adds the table to the lookup by type name once it is complete.
-  void tableIsComplete();
+  // Adds the table to the lookups by type name and by C++ type once it is complete.
+  void tableIsComplete(std::type_info const & type);
   [[noreturn]] void notOfType(Notifier const & e) const;
 
  private:
@@ -229,7 +232,7 @@ class AttributeTableOf : public AttributeTable {
   template <class Fill>
   AttributeTableOf(char const * typeName, Fill fill) : AttributeTable(typeName) {
     fill(*this);
-    tableIsComplete();
+    tableIsComplete(typeid(T));
   }
 
   // Attributes of a registered base type that objects of T also have, after T's own.

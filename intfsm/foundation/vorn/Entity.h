@@ -18,6 +18,9 @@ class Entity : public Notifier {
   Ptr<Entity> parent() const { return Ptr<Entity>(parent_); }
   void parentIs(Ptr<Entity> const & parent);
 
+  // The fully qualified type name of the registry ("KernelOperState::Root"); empty for plain entities.
+  virtual char const * vornTypeName() const { return ""; }
+
  protected:
   explicit Entity(Name const & name) : name_(name) {}
   ~Entity() override;

@@ -154,10 +154,6 @@ class Notifiee : public Base {
 
 class Notifier : public PtrInterface {
  public:
-  // The fully qualified type name of the registry ("KernelOperState::Root"); empty for an unregistered type.
-  // Generic attribute access finds a type's table by it.
-  virtual char const * vornTypeName() const { return ""; }
-
   // Registered notifiees, live ones only.
   uint32_t notifiees() const;
   // Entries of the list, counting those removed during a dispatch and not compacted yet (diagnostics).

@@ -16,14 +16,6 @@ TypeRecord const * TypeRegistry::type(String const & name) const {
   return nullptr;
 }
 
-void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory,
-                          std::initializer_list<char const *> attributes) {
-  TypeRecord * record = const_cast<TypeRecord *>(type(name));
-  VORN_ASSERT(record != nullptr);
-  record->factory_ = factory;
-  record->attributes_.assign(attributes.begin(), attributes.end());
-}
-
 void TypeRegistry::typeIs(String const & name, TypeRecord::Factory factory, AttributeTable const & table) {
   TypeRecord * record = const_cast<TypeRecord *>(type(name));
   VORN_ASSERT(record != nullptr);

@@ -52,9 +52,8 @@ class TypeRegistry {
   // The same, with `dir` as the new entity's parent.
   Ptr<Entity> newEntityForDir(String const & typeName, Name const & name, Ptr<Entity> const & dir) const;
 
-  // Attaches a factory and the attribute names to a known type; an unknown name is a program error.
-  void typeIs(String const & name, TypeRecord::Factory factory, std::initializer_list<char const *> attributes);
-  // Attaches a factory and the attribute table (whose names become the type's attribute names).
+  // Attaches a factory and the attribute table (whose own names become the type's attribute names) to a
+  // known type; an unknown name is a program error.
   void typeIs(String const & name, TypeRecord::Factory factory, AttributeTable const & table);
 
  private:

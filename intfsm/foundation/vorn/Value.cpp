@@ -6,6 +6,7 @@
 #include <memory>
 #include <ostream>
 
+#include "intfsm/foundation/vorn/Attribute.h"
 #include "intfsm/foundation/vorn/Entity.h"
 
 namespace Vorn {
@@ -105,7 +106,8 @@ std::ostream & operator<<(std::ostream & os, Value const & v) {
     case Value::Kind::object: {
       PtrInterface const & p = *v.object();
       os << '<' << objectTypeName(p);
-      if (auto const * e = dynamic_cast<Entity const *>(&p)) os << ' ' << e->name();
+      auto const * e = dynamic_cast<Entity const *>(&p);
+      if (e && !e->name().empty()) os << ' ' << e->name();
       return os << '>';
     }
     case Value::Kind::list: {
@@ -128,8 +130,10 @@ std::string typeNameOf(std::type_info const & t) {
 }
 
 std::string objectTypeName(PtrInterface const & p) {
-  if (auto const * n = dynamic_cast<Notifier const *>(&p)) {
-    if (*n->vornTypeName()) return n->vornTypeName();
+  if (auto const * e = dynamic_cast<Entity const *>(&p)) {
+    if (*e->vornTypeName()) return e->vornTypeName();
+  } else if (auto const * n = dynamic_cast<Notifier const *>(&p)) {
+    if (AttributeTable const * t = AttributeTable::of(*n)) return t->typeName();
   }
   return typeNameOf(typeid(p));
 }

@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/ModuleTest.h"
@@ -491,12 +490,6 @@ TEST_F(EthDevPamBundleTest, ANullPamDeletesAndHoldersKeepOnePamPerDevice) {
   EXPECT_FALSE(pam->parent());
   EXPECT_FALSE(plain->pam());
 
-  auto const * type = Intfsm::typeRegistry().type("Interface::EthDevPamBundle");
-  ASSERT_TRUE(type);
-  EXPECT_EQ(type->attributes().size(), 34u);
-  EXPECT_EQ(type->attributes()[29], "schedPktDelivery");
-  EXPECT_EQ(type->attributes().back(), "rxRingFrameSize");
-  EXPECT_TRUE(Intfsm::typeRegistry().newEntity("Interface::PamDesiredIntfDir", "d"));
 }
 
 // A larger maxRxPktData after the packets were made gives every reused packet a buffer of that size,
