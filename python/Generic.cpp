@@ -81,6 +81,13 @@ Vorn::Value::List argumentsOf(py::args const & args) {
   return out;
 }
 
+// The registry's name of a notifier's type: its table's, else an entity's own.
+char const * registeredTypeName(Vorn::Notifier const & n) {
+  if (auto const * t = Vorn::AttributeTable::of(n)) return t->typeName();
+  if (auto const * e = dynamic_cast<Vorn::Entity const *>(&n)) return e->vornTypeName();
+  return "";
+}
+
 // A collection attribute of one entity, as a Python mapping by key.
 class CollectionView {
  public:
@@ -112,7 +119,7 @@ class CollectionView {
     return out;
   }
   std::string repr() const {
-    return std::string("<") + entity_->vornTypeName() + "." + table_->info(number_).name.charPtr() + ": " +
+    return std::string("<") + registeredTypeName(*entity_) + "." + table_->info(number_).name.charPtr() + ": " +
            std::to_string(size()) + " entries>";
   }
 
@@ -148,7 +155,7 @@ Vorn::Ptr<Vorn::Notifier> entityOf(py::handle self) {
 }
 
 std::string typeNameOf(py::handle self, Vorn::Notifier const * e) {
-  if (e && *e->vornTypeName()) return e->vornTypeName();
+  if (e && *registeredTypeName(*e)) return registeredTypeName(*e);
   return py::str(self.get_type().attr("__name__"));
 }
 
