@@ -230,8 +230,7 @@ void genericSet(py::handle self, std::string const & name, py::handle value) {
     }
   }
   if (hasDescriptor(self, name) || isPythonSubclass(self)) {
-    py::object base = py::module_::import("builtins").attr("object");
-    base.attr("__setattr__")(self, name, value);
+    if (PyObject_GenericSetAttr(self.ptr(), py::str(name).ptr(), value.ptr()) != 0) throw py::error_already_set();
     return;
   }
   throw py::attribute_error("'" + typeNameOf(self, e.ptr()) + "' object has no attribute '" + name + "'");
@@ -246,7 +245,7 @@ void genericDel(py::handle self, std::string const & name) {
       return;
     }
   }
-  py::module_::import("builtins").attr("object").attr("__delattr__")(self, name);
+  if (PyObject_GenericSetAttr(self.ptr(), py::str(name).ptr(), nullptr) != 0) throw py::error_already_set();
 }
 
 }  // namespace
