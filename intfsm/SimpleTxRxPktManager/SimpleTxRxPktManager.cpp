@@ -164,7 +164,10 @@ bool SimpleTxRxPktManager::applyFilter(Vorn::String const & text) {
     VORN_ASSERT(0 && "This is call is only intended for testing from python");
   }
   int const n = parseFilter(text, nullptr);
-  if (n == 0) return false;
+  if (n == 0) {
+    STRPM_TRACE(0, "Filter not parsed: not a filter program");  // scripts raise this text (Python module)
+    return false;
+  }
   std::unique_ptr<sock_filter[]> filter(new sock_filter[static_cast<size_t>(n)]);
   parseFilter(text, filter.get());
   try {  // the manager first: what it refuses (too long, or refused by the kernel) is not kept here either

@@ -3,5 +3,6 @@
 namespace Vorn {
 
 bool threadSafePointers = false;
+std::atomic<int64_t> livePtrInterfaces{0};
 
 }  // namespace Vorn

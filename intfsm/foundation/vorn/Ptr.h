@@ -24,6 +24,9 @@ namespace Vorn {
 
 // Process-wide switch: atomic reference counting. Set it before objects are shared across threads.
 extern bool threadSafePointers;
+// Allocation tracking: see PtrInterface::liveObjects. One counter in the library, also for objects
+// made by code outside it (a module built with hidden symbols would otherwise count in a copy).
+extern std::atomic<int64_t> livePtrInterfaces;
 
 class PtrInterface {
  public:
@@ -35,6 +38,10 @@ class PtrInterface {
   PtrInterface & operator=(PtrInterface const &) = delete;
 
   uint32_t references() const { return load() & countMask; }
+
+  // Allocation tracking: reference-counted objects made and not destroyed yet, in the whole process.
+  // Leak checks (the Python module's among them) compare it before and after many rounds.
+  static int64_t liveObjects() noexcept { return livePtrInterfaces.load(std::memory_order_relaxed); }
 
   bool vornMarkedForDeletion() const { return load() & markedForDeletionBit; }
   void vornMarkedForDeletionIs(bool marked) { flagIs(markedForDeletionBit, marked); }
@@ -57,8 +64,8 @@ class PtrInterface {
   }
 
  protected:
-  PtrInterface() = default;
-  virtual ~PtrInterface() = default;
+  PtrInterface() noexcept { livePtrInterfaces.fetch_add(1, std::memory_order_relaxed); }
+  virtual ~PtrInterface() { livePtrInterfaces.fetch_sub(1, std::memory_order_relaxed); }
 
   // Called when the last reference goes away.
   virtual void onZeroReferences() const { delete this; }

@@ -86,8 +86,9 @@ TEST_F(SimpleTxRxPktManagerTest, ApplyFilterSetsTheProgramKeepsItOnBadTextOrARef
     EXPECT_TRUE(held()) << bad.substr(0, 40);
   }
   EXPECT_EQ(L({trace.count("Filter parsed and set"), trace.count("Filter refused, errno 22"),
-               trace.count("Filter refused: SockFilterProgram::len > 65535 not allowed: 65536 instructions")}),
-            L({1, 1, 1}));
+               trace.count("Filter refused: SockFilterProgram::len > 65535 not allowed: 65536 instructions"),
+               trace.count("Filter not parsed: not a filter program")}),
+            L({1, 1, 1, 3}));
   // Outside a test environment it stops the process.
   EXPECT_DEATH(
       {
