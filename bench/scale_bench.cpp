@@ -165,10 +165,18 @@ double clockNow(clockid_t clock) {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
+// The thread's time in user space (the rest of its CPU time is the kernel's work for it).
+double userNow() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec) + static_cast<double>(usage.ru_utime.tv_usec) * 1e-6;
+}
+
 struct Stopwatch {
-  double wall0 = clockNow(CLOCK_MONOTONIC), cpu0 = clockNow(CLOCK_THREAD_CPUTIME_ID);
+  double wall0 = clockNow(CLOCK_MONOTONIC), cpu0 = clockNow(CLOCK_THREAD_CPUTIME_ID), user0 = userNow();
   double wall() const { return clockNow(CLOCK_MONOTONIC) - wall0; }
   double cpu() const { return clockNow(CLOCK_THREAD_CPUTIME_ID) - cpu0; }
+  double user() const { return userNow() - user0; }
 };
 
 double residentBytes() {
@@ -485,7 +493,7 @@ void runSize(int interfaces, int reps, FILE * out) {
     drainLoop();
     monitor.drain();
     auto side = [&](bool library) {
-      double cpu = 0, wall = 0;
+      double cpu = 0, wall = 0, user = 0;
       for (bool down : {true, false}) {
         Stopwatch const watch;
         for (int i = 0; i < interfaces; ++i) {
@@ -500,11 +508,13 @@ void runSize(int interfaces, int reps, FILE * out) {
         }
         cpu += watch.cpu();
         wall += watch.wall();
+        user += watch.user();
         // The stack follows the kernel's reports; untimed, and the same after either side.
         drainLoop();
         monitor.drain();
       }
-      std::fprintf(out, "%s_cpu %.9f\n%s_wall %.9f\n", library ? "burst" : "bare", cpu, library ? "burst" : "bare", wall);
+      char const * name = library ? "burst" : "bare";
+      std::fprintf(out, "%s_cpu %.9f\n%s_wall %.9f\n%s_user %.9f\n", name, cpu, name, wall, name, user);
     };
     for (int rep = 0; rep < reps; ++rep) {
       side(rep % 2 == 1);
@@ -631,6 +641,11 @@ int main(int argc, char ** argv) {
                 spread(perIntf(n, "burst_cpu"), 1e6, "%.1f").c_str(), spread(perIntf(n, "bare_cpu"), 1e6, "%.1f").c_str(),
                 spread(perIntf(n, "churn_cpu"), 1e6, "%.1f").c_str(), json(median(results[n]["resident_per_intf"]), "%.0f").c_str(),
                 json(median(results[n]["heap_per_intf"]), "%.0f").c_str());
+  }
+  std::printf("of which in user space (burst, bare), us per interface:\n");
+  for (int n : sizes) {
+    std::printf("%-10d %-22s %-22s\n", n, spread(perIntf(n, "burst_user"), 1e6, "%.1f").c_str(),
+                spread(perIntf(n, "bare_user"), 1e6, "%.1f").c_str());
   }
   std::printf("wall clock, us per interface:\n");
   for (int n : sizes) {
