@@ -234,7 +234,8 @@ void IntfStatusOperStatusSm::doSyncIntfStatus(Ovel::IntfId const & intfId) {
   VORN_ASSERT(intfStatusLocalDir());
   Vorn::Ptr<Interface::IntfStatus const> status = intfStatusDir_->intfStatus(intfId);
   if (!status) return;
-  Ovel::NamespaceName ns(Ovel::DEFAULT_NS);
+  // The default name is the shared one: a name made from its text here would cost an allocation per change.
+  Ovel::NamespaceName ns = Ovel::NamespaceName::defaultNamespace();
   if (auto local = intfStatusLocalDir_->intfStatusLocal(intfId); local && !local->netNsName().empty()) {
     ns = local->netNsName();
   }
