@@ -188,24 +188,27 @@ void IntfStatusOperStatusSm::intfStatusReconciled(Ovel::IntfId const & id, Chang
 void IntfStatusOperStatusSm::decidedAtIs(Ovel::IntfId const & id, Ovel::NamespaceName const & ns,
                                          Vorn::String const & device) {
   auto [at, added] = decidedAt_.try_emplace(id, ns, device);
-  if (added || (at->second.first == ns && at->second.second == device)) return;
-  leaveDecidedAt(id);
-  decidedAt_.emplace(id, std::pair(ns, device));
+  if (!added) {
+    if (at->second.first == ns && at->second.second == device) return;
+    leaveDecidedAt(id);
+    decidedAt_.emplace(id, std::pair(ns, device));
+  }
+  ++interfacesAt_[std::pair(ns, device)];
 }
 
 void IntfStatusOperStatusSm::decidedAtDel(Ovel::IntfId const & id) {
   if (decidedAt_.count(id)) leaveDecidedAt(id);
 }
 
-// Another interface that names the same device there keeps its decided state; a rename or a move is
-// scanned for, which is rare beside status changes.
+// Another interface that names the same device there keeps its decided state: the place is counted,
+// so that a rename or a move of every interface costs no walk over all the others.
 void IntfStatusOperStatusSm::leaveDecidedAt(Ovel::IntfId const & id) {
   auto const at = decidedAt_.find(id);
   std::pair<Ovel::NamespaceName, Vorn::String> const place = at->second;
   decidedAt_.erase(at);
-  for (auto const & [other, otherPlace] : decidedAt_) {
-    if (otherPlace == place) return;
-  }
+  auto const count = interfacesAt_.find(place);
+  if (count != interfacesAt_.end() && --count->second > 0) return;
+  if (count != interfacesAt_.end()) interfacesAt_.erase(count);
   if (kosm_) kosm_->decidedOperStateDel(place.first, place.second);
 }
 
@@ -261,7 +264,8 @@ void IntfStatusOperStatusSm::doSyncIntfStatus(Ovel::IntfId const & intfId) {
   VORN_ASSERT(intfStatusLocalDir());
   Vorn::Ptr<Interface::IntfStatus const> status = intfStatusDir_->intfStatus(intfId);
   if (!status) return;
-  Ovel::NamespaceName ns(Ovel::DEFAULT_NS);
+  // The default name is the shared one: a name made from its text here would cost an allocation per change.
+  Ovel::NamespaceName ns = Ovel::NamespaceName::defaultNamespace();
   if (auto local = intfStatusLocalDir_->intfStatusLocal(intfId); local && !local->netNsName().empty()) {
     ns = local->netNsName();
   }

@@ -169,6 +169,13 @@ class IntfStatusOperStatusSm : public Vorn::Notifier {
   bool openingAll_ = false;  // handleNsByName() runs: the caller syncs afterwards, if at all
   bool notificationActive_ = true;
   std::unordered_map<Ovel::IntfId, std::pair<Ovel::NamespaceName, Vorn::String>> decidedAt_;
+  // How many interfaces of decidedAt_ name each place.
+  struct PlaceHash {
+    size_t operator()(std::pair<Ovel::NamespaceName, Vorn::String> const & p) const noexcept {
+      return std::hash<Ovel::NamespaceName>()(p.first) * 31 + std::hash<Vorn::String>()(p.second);
+    }
+  };
+  std::unordered_map<std::pair<Ovel::NamespaceName, Vorn::String>, uint32_t, PlaceHash> interfacesAt_;
   Vorn::Ptr<VornIntfStatusDir> intfStatusDirReactor_;
   Vorn::Ptr<VornIntfStatusLocalDir> intfStatusLocalDirReactor_;
   Vorn::Ptr<VornNetNsCollection> netNsCollectionReactor_;

@@ -146,12 +146,13 @@ bool KniIntfStatusManager::present(Vorn::String const & name) const {
 Vorn::String KniIntfStatusManager::publishedName(Ovel::IntfId const & id) const {
   Vorn::String best;
   bool bestIndexed = false;
-  for (auto const & e : deviceToName_) {
-    if (!(e.value == id) || !present(e.key)) continue;
-    bool const indexed = static_cast<bool>(kernelIntfDir_->intfStatus(e.key));
-    if (best.empty() || (indexed && !bestIndexed) ||
-        (indexed == bestIndexed && e.key.stdString() < best.stdString())) {
-      best = e.key;
+  auto const names = namesOf_.find(id);
+  if (names == namesOf_.end()) return best;
+  for (Vorn::String const & name : names->second) {
+    if (!present(name)) continue;
+    bool const indexed = static_cast<bool>(kernelIntfDir_->intfStatus(name));
+    if (best.empty() || (indexed && !bestIndexed) || (indexed == bestIndexed && name.stdString() < best.stdString())) {
+      best = name;
       bestIndexed = indexed;
     }
   }
@@ -222,11 +223,26 @@ void KniIntfStatusManager::kernelOnlyInterfaceDelAll() {
 }
 
 void KniIntfStatusManager::deviceToNameIs(Vorn::String const & name, Ovel::IntfId const & id) {
+  if (Ovel::IntfId const * old = deviceToName_.find(name)) {
+    if (*old == id) return;
+    nameOfDel(*old, name);
+  }
+  namesOf_[id].push_back(name);
   setEntry(deviceToName_, name, id, &NotifieeConst::onDeviceToName);
 }
 
 void KniIntfStatusManager::deviceToNameDel(Vorn::String const & name) {
+  Ovel::IntfId const * old = deviceToName_.find(name);
+  if (!old) return;
+  nameOfDel(*old, name);
   delEntry(deviceToName_, name, &NotifieeConst::onDeviceToName);
+}
+
+void KniIntfStatusManager::nameOfDel(Ovel::IntfId const & id, Vorn::String const & name) {
+  auto const names = namesOf_.find(id);
+  if (names == namesOf_.end()) return;
+  std::erase(names->second, name);
+  if (names->second.empty()) namesOf_.erase(names);
 }
 
 }  // namespace Interface

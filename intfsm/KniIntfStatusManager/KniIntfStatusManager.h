@@ -36,6 +36,8 @@
 #pragma once
 
 #include <cstdint>
+#include <unordered_map>
+#include <vector>
 
 #include "intfsm/IntfByDevice/IntfStatusIndexDir.h"
 #include "intfsm/foundation/interface/DeviceIntfStatusDir.h"
@@ -129,6 +131,8 @@ class KniIntfStatusManager : public Vorn::Entity {
   void initializedIs(bool initialized);
   void deviceToNameIs(Vorn::String const & name, Ovel::IntfId const & id);
   void deviceToNameDel(Vorn::String const & name);
+  // Takes `name` out of namesOf_'s list for `id`.
+  void nameOfDel(Ovel::IntfId const & id, Vorn::String const & name);
 
   Vorn::Ptr<DeviceIntfStatusDir> kernelIntfStatusDir_;
   Vorn::Ptr<KernelNetInfo::Status const> kniStatus_;
@@ -139,6 +143,9 @@ class KniIntfStatusManager : public Vorn::Entity {
   Vorn::Ptr<IntfStatusIndexDir> kernelIntfDir_;
   Vorn::Collection<Vorn::String, Vorn::String> kernelOnlyInterface_;
   Vorn::Collection<Vorn::String, Ovel::IntfId> deviceToName_;
+  // deviceToName_ turned around: the device names that lead to each interface (one, but for a
+  // transient conflict), kept with it so that publishing an interface never walks every name.
+  std::unordered_map<Ovel::IntfId, std::vector<Vorn::String>> namesOf_;
   bool initialized_ = false;
   bool retired_ = false;  // unpublishAll ran: nothing is published any more
   Vorn::Ptr<VornKernelIntfDir> kernelIntfDirReactor_;

@@ -26,8 +26,12 @@ class Entity : public Notifier {
   ~Entity() override;
 
  private:
+  // Takes `child` out of children_, in any order: the list only serves to tell the children of a death.
+  void childDel(Entity * child);
+
   Name name_;
   Entity * parent_ = nullptr;
+  size_t childIndex_ = 0;  // where this entity sits in its parent's children_
   std::vector<Entity *> children_;
 };
 

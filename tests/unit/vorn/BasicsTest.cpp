@@ -2,6 +2,8 @@
 // assertion facility and fperror.
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include <cerrno>
 #include <sstream>
 
@@ -84,16 +86,23 @@ TEST(Ptr, TheLastReferenceDestroysAndTheFlagBitsNeverCount) {
 
 TEST(Entity, ParentIsNotOwnedAndClearsWhenTheParentDies) {
   auto parent = Widget::widgetNew("root");
-  auto child = Widget::widgetNew("child");
-  child->parentIs(parent);
-  EXPECT_EQ(child->parent(), parent);
-  EXPECT_EQ(parent->references(), 1u);
-  {
-    auto shortLived = Widget::widgetNew("c2");  // unlinks itself from the parent when it dies
-    shortLived->parentIs(parent);
+  auto other = Widget::widgetNew("other");
+  std::vector<Vorn::Ptr<Widget>> c;
+  for (char const * name : {"c0", "c1", "c2", "c3", "c4"}) {
+    c.push_back(Widget::widgetNew(name));
+    c.back()->parentIs(parent);
   }
+  EXPECT_EQ(c[2]->parent(), parent);
+  EXPECT_EQ(parent->references(), 1u);
+  // Children leave from anywhere: dying (they unlink themselves) or moving to another parent, also
+  // one that took a leaver's place.
+  c[1] = nullptr;
+  c[4]->parentIs(other);
+  c[0] = nullptr;
   parent = nullptr;
-  EXPECT_FALSE(child->parent());
+  EXPECT_FALSE(c[2]->parent());
+  EXPECT_FALSE(c[3]->parent());
+  EXPECT_EQ(c[4]->parent(), other);
 }
 
 TEST(AssertDeathTest, ReportsModuleExpressionAndPlace) {
