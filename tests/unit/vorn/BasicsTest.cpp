@@ -2,10 +2,9 @@
 // assertion facility and fperror.
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include <cerrno>
 #include <sstream>
+#include <vector>
 
 #include "intfsm/foundation/vorn/Assert.h"
 #include "intfsm/foundation/vorn/Fperror.h"
