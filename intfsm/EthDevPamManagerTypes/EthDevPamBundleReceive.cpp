@@ -76,7 +76,8 @@ bool EthDevPamBundle::doGetRxPktInt() {
   EDPM_TRACE(9, "recvmsg: " << length << " pkt type: " << unsigned(from.sll_pkttype) << " ifindex: " << ifIndex);
   if (length < 0) {
     EDPM_TRACE(9, "recvmsg errno: " << error);
-    if (error == EAGAIN) return false;
+    // Nothing there yet, or a signal came first: the frame, if any, is read on the next readable event.
+    if (error == EAGAIN || error == EINTR) return false;
     EDPM_TRACE(0, "recvmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                   << ")");
     rxErrorsInc(1);
@@ -242,7 +243,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   EDPM_TRACE(9, "recvmmsg:  " << received << " pkts received ");
   if (received < 0) {
     EDPM_TRACE(9, "recvmmsg errno: " << error);
-    if (error == EAGAIN) return;
+    if (error == EAGAIN || error == EINTR) return;
     EDPM_TRACE(0, "recvmmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                    << ")");
     rxErrorsInc(1);
