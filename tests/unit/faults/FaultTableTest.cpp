@@ -351,6 +351,7 @@ int const rlimitIntfSize = 19;
 
 std::vector<Row> const rows = {
     // socketAt: every step undone, the step's own errno returned.
+    {Op::socketAt, {Kind::open, ENOENT, 0, 0, blueNs}, "fails, errno 2", "", "no socket; errno ENOENT: no such namespace"},
     {Op::socketAt, {Kind::open, EACCES, 0, 0, blueNs}, "fails, errno 13", "", "no socket; errno EACCES; nothing opened"},
     {Op::socketAt, {Kind::open, EMFILE, 0, 0, blueNs}, "fails, errno 24", "", "no socket; errno EMFILE"},
     {Op::socketAt, {Kind::open, ENFILE, 0, 0, blueNs}, "fails, errno 23", "", "no socket; errno ENFILE"},
@@ -488,6 +489,8 @@ std::vector<Row> const rows = {
      "KernelNetInfo::Status sendto failed in namespace blue, errno: 12", "not enabled; socket closed, not watched"},
     {Op::kernelInfo, {Kind::poll, EINTR}, "ok", "", "enabled; the wait for the first dump goes on"},
     {Op::kernelInfo, {Kind::recvmsg, EINTR}, "ok", "", "enabled; the read goes on"},
+    {Op::kernelInfo, {Kind::recvmsg, ENOBUFS}, "ok", "KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again",
+     "enabled; events lost, a re-dump is due"},
     // An oper-state request: only a failed send is a failure; the answer is read without waiting.
     {Op::operState, {Kind::sendto, ENOBUFS}, "fails, errno 105", "", "false with errno: the socket is broken"},
     {Op::operState, {Kind::sendto, EPERM}, "fails, errno 1", "", "false with errno EPERM (no CAP_NET_ADMIN)"},
