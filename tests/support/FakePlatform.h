@@ -25,6 +25,7 @@
 // - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
 //   content). "/proc/thread-self/ns/net" is there from the start.
 // - setNetlinkOperState records the request and returns true; replace it with behaviour() to refuse.
+// - inotify_init1 and inotify_add_watch are the real calls (an inotify descriptor the loop can watch).
 // - mmap of a fake descriptor maps zeroed private memory of that length (a receive ring the kernel
 //   never fills); munmap gives back what the fake mapped. Other mappings go to the previous table.
 // A failure queued with failNext wins over the fake: the call is recorded with the
@@ -85,6 +86,8 @@ class FakePlatform {
     fopen,
     mmap,
     munmap,
+    inotify_init1,
+    inotify_add_watch,
   };
 
   // One call as the code under test made it. Field use by kind:
@@ -98,6 +101,7 @@ class FakePlatform {
   //   lstat / stat / fopen: text = path
   //   setNetlinkOperState: fd = sd; text = device name; a = tag; b = operState; result = 1 or 0
   //   mmap: fd; a = length; result = 1 (0 when it failed)        munmap: a = length
+  //   inotify_init1: a = flags        inotify_add_watch: fd; text = path; a = mask
   // `error` is the errno of a failed call, 0 otherwise.
   struct Call {
     Kind kind = Kind::socketAt;

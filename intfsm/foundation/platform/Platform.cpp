@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@ Calls makeRealCalls() {
   c.lstat = [](char const * path, struct stat * result) { return ::lstat(path, result); };
   c.stat = [](char const * path, struct stat * result) { return ::stat(path, result); };
   c.fopen = [](char const * path, char const * mode) { return std::fopen(path, mode); };
+  c.inotify_init1 = &::inotify_init1;
+  c.inotify_add_watch = &::inotify_add_watch;
   return c;
 }
 

@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 
@@ -49,6 +50,10 @@ struct Calls {
   std::function<int(char const * path, struct stat * result)> lstat;
   std::function<int(char const * path, struct stat * result)> stat;
   std::function<FILE *(char const * path, char const * mode)> fopen;
+
+  // Watching the directory of named namespaces.
+  std::function<int(int flags)> inotify_init1;
+  std::function<int(int fd, char const * path, uint32_t mask)> inotify_add_watch;
 };
 
 // The live table: what library code calls. Tests may assign its entries; whoever does restores them.

@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 #include <linux/if.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,7 @@
 #include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 #include "intfsm/foundation/kernel/KernelNetInfoStatus.h"
+#include "intfsm/foundation/kernel/KernelNetNsManager.h"
 #include "intfsm/foundation/ovel/EthDevPam.h"
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
@@ -32,6 +34,7 @@
 #include "tests/support/FakePlatform.h"
 #include "tests/support/FakeRtnetlink.h"
 #include "tests/support/ScopedLoop.h"
+#include "tests/support/TempDir.h"
 #include "tests/support/TraceCapture.h"
 
 namespace {
@@ -46,8 +49,10 @@ struct World {
   Vorn::ActivityManager loop;
   IntfsmTest::ScopedLoop scopedLoop{loop};
   FakePlatform fake;
-  IntfsmTest::TraceCapture trace{{"Ovel", 1}, {"EthDevPamManagerTypes", 1}, {"KernelNetInfo", 1}, {"Interface", 1}};
+  IntfsmTest::TraceCapture trace{
+      {"Ovel", 1}, {"EthDevPamManagerTypes", 1}, {"KernelNetInfo", 1}, {"KernelNetNsInfo", 1}, {"Interface", 1}};
   int sd = -1;  // the socket a row's text names as {sd}
+  IntfsmTest::TempDir tmp;  // {tmp} in a row's text
 };
 
 // One operation a user asks for. run() does it once and says what came of it: "ok", "fails, errno N",
@@ -301,9 +306,27 @@ struct OperStateRequest : Subject {
   World & w;
 };
 
+// The directory of named namespaces watched (one of the test's own, {tmp}/netns, as /run/netns).
+struct NamespaceWatch : Subject {
+  explicit NamespaceWatch(World & w) : w(w) { EXPECT_EQ(::mkdir(dir.c_str(), 0755), 0); }
+  ~NamespaceWatch() override { manager = nullptr; }
+  std::string run() override { return raising([&] { manager->hasNotificationActiveIs(true); }); }
+  std::string state() override {
+    std::ostringstream os;
+    os << "active " << manager->hasNotificationActive() << " watched " << manager->directoryWatched() << " watches "
+       << w.loop.watches() << " namespaces " << root->netNsByNames();
+    return os.str();
+  }
+  void undo() override { manager->hasNotificationActiveIs(false); }
+  World & w;
+  std::string const dir = w.tmp.path() + "/netns";
+  Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::Root::rootNew("netNs");
+  Ptr<KernelNetNsInfo::Manager> manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), w.loop);
+};
+
 // ---- the table ---------------------------------------------------------------------------------------
 
-enum class Op { socketAt, pamEnable, pamRead, pamReadBulk, bundleOpen, bundleClose, bundleRead, bundleReadBulk, kernelInfo, operState };
+enum class Op { socketAt, netNsWatch, pamEnable, pamRead, pamReadBulk, bundleOpen, bundleClose, bundleRead, bundleReadBulk, kernelInfo, operState };
 
 struct OpInfo {
   char const * path;
@@ -314,6 +337,7 @@ struct OpInfo {
 OpInfo const & info(Op op) {
   static OpInfo const infos[] = {
       {"namespace", "socketAt in namespace blue", [](World & w) { return std::make_unique<SocketInNamespace>(w); }},
+      {"namespace", "watch the namespace directory", [](World & w) { return std::make_unique<NamespaceWatch>(w); }},
       {"socket set-up", "enable a Pam's own socket", [](World & w) { return std::make_unique<PamOwnSocket>(w); }},
       {"receive", "read a Pam's own socket", [](World & w) { return std::make_unique<PamReceive>(w, false); }},
       {"receive", "read a Pam's own socket in bulk", [](World & w) { return std::make_unique<PamReceive>(w, true); }},
@@ -367,6 +391,23 @@ std::vector<Row> const rows = {
     {Op::socketAt, {Kind::socket, ENFILE}, "fails, errno 23", "", "no socket; the thread is back, both files closed"},
     {Op::socketAt, {Kind::socket, ENOBUFS}, "fails, errno 105", "", "no socket; the thread is back, both files closed"},
     {Op::socketAt, {Kind::socket, ENOMEM}, "fails, errno 12", "", "no socket; the thread is back, both files closed"},
+    // Watching the namespace directory: without inotify nothing is watched; without a watch, traced.
+    {Op::netNsWatch, {Kind::inotify_init1, EMFILE}, "fails, errno 24", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 24",
+     "not watching; error raised and traced"},
+    {Op::netNsWatch, {Kind::inotify_init1, ENFILE}, "fails, errno 23", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 23",
+     "not watching; error raised and traced"},
+    {Op::netNsWatch, {Kind::inotify_init1, ENOMEM}, "fails, errno 12", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 12",
+     "not watching; error raised and traced"},
+    {Op::netNsWatch, {Kind::inotify_add_watch, ENOSPC, 0, 0, "{tmp}"}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}, errno: 28; {tmp}/netns is followed only while it exists",
+     "watching, but a removed and re-made directory is not seen again (watch limit)"},
+    {Op::netNsWatch, {Kind::inotify_add_watch, ENOSPC, 0, 0, "{tmp}/netns"}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 28",
+     "namespaces found once, changes not followed (watch limit); traced"},
+    {Op::netNsWatch, {Kind::inotify_add_watch, EACCES, 0, 0, "{tmp}/netns"}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 13", "namespaces found once, changes not followed; traced"},
+    {Op::netNsWatch, {Kind::inotify_add_watch, ENOMEM, 0, 0, "{tmp}/netns"}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 12", "namespaces found once, changes not followed; traced"},
     // A Pam's own socket: one trace, the same text raised, the socket closed, the ifindex as it was.
     {Op::pamEnable, {Kind::socketAt, EPERM}, "fails, errno 1", "EthDevPam::enabled failed to create socket on et1, errno: 1",
      "not enabled (no CAP_NET_RAW); error raised and traced"},
@@ -502,6 +543,14 @@ std::vector<Row> const rows = {
      "true; the unread answer traced"},
 };
 
+// `text` with {sd} and {tmp} replaced by the row's socket and temporary directory.
+std::string expanded(std::string text, World const & w) {
+  for (auto const & [key, value] : {std::pair<std::string, std::string>{"{sd}", std::to_string(w.sd)}, {"{tmp}", w.tmp.path()}}) {
+    for (size_t at; (at = text.find(key)) != std::string::npos;) text.replace(at, key.size(), value);
+  }
+  return text;
+}
+
 // Makes the fault happen: the next matching call fails.
 void arm(World & w, Fault const & f) {
   auto once = std::make_shared<bool>(true);
@@ -516,6 +565,12 @@ void arm(World & w, Fault const & f) {
                                                                                      socklen_t * n) {
       if (l == f.level && o == f.option && *once) return *once = false, errno = f.error, -1;
       return inner(fd, l, o, v, n);
+    };
+  } else if (f.kind == Kind::inotify_add_watch) {
+    w.fake.behaviour().inotify_add_watch = [path = expanded(f.path, w), f, once,
+                                            inner = w.fake.behaviour().inotify_add_watch](int fd, char const * p, uint32_t m) {
+      if (path == p && *once) return *once = false, errno = f.error, -1;
+      return inner(fd, p, m);
     };
   } else if (f.kind == Kind::open) {
     w.fake.behaviour().open = [f, once, inner = w.fake.behaviour().open](char const * path, int flags) {
@@ -542,10 +597,6 @@ std::string levelZero(World const & w) {
   return out;
 }
 
-std::string withSd(std::string text, int sd) {
-  if (auto at = text.find("{sd}"); at != std::string::npos) text.replace(at, 4, std::to_string(sd));
-  return text;
-}
 
 // The failing call as the table names it.
 std::string callText(Row const & r) {
@@ -575,7 +626,7 @@ std::string errnoName(int error) {
   static std::pair<int, char const *> const names[] = {
       {EPERM, "EPERM"},   {ENOENT, "ENOENT"}, {EINTR, "EINTR"},   {EAGAIN, "EAGAIN"},   {ENOMEM, "ENOMEM"},
       {EACCES, "EACCES"}, {EBUSY, "EBUSY"},   {ENODEV, "ENODEV"}, {EINVAL, "EINVAL"},   {ENFILE, "ENFILE"},
-      {EMFILE, "EMFILE"}, {ENOPROTOOPT, "ENOPROTOOPT"}, {ENOBUFS, "ENOBUFS"}, {ENETDOWN, "ENETDOWN"},
+      {EMFILE, "EMFILE"}, {ENOSPC, "ENOSPC"}, {ENOPROTOOPT, "ENOPROTOOPT"}, {ENOBUFS, "ENOBUFS"}, {ENETDOWN, "ENETDOWN"},
   };
   for (auto const & [number, name] : names) {
     if (number == error) return name;
@@ -589,7 +640,8 @@ std::string markdown() {
         "Generated from the rows of tests/unit/faults/FaultTableTest.cpp (`cmake --build build --target failures-md`);\n"
         "the test fails when this file and the rows differ. Each row fails one call once; afterwards nothing is\n"
         "left open or mapped, nothing half-built is published, and the same operation succeeds again.\n"
-        "Traces are at level 0; `{sd}` stands for the socket's descriptor.\n\n"
+        "Traces are at level 0; `{sd}` stands for the socket's descriptor, `{tmp}` for the directory above the\n"
+        "watched namespace directory (`{tmp}/netns` stands for /run/netns).\n\n"
         "| Path | Operation | Failing call | errno | Result | Trace | What the user sees |\n"
         "|---|---|---|---|---|---|---|\n";
   for (Row const & r : rows) {
@@ -620,7 +672,7 @@ TEST(FaultTable, EachFailingCallLeavesNothingBehindAndTheOperationWorksAgain) {
 
       EXPECT_EQ(subject->run(), row.result);
       EXPECT_TRUE(hit(w, row.fault)) << "the fault was never reached";
-      EXPECT_EQ(levelZero(w), withSd(row.trace, w.sd));
+      EXPECT_EQ(levelZero(w), expanded(row.trace, w));
       bool const failed = std::string(row.result) != "ok";
       if (failed) {
         EXPECT_EQ(subject->state(), before);
