@@ -25,7 +25,8 @@
 // Turning following on (again) scans and reconciles: namespaces that vanished meanwhile are removed,
 // new ones added. Turning it off closes the inotify descriptor (after dropping its FileDescriptor) and
 // leaves the Root as it was. The directory is read with plain system calls, not through Platform::calls():
-// tests point a manager at a directory of their own instead (the second ManagerIs).
+// tests point a manager at a directory of their own instead (the second ManagerIs). The inotify calls
+// do go through it, so that tests can make them fail.
 // Traces go to the handle "KernelNetNsInfo".
 #pragma once
 
