@@ -91,9 +91,9 @@ std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() co
   return result;
 }
 
-void FakePlatform::failNext(Kind kind, int error, unsigned times) {
+void FakePlatform::failNext(Kind kind, int error, unsigned times, std::function<bool(Call const &)> match) {
   if (times == 0) return;
-  failures_[kind] = Failure{error, times};
+  failures_[kind] = Failure{error, times, std::move(match)};
 }
 
 std::vector<int> FakePlatform::openDescriptors() const { return {open_.begin(), open_.end()}; }
@@ -129,6 +129,7 @@ bool FakePlatform::takeFailure(Call & call) {
   auto it = failures_.find(call.kind);
   if (it == failures_.end()) return false;
   Failure & f = it->second;
+  if (f.match && !f.match(call)) return false;
   call.error = f.error;
   if (--f.times == 0) failures_.erase(it);
   return true;

@@ -51,6 +51,7 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -141,8 +142,10 @@ class FakePlatform {
   std::vector<OperStateRequest> operStateRequests() const;
   void clearCalls() { calls_.clear(); }
 
-  // The next `times` calls of `kind` fail with `error`.
-  void failNext(Kind kind, int error, unsigned times = 1);
+  // The next `times` calls of `kind` (that `match` accepts, when given) fail with `error`.
+  void failNext(Kind kind, int error, unsigned times = 1, std::function<bool(Call const &)> match = nullptr);
+  // Failures queued and not yet taken.
+  size_t failuresPending() const { return failures_.size(); }
 
   // Fake descriptors handed out and not yet closed, in ascending order.
   std::vector<int> openDescriptors() const;
@@ -180,6 +183,7 @@ class FakePlatform {
   struct Failure {
     int error = 0;
     unsigned times = 0;
+    std::function<bool(Call const &)> match;
   };
   struct Datagram {
     std::string bytes;

@@ -3,10 +3,10 @@
 // the exact level-0 traces, no descriptor or mapping left behind, nothing half-built published, and the
 // same operation working once the fault is gone. docs/failures.md is these rows printed (the test
 // fails when they differ; the target failures-md writes it again).
+#include <linux/if.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <linux/if.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
@@ -16,17 +16,14 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
-#include "intfsm/LibraryTypes.h"
 #include "intfsm/foundation/interface/NetlinkOperState.h"
 #include "intfsm/foundation/kernel/KernelNetInfoStatus.h"
 #include "intfsm/foundation/kernel/KernelNetNsManager.h"
-#include "intfsm/foundation/ovel/EthDevPam.h"
 #include "intfsm/foundation/ovel/EthDevPamInBundle.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Exception.h"
@@ -51,7 +48,7 @@ struct World {
   FakePlatform fake;
   IntfsmTest::TraceCapture trace{
       {"Ovel", 1}, {"EthDevPamManagerTypes", 1}, {"KernelNetInfo", 1}, {"KernelNetNsInfo", 1}, {"Interface", 1}};
-  int sd = -1;  // the socket a row's text names as {sd}
+  int sd = -1;              // {sd} in a row's text
   IntfsmTest::TempDir tmp;  // {tmp} in a row's text
 };
 
@@ -59,10 +56,8 @@ struct World {
 // or what a read left ("not read", with the error counter when it moved). state() is everything the
 // operation publishes; a failure must leave it as it was. undo() takes back a success.
 struct Subject {
-  virtual ~Subject() = default;
-  virtual std::string run() = 0;
-  virtual std::string state() = 0;
-  virtual void undo() {}
+  std::function<std::string()> run, state = [] { return std::string(); };
+  std::function<void()> undo = [] {};
 };
 
 std::string failsWith(int error) { return "fails, errno " + std::to_string(error); }
@@ -87,552 +82,453 @@ struct Reader : Ovel::Pam::NotifieeConst {
   int frames = 0;
 };
 
+Ovel::SockFilterProgram const acceptAll{{BPF_RET | BPF_K, 0, 0, 0xffff}};
+
 // ---- the operations ----------------------------------------------------------------------------------
 
 // A socket in the namespace "blue", through socketAt's own body. Closing leaves EBADF in errno, so a
 // failed step must keep its own.
-struct SocketInNamespace : Subject {
-  explicit SocketInNamespace(World & w) : w(w) {
-    w.fake.behaviour().socketAt = [](int d, int t, int p, char const * ns) {
-      return Ovel::socketAtThrough(Platform::calls(), d, t, p, ns);
-    };
-    w.fake.behaviour().close = [inner = w.fake.behaviour().close](int fd) {
-      int const r = inner(fd);
-      errno = EBADF;
-      return r;
-    };
-    w.fake.namespaceIs("blue");
-  }
-  std::string run() override {
+Subject socketInNamespace(World & w) {
+  w.fake.behaviour().socketAt = [](int d, int t, int p, char const * ns) {
+    return Ovel::socketAtThrough(Platform::calls(), d, t, p, ns);
+  };
+  w.fake.behaviour().close = [inner = w.fake.behaviour().close](int fd) {
+    int const result = inner(fd);
+    errno = EBADF;
+    return result;
+  };
+  w.fake.namespaceIs("blue");
+  return {[] {
     errno = 0;
     int const sd = Ovel::socketAt(AF_PACKET, SOCK_RAW, 0, "blue");
-    if (sd < 0) return failsWith(errno);
-    Platform::calls().close(sd);
-    return "ok";
-  }
-  std::string state() override { return ""; }
-  World & w;
-};
+    return sd < 0 ? failsWith(errno) : (Platform::calls().close(sd), "ok");
+  }};
+}
+
+// The directory of named namespaces watched (one of the test's own, {tmp}/netns, as /run/netns).
+Subject namespaceWatch(World & w) {
+  std::string const dir = w.tmp.path() + "/netns";
+  EXPECT_EQ(::mkdir(dir.c_str(), 0755), 0);
+  auto root = KernelNetNsInfo::Root::rootNew("netNs");
+  auto manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), w.loop);
+  return {[manager] { return raising([&] { manager->hasNotificationActiveIs(true); }); },
+          [&w, manager, root] {
+            return "active " + std::to_string(manager->hasNotificationActive()) + " watched " +
+                   std::to_string(manager->directoryWatched()) + " watches " + std::to_string(w.loop.watches()) +
+                   " namespaces " + std::to_string(root->netNsByNames());
+          },
+          [manager] { manager->hasNotificationActiveIs(false); }};
+}
 
 // A Pam with a socket of its own, every option on, its ifindex looked up by name.
-struct PamOwnSocket : Subject {
-  explicit PamOwnSocket(World & w) : w(w) {
-    w.fake.realSocketsIs(true);
-    w.fake.behaviour().ioctl = [](int, unsigned long request, void * argument) {
-      static_cast<ifreq *>(argument)->ifr_ifindex = 7;
-      return request == SIOCGIFINDEX ? 0 : (errno = ENOTTY, -1);
-    };
-    pam->perIntfSocketIs(true);
-    pam->separateDot1QHdrIs(true);
-    pam->sockPrioIs(5);
-    pam->sockRcvBufIs(1 << 20);
-    pam->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
-    pam->broadcastIs(true);
-    pam->allMulticastIs(true);
-  }
-  std::string run() override {
-    std::string const result = raising([&] { pam->enabledIs(true); });
-    w.sd = pam->sd();
-    return result;
-  }
-  std::string state() override {
-    return "enabled " + std::to_string(pam->enabled()) + " sd " + std::to_string(pam->sd()) + " ifIndex " +
-           std::to_string(pam->ifIndex()) + " watches " + std::to_string(w.loop.watches());
-  }
-  void undo() override { pam->enabledIs(false); }
-  World & w;
+Ptr<Ovel::EthDevPam> ownSocketPam(World & w) {
+  w.fake.realSocketsIs(true);  // watched on the loop
+  w.fake.behaviour().ioctl = [](int, unsigned long request, void * argument) {
+    static_cast<ifreq *>(argument)->ifr_ifindex = 7;
+    return request == SIOCGIFINDEX ? 0 : (errno = ENOTTY, -1);
+  };
   Ptr<Ovel::EthDevPam> pam = new Ovel::EthDevPam("et1");
-};
+  pam->perIntfSocketIs(true);
+  pam->separateDot1QHdrIs(true);
+  pam->sockPrioIs(5);
+  pam->sockRcvBufIs(1 << 20);
+  pam->filterProgramIs(acceptAll);
+  pam->broadcastIs(true);
+  pam->allMulticastIs(true);
+  return pam;
+}
+
+// Enabling it.
+Subject pamEnable(World & w) {
+  Ptr<Ovel::EthDevPam> pam = ownSocketPam(w);
+  return {[&w, pam] {
+            std::string const result = raising([&] { pam->enabledIs(true); });
+            w.sd = pam->sd();
+            return result;
+          },
+          [&w, pam] {
+            return "enabled " + std::to_string(pam->enabled()) + " sd " + std::to_string(pam->sd()) + " ifIndex " +
+                   std::to_string(pam->ifIndex()) + " watches " + std::to_string(w.loop.watches());
+          },
+          [pam] { pam->enabledIs(false); }};
+}
+
+// Another filter for its open socket: the one in force stays when the kernel refuses it.
+Subject pamFilter(World & w) {
+  Ptr<Ovel::EthDevPam> pam = ownSocketPam(w);
+  pam->enabledIs(true);
+  Ovel::SockFilterProgram const dropAll{{BPF_RET | BPF_K, 0, 0, 0}};
+  return {[pam, dropAll] { return raising([&] { pam->filterProgramIs(dropAll); }); },
+          [pam] { return "filter of " + std::to_string(pam->filterProgram().len()) + " returning " +
+                         std::to_string(pam->filterProgram().filter()[0].k); },
+          [pam] { pam->filterProgramIs(acceptAll); }};
+}
 
 // A frame waiting on a Pam's own socket, read when the loop sees it readable.
-struct PamReceive : Subject {
-  PamReceive(World & w, bool bulk) : w(w) {
-    w.fake.realSocketsIs(true);
-    pam->ifIndexIs(7);
-    pam->perIntfSocketIs(true);
-    pam->pktReuseIs(bulk);
-    pam->enableBulkPamReadIs(bulk);
-    pam->enabledIs(true);
-    w.sd = pam->sd();
-    reader = new Reader(pam);
-    sockaddr_storage from{};
-    reinterpret_cast<sockaddr_ll &>(from) = sockaddr_ll{AF_PACKET, 0, 7, 0, PACKET_HOST, 0, {}};
-    w.fake.queueDatagram(pam->sd(), std::string(60, 'f'), &from);
-  }
-  std::string run() override {
-    uint32_t const errors = pam->rxErrors();
-    int const before = reader->frames;
-    w.loop.runOnce(0);
-    if (reader->frames > before) return "ok";
-    return pam->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
-  }
-  std::string state() override { return "frames " + std::to_string(reader->frames); }
-  World & w;
+Subject pamReceive(World & w, bool bulk) {
+  w.fake.realSocketsIs(true);
   Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("et1");
-  Ptr<Reader> reader;
-};
+  pam->ifIndexIs(7);
+  pam->perIntfSocketIs(true);
+  pam->pktReuseIs(bulk);
+  pam->enableBulkPamReadIs(bulk);
+  pam->enabledIs(true);
+  w.sd = pam->sd();
+  Ptr<Reader> reader = new Reader(pam);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from) = sockaddr_ll{AF_PACKET, 0, 7, 0, PACKET_HOST, 0, {}};
+  w.fake.queueDatagram(pam->sd(), std::string(60, 'f'), &from);
+  return {[&w, pam, reader] {
+            uint32_t const errors = pam->rxErrors();
+            int const before = reader->frames;
+            w.loop.runOnce(0);
+            return reader->frames > before ? "ok" : pam->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
+          },
+          [reader] { return "frames " + std::to_string(reader->frames); }};
+}
 
-// The first interface of a bundle opens its shared socket, with a receive ring and every option on.
-struct BundleSocket : Subject {
-  explicit BundleSocket(World & w) : w(w) {
+// A bundle of interfaces sharing sockets, with a receive ring and every option on.
+struct Bundle {
+  explicit Bundle(World & w) {
     w.fake.realSocketsIs(true);  // watched on the loop
+    w.fake.fileIs("/proc/net/packet_rlimit_stats");
     bundle->ethProtocolIs(0x88b5);
     bundle->separateDot1QHdrIs(true);
     bundle->sockPrioIs(3);
     bundle->broadcastIs(true);
     bundle->rxRingIs(true);
-    bundle->filterProgramIs(Ovel::SockFilterProgram{{BPF_RET | BPF_K, 0, 0, 0xffff}});
-    w.fake.fileIs("/proc/net/packet_rlimit_stats");
+    bundle->filterProgramIs(acceptAll);
   }
-  std::string run() override {
-    std::string const result = raising([&] { bundle->doGetSd("et1"); });
-    auto const opened = w.fake.calls(Kind::socketAt);
-    w.sd = opened.empty() ? -1 : int(opened.back().result);
-    return result;
-  }
-  std::string state() override {
-    std::ostringstream os;
-    os << "sd " << bundle->sd() << " refs " << bundle->sdRef() << " rcvbuf " << bundle->sockRcvBuf() << "/"
-       << bundle->perIntfSockRcvBuf() << "/" << bundle->allocRcvBuf() << " watched " << bool(bundle->fileDesc())
-       << " ring " << bundle->rxRingMapped(bundle->sd());
-    return os.str();
-  }
-  void undo() override { bundle->doUnrefSd(bundle->sd()); }
-  World & w;
-  Ptr<Interface::PamDesiredIntfDir> desired = Interface::pamDesiredIntfDirFactory("desired");
   Ptr<Interface::DeviceIntfStatusDir> devices = Interface::deviceIntfStatusDirFactory("devices");
   Ptr<Interface::EthDevPamCollection> pams = Interface::ethDevPamCollectionFactory("pams");
-  Ptr<Interface::EthDevPamBundle> bundle = new Interface::EthDevPamBundle(desired, devices, pams);
+  Ptr<Interface::EthDevPamBundle> bundle =
+      new Interface::EthDevPamBundle(Interface::pamDesiredIntfDirFactory("desired"), devices, pams);
 };
 
-// The last interface of a bundle with a receive ring leaves: the ring is unmapped, the socket closed.
-struct BundleClose : BundleSocket {
-  explicit BundleClose(World & w) : BundleSocket(w) { sd = bundle->doGetSd("et1"); }
-  std::string run() override {
-    if (bundle->sd() < 0) sd = bundle->doGetSd("et1");
-    w.sd = sd;
-    bundle->doUnrefSd(sd);
-    return bundle->sd() < 0 ? "ok" : "still open";
-  }
-  std::string state() override { return "sd " + std::to_string(bundle->sd()); }
-  void undo() override {}
-  int sd = -1;
-};
+// The first interface of the bundle opens its shared socket.
+Subject bundleOpen(World & w) {
+  auto b = std::make_shared<Bundle>(w);
+  return {[&w, b] {
+            std::string const result = raising([&] { b->bundle->doGetSd("et1"); });
+            auto const opened = w.fake.calls(Kind::socketAt);
+            w.sd = opened.empty() ? -1 : int(opened.back().result);
+            return result;
+          },
+          [b] {
+            auto const & x = *b->bundle;
+            std::ostringstream os;
+            os << "sd " << x.sd() << " refs " << x.sdRef() << " rcvbuf " << x.sockRcvBuf() << "/" << x.perIntfSockRcvBuf()
+               << "/" << x.allocRcvBuf() << " watched " << bool(x.fileDesc()) << " ring " << x.rxRingMapped(x.sd());
+            return os.str();
+          },
+          [b] { b->bundle->doUnrefSd(b->bundle->sd()); }};
+}
 
-// A frame on a bundle's shared socket, found its Pam by ifindex.
-struct BundleReceive : BundleSocket {
-  BundleReceive(World & w, bool bulk) : BundleSocket(w) {
-    w.sd = w.fake.behaviour().socketAt(0, 0, 0, nullptr);
-    devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
-    pam->ifIndexIs(7);
-    pam->sdIs(w.sd);
-    pam->enabledIs(true);
-    pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
-    reader = new Reader(pam);
-    bundle->pktReuseIs(bulk);
-    bundle->enableBulkPamReadIs(bulk);
-    bundle->enabledIs(true);
-    bundle->currActiveSdIs(w.sd);
-    sockaddr_storage from{};
-    reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
-    w.fake.queueDatagram(w.sd, std::string(60, 'f'), &from);
-  }
-  ~BundleReceive() override { Platform::calls().close(w.sd); }  // the manager's socket, not the bundle's
-  std::string run() override {
-    uint32_t const errors = bundle->rxErrors();
-    int const before = reader->frames;
-    bundle->doGetRxPkt();
-    if (reader->frames > before) return "ok";
-    return bundle->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
-  }
-  std::string state() override { return "frames " + std::to_string(reader->frames); }
-  void undo() override {}
+// The last interface of the bundle leaves: the ring is unmapped, the socket closed.
+Subject bundleClose(World & w) {
+  auto b = std::make_shared<Bundle>(w);
+  return {[&w, b] {
+            w.sd = b->bundle->doGetSd("et1");
+            b->bundle->doUnrefSd(w.sd);
+            return b->bundle->sd() < 0 ? "ok" : "still open";
+          },
+          [b] { return "sd " + std::to_string(b->bundle->sd()); }};
+}
+
+// A program tried on a scratch socket of the bundle's namespace before it is taken.
+Subject bundleFilterTry(World & w) {
+  auto b = std::make_shared<Bundle>(w);
+  return {[b] { return raising([&] { b->bundle->filterProgramTry(acceptAll); }); }};
+}
+
+// A frame on the bundle's shared socket, taken to its Pam by ifindex.
+Subject bundleReceive(World & w, bool bulk) {
+  auto b = std::make_shared<Bundle>(w);
+  w.sd = w.fake.behaviour().socketAt(0, 0, 0, nullptr);  // the manager's socket: closed by the test
+  b->devices->intfStatusByIfIndexIs(7, {nullptr, "cpu", 7});
   Ptr<Ovel::EthDevPamInBundle> pam = new Ovel::EthDevPamInBundle("cpu");
-  Ptr<Reader> reader;
-};
+  pam->ifIndexIs(7);
+  pam->sdIs(w.sd);
+  pam->enabledIs(true);
+  b->pams->intfPamIs(Ovel::IntfId("Cpu"), pam);
+  Ptr<Reader> reader = new Reader(pam);
+  b->bundle->pktReuseIs(bulk);
+  b->bundle->enableBulkPamReadIs(bulk);
+  b->bundle->enabledIs(true);
+  b->bundle->currActiveSdIs(w.sd);
+  sockaddr_storage from{};
+  reinterpret_cast<sockaddr_ll &>(from).sll_ifindex = 7;
+  w.fake.queueDatagram(w.sd, std::string(60, 'f'), &from);
+  auto const closer = std::shared_ptr<void>(nullptr, [sd = w.sd](void *) { Platform::calls().close(sd); });
+  return {[b, reader, closer] {
+            uint32_t const errors = b->bundle->rxErrors();
+            int const before = reader->frames;
+            b->bundle->doGetRxPkt();
+            return reader->frames > before ? "ok" : b->bundle->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
+          },
+          [reader] { return "frames " + std::to_string(reader->frames); }};
+}
 
-// The kernel information of the namespace "blue": subscribed, dumped, watched.
-struct KernelInfo : Subject {
-  explicit KernelInfo(World & w) : w(w) {
+// The kernel information of the namespace "blue", as a kernel answering its requests has it.
+struct KernelInfo {
+  explicit KernelInfo(World & w) : kernel(w.fake) {
     kernel.linkIs(1, IFF_UP | IFF_LOOPBACK | IFF_RUNNING, "lo");
     kernel.linkIs(3, IFF_UP, "va0");
   }
-  ~KernelInfo() override { status = nullptr; }
-  std::string run() override {
-    std::string const result = raising([&] { status->enabledIs(true); });
-    w.sd = status->descriptor();
-    return result;
-  }
-  std::string state() override {
+  ~KernelInfo() { status = nullptr; }
+  std::string state(World const & w) const {
     std::ostringstream os;
     os << "enabled " << status->enabled() << " open " << (status->descriptor() >= 0) << " synced " << status->synced()
-       << " devices " << status->root()->interfaceByIfIndexs() << " watches " << w.loop.watches();
+       << " devices " << status->root()->interfaceByIfIndexs() << " watches " << w.loop.watches() << " rcvbuf "
+       << status->rcvBufBytes();
     return os.str();
   }
-  void undo() override { status->enabledIs(false); }
-  World & w;
-  IntfsmTest::FakeRtnetlink kernel{w.fake};
+  IntfsmTest::FakeRtnetlink kernel;
   Ptr<KernelNetInfo::Status> status =
-      KernelNetInfo::Status::statusNew("kni", Ovel::NamespaceName(Vorn::String("blue")), nullptr, w.loop);
+      KernelNetInfo::Status::statusNew("kni", Ovel::NamespaceName(Vorn::String("blue")), nullptr, Vorn::activityManager());
 };
 
+// Enabling it: subscribed, dumped, watched.
+Subject kernelInfoEnable(World & w) {
+  auto k = std::make_shared<KernelInfo>(w);
+  return {[&w, k] {
+            std::string const result = raising([&] { k->status->enabledIs(true); });
+            w.sd = k->status->descriptor();
+            return result;
+          },
+          [&w, k] { return k->state(w); }, [k] { k->status->enabledIs(false); }};
+}
+
+// Its receive buffer grown while it is open.
+Subject kernelInfoRcvBuf(World & w) {
+  auto k = std::make_shared<KernelInfo>(w);
+  k->status->enabledIs(true);
+  uint32_t const before = k->status->rcvBufBytes();
+  return {[k] { return raising([&] { k->status->rcvBufBytesIs(16 << 20); }); }, [&w, k] { return k->state(w); },
+          [k, before] { k->status->rcvBufBytesIs(before); }};
+}
+
 // An oper-state request for et1 over a netlink socket, the kernel answering it at once.
-struct OperStateRequest : Subject {
-  explicit OperStateRequest(World & w) : w(w) {
-    w.fake.behaviour().setNetlinkOperState = &Interface::sendNetlinkOperState;
-    w.sd = Platform::calls().socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
-    w.fake.behaviour().sendto = [this, inner = w.fake.behaviour().sendto](int fd, void const * data, size_t length,
-                                                                         int flags, sockaddr const * to, socklen_t n) {
-      struct {
-        nlmsghdr header;
-        nlmsgerr error;
-      } ack{{sizeof ack, NLMSG_ERROR, 0, static_cast<nlmsghdr const *>(data)->nlmsg_seq, 0}, {}};
-      this->w.fake.queueDatagram(fd, std::string(reinterpret_cast<char const *>(&ack), sizeof ack));
-      return inner(fd, data, length, flags, to, n);
-    };
-  }
-  ~OperStateRequest() override { Platform::calls().close(w.sd); }
-  std::string run() override {
+Subject operState(World & w) {
+  w.fake.behaviour().setNetlinkOperState = &Interface::sendNetlinkOperState;
+  w.sd = Platform::calls().socket(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
+  w.fake.behaviour().sendto = [&w, inner = w.fake.behaviour().sendto](int fd, void const * data, size_t length,
+                                                                      int flags, sockaddr const * to, socklen_t n) {
+    struct {
+      nlmsghdr header;
+      nlmsgerr error;
+    } ack{{sizeof ack, NLMSG_ERROR, 0, static_cast<nlmsghdr const *>(data)->nlmsg_seq, 0}, {}};
+    w.fake.queueDatagram(fd, std::string(reinterpret_cast<char const *>(&ack), sizeof ack));
+    return inner(fd, data, length, flags, to, n);
+  };
+  auto const closer = std::shared_ptr<void>(nullptr, [sd = w.sd](void *) { Platform::calls().close(sd); });
+  return {[&w, closer] {
     errno = 0;
     bool const sent = Interface::doSetNetlinkOperState(w.sd, "et1", 111, IF_OPER_UP);
     int const error = errno;
-    while (w.fake.queuedDatagrams(w.sd)) {  // an answer left unread is the next request's to drain
-      msghdr m{};
-      Platform::calls().recvmsg(w.sd, &m, MSG_DONTWAIT);
-    }
+    for (msghdr m{}; w.fake.queuedDatagrams(w.sd);) Platform::calls().recvmsg(w.sd, &m, MSG_DONTWAIT);  // unread answers
     return sent ? "ok" : failsWith(error);
-  }
-  std::string state() override { return ""; }
-  World & w;
-};
-
-// The directory of named namespaces watched (one of the test's own, {tmp}/netns, as /run/netns).
-struct NamespaceWatch : Subject {
-  explicit NamespaceWatch(World & w) : w(w) { EXPECT_EQ(::mkdir(dir.c_str(), 0755), 0); }
-  ~NamespaceWatch() override { manager = nullptr; }
-  std::string run() override { return raising([&] { manager->hasNotificationActiveIs(true); }); }
-  std::string state() override {
-    std::ostringstream os;
-    os << "active " << manager->hasNotificationActive() << " watched " << manager->directoryWatched() << " watches "
-       << w.loop.watches() << " namespaces " << root->netNsByNames();
-    return os.str();
-  }
-  void undo() override { manager->hasNotificationActiveIs(false); }
-  World & w;
-  std::string const dir = w.tmp.path() + "/netns";
-  Ptr<KernelNetNsInfo::Root> root = KernelNetNsInfo::Root::rootNew("netNs");
-  Ptr<KernelNetNsInfo::Manager> manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), w.loop);
-};
+  }};
+}
 
 // ---- the table ---------------------------------------------------------------------------------------
 
-enum class Op { socketAt, netNsWatch, pamEnable, pamRead, pamReadBulk, bundleOpen, bundleClose, bundleRead, bundleReadBulk, kernelInfo, operState };
-
-struct OpInfo {
+struct Operation {
   char const * path;
   char const * name;
-  std::function<std::unique_ptr<Subject>(World &)> make;
+  std::function<Subject(World &)> make;
 };
 
-OpInfo const & info(Op op) {
-  static OpInfo const infos[] = {
-      {"namespace", "socketAt in namespace blue", [](World & w) { return std::make_unique<SocketInNamespace>(w); }},
-      {"namespace", "watch the namespace directory", [](World & w) { return std::make_unique<NamespaceWatch>(w); }},
-      {"socket set-up", "enable a Pam's own socket", [](World & w) { return std::make_unique<PamOwnSocket>(w); }},
-      {"receive", "read a Pam's own socket", [](World & w) { return std::make_unique<PamReceive>(w, false); }},
-      {"receive", "read a Pam's own socket in bulk", [](World & w) { return std::make_unique<PamReceive>(w, true); }},
-      {"socket set-up, ring", "open a bundle socket (ring on)", [](World & w) { return std::make_unique<BundleSocket>(w); }},
-      {"ring", "close a bundle socket (ring on)", [](World & w) { return std::make_unique<BundleClose>(w); }},
-      {"receive", "read a bundle socket", [](World & w) { return std::make_unique<BundleReceive>(w, false); }},
-      {"receive", "read a bundle socket in bulk", [](World & w) { return std::make_unique<BundleReceive>(w, true); }},
-      {"netlink", "enable the kernel information of blue", [](World & w) { return std::make_unique<KernelInfo>(w); }},
-      {"netlink", "set et1's oper-state", [](World & w) { return std::make_unique<OperStateRequest>(w); }},
-  };
-  return infos[static_cast<size_t>(op)];
-}
+Operation const socketAt{"namespace", "socketAt in namespace blue", socketInNamespace};
+Operation const netNsWatch{"namespace", "watch the namespace directory", namespaceWatch};
+Operation const pamOpen{"socket set-up", "enable a Pam's own socket", pamEnable};
+Operation const pamNewFilter{"socket set-up", "replace the filter of a Pam's open socket", pamFilter};
+Operation const pamRead{"receive", "read a Pam's own socket", [](World & w) { return pamReceive(w, false); }};
+Operation const pamReadBulk{"receive", "read a Pam's own socket in bulk", [](World & w) { return pamReceive(w, true); }};
+Operation const bundleSocket{"socket set-up, ring", "open a bundle socket (ring on)", bundleOpen};
+Operation const bundleFilter{"socket set-up", "try a filter for a bundle", bundleFilterTry};
+Operation const bundleRelease{"ring", "close a bundle socket (ring on)", bundleClose};
+Operation const bundleRead{"receive", "read a bundle socket", [](World & w) { return bundleReceive(w, false); }};
+Operation const bundleReadBulk{"receive", "read a bundle socket in bulk", [](World & w) { return bundleReceive(w, true); }};
+Operation const kniEnable{"netlink", "enable the kernel information of blue", kernelInfoEnable};
+Operation const kniRcvBuf{"netlink", "grow the kernel information's receive buffer", kernelInfoRcvBuf};
+Operation const operStateSet{"netlink", "set et1's oper-state", operState};
 
-// The call that fails: of `kind`, for setsockopt and getsockopt only `option` of `level`, for open only
-// `path`; once.
-struct Fault {
+// The call that fails: of `kind`; for setsockopt and getsockopt only `option` of `level` (named `what`),
+// for open and inotify_add_watch only the path `what`.
+struct Call {
   Kind kind;
-  int error;
-  int level = 0;
-  int option = 0;
-  char const * path = nullptr;
+  char const * what = nullptr;
+  int level = 0, option = 0;
+};
+#define OPTION(kind, level, option) Call{Kind::kind, #option, level, option}
+int const PACKET_RLIMIT_INTF_SIZE = 19;  // the per-interface limit of kernels that have one
+
+// Rows that differ only in the errno. `result` "fails" is "fails, errno N"; in `trace` {errno} and
+// {strerror} are the row's errno as a number and as text, " | " separates traces.
+struct Rows {
+  Operation const * op;
+  Call call;
+  std::vector<int> errors;
+  char const * result;
+  char const * trace;
+  char const * sees;
 };
 
-struct Row {
-  Op op;
-  Fault fault;
-  char const * result;  // what run() says
-  char const * trace;   // the level-0 traces, " | " between them; {sd} is the socket
-  char const * sees;    // what the user sees, in a line
-};
-
-char const * const blueNs = "/run/netns/blue";
-char const * const ownNs = "/proc/thread-self/ns/net";
-int const rlimitIntfSize = 19;
-
-std::vector<Row> const rows = {
-    // socketAt: every step undone, the step's own errno returned.
-    {Op::socketAt, {Kind::open, ENOENT, 0, 0, blueNs}, "fails, errno 2", "", "no socket; errno ENOENT: no such namespace"},
-    {Op::socketAt, {Kind::open, EACCES, 0, 0, blueNs}, "fails, errno 13", "", "no socket; errno EACCES; nothing opened"},
-    {Op::socketAt, {Kind::open, EMFILE, 0, 0, blueNs}, "fails, errno 24", "", "no socket; errno EMFILE"},
-    {Op::socketAt, {Kind::open, ENFILE, 0, 0, blueNs}, "fails, errno 23", "", "no socket; errno ENFILE"},
-    {Op::socketAt, {Kind::open, ENOMEM, 0, 0, blueNs}, "fails, errno 12", "", "no socket; errno ENOMEM"},
-    {Op::socketAt, {Kind::open, EMFILE, 0, 0, ownNs}, "fails, errno 24", "", "no socket; the namespace file is closed again"},
-    {Op::socketAt, {Kind::open, ENFILE, 0, 0, ownNs}, "fails, errno 23", "", "no socket; the namespace file is closed again"},
-    {Op::socketAt, {Kind::setns, EPERM}, "fails, errno 1", "", "no socket; both namespace files closed, thread not moved"},
-    {Op::socketAt, {Kind::setns, EINVAL}, "fails, errno 22", "", "no socket; both namespace files closed"},
-    {Op::socketAt, {Kind::setns, ENOMEM}, "fails, errno 12", "", "no socket; both namespace files closed"},
-    {Op::socketAt, {Kind::socket, EPERM}, "fails, errno 1", "", "no socket; the thread is back in its namespace"},
-    {Op::socketAt, {Kind::socket, EACCES}, "fails, errno 13", "", "no socket; the thread is back in its namespace"},
-    {Op::socketAt, {Kind::socket, EMFILE}, "fails, errno 24", "", "no socket; the thread is back, both files closed"},
-    {Op::socketAt, {Kind::socket, ENFILE}, "fails, errno 23", "", "no socket; the thread is back, both files closed"},
-    {Op::socketAt, {Kind::socket, ENOBUFS}, "fails, errno 105", "", "no socket; the thread is back, both files closed"},
-    {Op::socketAt, {Kind::socket, ENOMEM}, "fails, errno 12", "", "no socket; the thread is back, both files closed"},
-    // Watching the namespace directory: without inotify nothing is watched; without a watch, traced.
-    {Op::netNsWatch, {Kind::inotify_init1, EMFILE}, "fails, errno 24", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 24",
-     "not watching; error raised and traced"},
-    {Op::netNsWatch, {Kind::inotify_init1, ENFILE}, "fails, errno 23", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 23",
-     "not watching; error raised and traced"},
-    {Op::netNsWatch, {Kind::inotify_init1, ENOMEM}, "fails, errno 12", "KernelNetNsInfo::Manager inotify_init1 failed, errno: 12",
-     "not watching; error raised and traced"},
-    {Op::netNsWatch, {Kind::inotify_add_watch, ENOSPC, 0, 0, "{tmp}"}, "ok",
-     "KernelNetNsInfo::Manager cannot watch {tmp}, errno: 28; {tmp}/netns is followed only while it exists",
-     "watching, but a removed and re-made directory is not seen again (watch limit)"},
-    {Op::netNsWatch, {Kind::inotify_add_watch, ENOSPC, 0, 0, "{tmp}/netns"}, "ok",
-     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 28",
-     "namespaces found once, changes not followed (watch limit); traced"},
-    {Op::netNsWatch, {Kind::inotify_add_watch, EACCES, 0, 0, "{tmp}/netns"}, "ok",
-     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 13", "namespaces found once, changes not followed; traced"},
-    {Op::netNsWatch, {Kind::inotify_add_watch, ENOMEM, 0, 0, "{tmp}/netns"}, "ok",
-     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: 12", "namespaces found once, changes not followed; traced"},
-    // A Pam's own socket: one trace, the same text raised, the socket closed, the ifindex as it was.
-    {Op::pamEnable, {Kind::socketAt, EPERM}, "fails, errno 1", "EthDevPam::enabled failed to create socket on et1, errno: 1",
-     "not enabled (no CAP_NET_RAW); error raised and traced"},
-    {Op::pamEnable, {Kind::socketAt, EMFILE}, "fails, errno 24", "EthDevPam::enabled failed to create socket on et1, errno: 24",
-     "not enabled; error raised and traced"},
-    {Op::pamEnable, {Kind::socketAt, ENFILE}, "fails, errno 23", "EthDevPam::enabled failed to create socket on et1, errno: 23",
-     "not enabled; error raised and traced"},
-    {Op::pamEnable, {Kind::socketAt, ENOBUFS}, "fails, errno 105", "EthDevPam::enabled failed to create socket on et1, errno: 105",
-     "not enabled; error raised and traced"},
-    {Op::pamEnable, {Kind::ioctl, ENODEV}, "fails, errno 19", "EthDevPam::enabled failed to find ifindex on et1, errno: 19",
+std::vector<Rows> const table = {
+    {&socketAt, {Kind::open, "/run/netns/blue"}, {ENOENT, EACCES, EMFILE, ENFILE, ENOMEM}, "fails", "",
+     "no socket, its errno returned; nothing left open"},
+    {&socketAt, {Kind::open, "/proc/thread-self/ns/net"}, {EMFILE, ENFILE}, "fails", "",
+     "no socket, its errno returned; the namespace file closed again"},
+    {&socketAt, {Kind::setns}, {EPERM, EINVAL, ENOMEM}, "fails", "",
+     "no socket, its errno returned; the thread not moved, both files closed"},
+    {&socketAt, {Kind::socket}, {EPERM, EACCES, EMFILE, ENFILE, ENOBUFS, ENOMEM}, "fails", "",
+     "no socket, its errno returned; the thread back in its namespace, both files closed"},
+    {&netNsWatch, {Kind::inotify_init1}, {EMFILE, ENFILE, ENOMEM}, "fails",
+     "KernelNetNsInfo::Manager inotify_init1 failed, errno: {errno}", "not following namespaces; raised and traced"},
+    {&netNsWatch, {Kind::inotify_add_watch, "{tmp}"}, {ENOSPC}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}, errno: {errno}; {tmp}/netns is followed only while it exists",
+     "namespaces followed; the directory's removal and re-creation are not"},
+    {&netNsWatch, {Kind::inotify_add_watch, "{tmp}/netns"}, {ENOSPC, EACCES, ENOMEM}, "ok",
+     "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: {errno}",
+     "namespaces found once, changes not followed until the directory is watched again; traced"},
+    {&pamOpen, {Kind::socketAt}, {EPERM, EMFILE, ENFILE, ENOBUFS}, "fails",
+     "EthDevPam::enabled failed to create socket on et1, errno: {errno}", "not enabled; raised and traced"},
+    {&pamOpen, {Kind::ioctl}, {ENODEV}, "fails", "EthDevPam::enabled failed to find ifindex on et1, errno: {errno}",
      "not enabled: no such device; ifindex stays 0"},
-    {Op::pamEnable, {Kind::setsockopt, ENOPROTOOPT, SOL_PACKET, PACKET_AUXDATA}, "fails, errno 92",
-     "EthDevPam::enabled failed to set PACKET_AUXDATA on et1, errno: 92", "not enabled; socket closed, ifindex put back"},
-    {Op::pamEnable, {Kind::setsockopt, EINVAL, SOL_SOCKET, SO_TIMESTAMPNS}, "fails, errno 22",
-     "EthDevPam::enabled failed to set TIMESTAMPNS on et1, errno: 22", "not enabled; socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, EPERM, SOL_SOCKET, SO_PRIORITY}, "fails, errno 1",
-     "EthDevPam::enabled failed to set PRIORITY on et1, errno: 1", "not enabled; socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, EPERM, SOL_SOCKET, SO_RCVBUFFORCE}, "fails, errno 1",
-     "EthDevPam::enabled failed to set rcvbuf size on et1, errno: 1", "not enabled (no CAP_NET_ADMIN); socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, ENOMEM, SOL_SOCKET, SO_ATTACH_FILTER}, "fails, errno 12",
-     "EthDevPam::enabled failed to attach filter on et1, errno: 12", "not enabled; no frame got past a missing filter"},
-    {Op::pamEnable, {Kind::setsockopt, EINVAL, SOL_SOCKET, SO_ATTACH_FILTER}, "fails, errno 22",
-     "EthDevPam::enabled failed to attach filter on et1, errno: 22", "not enabled: the kernel refuses the program"},
-    {Op::pamEnable, {Kind::bind, ENODEV}, "fails, errno 19", "EthDevPam::enabled failed to bind on et1, errno: 19",
-     "not enabled: the device went away; ifindex put back"},
-    {Op::pamEnable, {Kind::bind, ENETDOWN}, "fails, errno 100", "EthDevPam::enabled failed to bind on et1, errno: 100",
-     "not enabled; socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, EINVAL, SOL_SOCKET, SO_BROADCAST}, "fails, errno 22",
-     "EthDevPam::enabled failed to set broadcast flag on et1, errno: 22", "not enabled; bound socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, ENOBUFS, SOL_PACKET, PACKET_ADD_MEMBERSHIP}, "fails, errno 105",
-     "EthDevPam::enabled failed to set allMulticast on et1, errno: 105", "not enabled; bound socket closed"},
-    {Op::pamEnable, {Kind::setsockopt, ENODEV, SOL_PACKET, PACKET_ADD_MEMBERSHIP}, "fails, errno 19",
-     "EthDevPam::enabled failed to set allMulticast on et1, errno: 19", "not enabled; bound socket closed"},
-    // Reading a Pam's own socket: the frame stays queued and is read on the next pass.
-    {Op::pamRead, {Kind::recvmsg, ENOMEM}, "not read, rxErrors +1",
-     "EthDevPam et1: recvmsg failed on sd {sd} with errno 12 (Cannot allocate memory)", "rxErrors counts it; traced"},
-    {Op::pamRead, {Kind::recvmsg, ENETDOWN}, "not read, rxErrors +1",
-     "EthDevPam et1: recvmsg failed on sd {sd} with errno 100 (Network is down)", "rxErrors counts it; traced"},
-    {Op::pamRead, {Kind::recvmsg, EINTR}, "not read", "", "nothing; the frame comes on the next pass"},
-    {Op::pamRead, {Kind::recvmsg, EAGAIN}, "not read", "", "nothing; the frame comes on the next pass"},
-    {Op::pamReadBulk, {Kind::recvmmsg, ENOBUFS}, "not read, rxErrors +1",
-     "EthDevPam et1: recvmmsg failed on sd {sd} with errno 105 (No buffer space available)", "rxErrors counts it; traced"},
-    {Op::pamReadBulk, {Kind::recvmmsg, EINTR}, "not read", "", "nothing; the frames come on the next pass"},
-    // A bundle's shared socket: traced, errno raised, socket closed and ring unmapped, sizes as before.
-    {Op::bundleOpen, {Kind::socketAt, EMFILE}, "fails, errno 24", "EthDevPamBundle::enabled failed to create socket, errno: 24",
-     "no socket for the interface; traced"},
-    {Op::bundleOpen, {Kind::socketAt, ENFILE}, "fails, errno 23", "EthDevPamBundle::enabled failed to create socket, errno: 23",
-     "no socket for the interface; traced"},
-    {Op::bundleOpen, {Kind::socketAt, EPERM}, "fails, errno 1", "EthDevPamBundle::enabled failed to create socket, errno: 1",
-     "no socket (no CAP_NET_RAW); traced"},
-    {Op::bundleOpen, {Kind::setsockopt, ENOPROTOOPT, SOL_PACKET, PACKET_AUXDATA}, "fails, errno 92",
-     "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: 92", "no socket; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, EINVAL, SOL_SOCKET, SO_TIMESTAMPNS}, "fails, errno 22",
-     "EthDevPamBundle::enabled failed to set TIMESTAMPNS, errno: 22", "no socket; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, EPERM, SOL_SOCKET, SO_PRIORITY}, "fails, errno 1",
-     "EthDevPamBundle::enabled failed to set PRIORITY, errno: 1", "no socket; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, EINVAL, SOL_PACKET, PACKET_VERSION}, "fails, errno 22",
-     "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: 22", "no socket: the kernel has no TPACKET_V2"},
-    {Op::bundleOpen, {Kind::setsockopt, ENOMEM, SOL_PACKET, PACKET_RX_RING}, "fails, errno 12",
-     "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize "
-     "1600), errno: 12",
-     "no socket: the kernel cannot lend the ring; its geometry named"},
-    {Op::bundleOpen, {Kind::setsockopt, EINVAL, SOL_PACKET, PACKET_RX_RING}, "fails, errno 22",
-     "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize "
-     "1600), errno: 22",
-     "no socket: a geometry the kernel refuses, named"},
-    {Op::bundleOpen, {Kind::setsockopt, EBUSY, SOL_PACKET, PACKET_RX_RING}, "fails, errno 16",
-     "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, rxRingFrameSize "
-     "1600), errno: 16",
-     "no socket; traced"},
-    {Op::bundleOpen, {Kind::mmap, ENOMEM}, "fails, errno 12", "EthDevPamBundle::enabled failed to map the ring, errno: 12",
-     "no socket; traced"},
-    {Op::bundleOpen, {Kind::mmap, EAGAIN}, "fails, errno 11", "EthDevPamBundle::enabled failed to map the ring, errno: 11",
-     "no socket: locked memory limit; traced"},
-    {Op::bundleOpen, {Kind::mmap, EPERM}, "fails, errno 1", "EthDevPamBundle::enabled failed to map the ring, errno: 1",
-     "no socket; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, EPERM, SOL_SOCKET, SO_RCVBUFFORCE}, "fails, errno 1",
-     "EthDevPamBundle::failed to set rcvbuf size, errno: 1", "no socket (no CAP_NET_ADMIN); ring unmapped, sizes as before"},
-    {Op::bundleOpen, {Kind::setsockopt, ENOBUFS, SOL_SOCKET, SO_RCVBUFFORCE}, "fails, errno 105",
-     "EthDevPamBundle::failed to set rcvbuf size, errno: 105", "no socket; ring unmapped, sizes as before"},
-    {Op::bundleOpen, {Kind::setsockopt, ENOMEM, SOL_PACKET, rlimitIntfSize}, "fails, errno 12",
-     "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: 12", "no socket; sizes as before"},
-    {Op::bundleOpen, {Kind::getsockopt, EINVAL, SOL_SOCKET, SO_RCVBUF}, "ok", "EthDevPamBundle::failed to get rcvbuf size, errno: 22",
-     "opened; the buffer granted reads 0; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, ENOMEM, SOL_SOCKET, SO_ATTACH_FILTER}, "fails, errno 12",
-     "Failed to attach filter, sd: {sd} errno: 12", "no socket; no frame got past a missing filter"},
-    {Op::bundleOpen, {Kind::bind, ENODEV}, "fails, errno 19", "EthDevPamBundle::doSocketCreateProto failed to bind, errno: 19",
-     "no socket; traced"},
-    {Op::bundleOpen, {Kind::setsockopt, EINVAL, SOL_SOCKET, SO_BROADCAST}, "fails, errno 22",
-     "EthDevPamBundle::doSocketCreateProto failed to set broadcast flag, errno: 22", "no socket; bound socket closed"},
-    {Op::bundleClose, {Kind::munmap, EINVAL}, "ok", "EthDevPamBundle::failed to unmap the ring, errno: 22",
-     "socket closed; the kernel's refusal traced"},
-    // Reading a bundle socket.
-    {Op::bundleRead, {Kind::recvmsg, ENOMEM}, "not read, rxErrors +1",
-     "recvmsg failed for common sd {sd} with errno 12 (Cannot allocate memory)", "rxErrors counts it; traced"},
-    {Op::bundleRead, {Kind::recvmsg, EINTR}, "not read", "", "nothing; the frame comes on the next read"},
-    {Op::bundleRead, {Kind::recvmsg, EAGAIN}, "not read", "", "nothing: no frame yet"},
-    {Op::bundleReadBulk, {Kind::recvmmsg, ENOBUFS}, "not read, rxErrors +1",
-     "recvmmsg failed for common sd {sd} with errno 105 (No buffer space available)", "rxErrors counts it; traced"},
-    {Op::bundleReadBulk, {Kind::recvmmsg, EINTR}, "not read", "", "nothing; the frames come on the next read"},
-    // The kernel information of a namespace: traced, raised, closed; the devices as they were.
-    {Op::kernelInfo, {Kind::socketAt, ENOENT}, "fails, errno 2",
-     "KernelNetInfo::Status socket failed in namespace blue, errno: 2", "not enabled: no such namespace"},
-    {Op::kernelInfo, {Kind::socketAt, EMFILE}, "fails, errno 24",
-     "KernelNetInfo::Status socket failed in namespace blue, errno: 24", "not enabled; traced"},
-    {Op::kernelInfo, {Kind::socketAt, ENFILE}, "fails, errno 23",
-     "KernelNetInfo::Status socket failed in namespace blue, errno: 23", "not enabled; traced"},
-    {Op::kernelInfo, {Kind::setsockopt, EPERM, SOL_SOCKET, SO_RCVBUFFORCE}, "ok", "",
+    {&pamOpen, OPTION(setsockopt, SOL_PACKET, PACKET_AUXDATA), {ENOPROTOOPT, ENOMEM}, "fails",
+     "EthDevPam::enabled failed to set PACKET_AUXDATA on et1, errno: {errno}",
+     "not enabled, raised and traced; socket closed, ifindex put back"},
+    {&pamOpen, OPTION(setsockopt, SOL_SOCKET, SO_TIMESTAMPNS), {EINVAL}, "fails",
+     "EthDevPam::enabled failed to set TIMESTAMPNS on et1, errno: {errno}", "not enabled; socket closed"},
+    {&pamOpen, OPTION(setsockopt, SOL_SOCKET, SO_PRIORITY), {EPERM}, "fails",
+     "EthDevPam::enabled failed to set PRIORITY on et1, errno: {errno}", "not enabled; socket closed"},
+    {&pamOpen, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {EPERM, ENOBUFS}, "fails",
+     "EthDevPam::enabled failed to set rcvbuf size on et1, errno: {errno}",
+     "not enabled (EPERM: no CAP_NET_ADMIN); socket closed"},
+    {&pamOpen, OPTION(setsockopt, SOL_SOCKET, SO_ATTACH_FILTER), {ENOMEM, EINVAL}, "fails",
+     "EthDevPam::enabled failed to attach filter on et1, errno: {errno}",
+     "not enabled: no frame gets past a filter that is not there"},
+    {&pamOpen, {Kind::bind}, {ENODEV, ENETDOWN}, "fails", "EthDevPam::enabled failed to bind on et1, errno: {errno}",
+     "not enabled; socket closed, ifindex put back"},
+    {&pamOpen, OPTION(setsockopt, SOL_SOCKET, SO_BROADCAST), {EINVAL}, "fails",
+     "EthDevPam::enabled failed to set broadcast flag on et1, errno: {errno}", "not enabled; bound socket closed"},
+    {&pamOpen, OPTION(setsockopt, SOL_PACKET, PACKET_ADD_MEMBERSHIP), {ENOBUFS, ENODEV}, "fails",
+     "EthDevPam::enabled failed to set allMulticast on et1, errno: {errno}", "not enabled; bound socket closed"},
+    {&pamNewFilter, OPTION(setsockopt, SOL_SOCKET, SO_ATTACH_FILTER), {EINVAL, ENOMEM}, "fails",
+     "EthDevPam::filterProgram failed to attach filter on et1, errno: {errno}",
+     "raised and traced; the filter in force stays"},
+    {&pamRead, {Kind::recvmsg}, {ENOMEM, ENETDOWN}, "not read, rxErrors +1",
+     "EthDevPam et1: recvmsg failed on sd {sd} with errno {errno} ({strerror})",
+     "rxErrors counts it, traced; the frame is read on the next pass"},
+    {&pamRead, {Kind::recvmsg}, {EINTR, EAGAIN}, "not read", "", "nothing; the frame is read on the next pass"},
+    {&pamReadBulk, {Kind::recvmmsg}, {ENOBUFS}, "not read, rxErrors +1",
+     "EthDevPam et1: recvmmsg failed on sd {sd} with errno {errno} ({strerror})",
+     "rxErrors counts it, traced; the frames are read on the next pass"},
+    {&pamReadBulk, {Kind::recvmmsg}, {EINTR}, "not read", "", "nothing; the frames are read on the next pass"},
+    {&bundleSocket, {Kind::socketAt}, {EPERM, EMFILE, ENFILE}, "fails",
+     "EthDevPamBundle::enabled failed to create socket, errno: {errno}", "no socket for the interface; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_PACKET, PACKET_AUXDATA), {ENOPROTOOPT}, "fails",
+     "EthDevPamBundle::enabled failed to set PACKET_AUXDATA, errno: {errno}", "no socket; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_SOCKET, SO_TIMESTAMPNS), {EINVAL}, "fails",
+     "EthDevPamBundle::enabled failed to set TIMESTAMPNS, errno: {errno}", "no socket; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_SOCKET, SO_PRIORITY), {EPERM}, "fails",
+     "EthDevPamBundle::enabled failed to set PRIORITY, errno: {errno}", "no socket; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_PACKET, PACKET_VERSION), {EINVAL}, "fails",
+     "EthDevPamBundle::enabled failed to set PACKET_VERSION, errno: {errno}", "no socket: no TPACKET_V2 here"},
+    {&bundleSocket, OPTION(setsockopt, SOL_PACKET, PACKET_RX_RING), {ENOMEM, EINVAL, EBUSY}, "fails",
+     "EthDevPamBundle::enabled failed to set PACKET_RX_RING (rxRingBlockSize 65536, rxRingBlockCount 64, "
+     "rxRingFrameSize 1600), errno: {errno}",
+     "no socket; the ring's geometry named"},
+    {&bundleSocket, {Kind::mmap}, {ENOMEM, EAGAIN, EPERM}, "fails",
+     "EthDevPamBundle::enabled failed to map the ring, errno: {errno}", "no socket (EAGAIN: locked memory limit)"},
+    {&bundleSocket, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {EPERM, ENOBUFS}, "fails",
+     "EthDevPamBundle::failed to set rcvbuf size, errno: {errno}", "no socket; ring unmapped, sizes as before"},
+    {&bundleSocket, OPTION(setsockopt, SOL_PACKET, PACKET_RLIMIT_INTF_SIZE), {ENOMEM}, "fails",
+     "configureRlimitIntfSize: failed to set RLIMIT_INTF_SIZE: 212992, errno: {errno}", "no socket; sizes as before"},
+    {&bundleSocket, OPTION(getsockopt, SOL_SOCKET, SO_RCVBUF), {EINVAL}, "ok",
+     "EthDevPamBundle::failed to get rcvbuf size, errno: {errno}", "opened; the buffer granted reads 0; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_SOCKET, SO_ATTACH_FILTER), {ENOMEM, EINVAL}, "fails",
+     "Failed to attach filter, sd: {sd} errno: {errno}", "no socket: no frame gets past a filter that is not there"},
+    {&bundleSocket, {Kind::bind}, {ENODEV, ENETDOWN}, "fails",
+     "EthDevPamBundle::doSocketCreateProto failed to bind, errno: {errno}", "no socket; traced"},
+    {&bundleSocket, OPTION(setsockopt, SOL_SOCKET, SO_BROADCAST), {EINVAL}, "fails",
+     "EthDevPamBundle::doSocketCreateProto failed to set broadcast flag, errno: {errno}", "no socket; bound socket closed"},
+    {&bundleFilter, {Kind::socketAt}, {EMFILE, ENFILE}, "fails",
+     "EthDevPamBundle::filterProgramTry failed to create socket, errno: {errno}", "the filter is not taken; traced"},
+    {&bundleFilter, OPTION(setsockopt, SOL_SOCKET, SO_ATTACH_FILTER), {EINVAL, ENOMEM}, "fails",
+     "EthDevPamBundle::filterProgram refused by the kernel, errno: {errno}",
+     "the filter is not taken; the scratch socket closed"},
+    {&bundleRelease, {Kind::munmap}, {EINVAL}, "ok", "EthDevPamBundle::failed to unmap the ring, errno: {errno}",
+     "socket closed; the refusal traced"},
+    {&bundleRead, {Kind::recvmsg}, {ENOMEM, ENETDOWN}, "not read, rxErrors +1",
+     "recvmsg failed for common sd {sd} with errno {errno} ({strerror})", "rxErrors counts it; traced"},
+    {&bundleRead, {Kind::recvmsg}, {EINTR, EAGAIN}, "not read", "", "nothing; the frame is read on the next event"},
+    {&bundleReadBulk, {Kind::recvmmsg}, {ENOBUFS}, "not read, rxErrors +1",
+     "recvmmsg failed for common sd {sd} with errno {errno} ({strerror})", "rxErrors counts it; traced"},
+    {&bundleReadBulk, {Kind::recvmmsg}, {EINTR}, "not read", "", "nothing; the frames are read on the next event"},
+    {&kniEnable, {Kind::socketAt}, {ENOENT, EMFILE, ENFILE}, "fails",
+     "KernelNetInfo::Status socket failed in namespace blue, errno: {errno}",
+     "not enabled (ENOENT: no such namespace); raised and traced"},
+    {&kniEnable, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {EPERM}, "ok", "",
      "enabled; without CAP_NET_ADMIN the buffer is as large as the system allows"},
-    {Op::kernelInfo, {Kind::setsockopt, ENOMEM, SOL_SOCKET, SO_RCVBUFFORCE}, "fails, errno 12",
-     "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12", "not enabled; socket closed"},
-    {Op::kernelInfo, {Kind::bind, ENOMEM}, "fails, errno 12", "KernelNetInfo::Status bind failed in namespace blue, errno: 12",
+    {&kniEnable, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {ENOMEM}, "fails",
+     "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: {errno}", "not enabled; socket closed"},
+    {&kniEnable, {Kind::bind}, {ENOMEM}, "fails", "KernelNetInfo::Status bind failed in namespace blue, errno: {errno}",
      "not enabled; socket closed"},
-    {Op::kernelInfo, {Kind::setsockopt, ENOMEM, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP}, "fails, errno 12",
-     "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 12",
+    {&kniEnable, OPTION(setsockopt, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP), {ENOMEM}, "fails",
+     "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: {errno}",
      "not enabled; socket closed"},
-    {Op::kernelInfo, {Kind::sendto, ENOBUFS}, "fails, errno 105",
-     "KernelNetInfo::Status sendto failed in namespace blue, errno: 105", "not enabled; socket closed, not watched"},
-    {Op::kernelInfo, {Kind::sendto, ENOMEM}, "fails, errno 12",
-     "KernelNetInfo::Status sendto failed in namespace blue, errno: 12", "not enabled; socket closed, not watched"},
-    {Op::kernelInfo, {Kind::poll, EINTR}, "ok", "", "enabled; the wait for the first dump goes on"},
-    {Op::kernelInfo, {Kind::recvmsg, EINTR}, "ok", "", "enabled; the read goes on"},
-    {Op::kernelInfo, {Kind::recvmsg, ENOBUFS}, "ok", "KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again",
-     "enabled; events lost, a re-dump is due"},
-    // An oper-state request: only a failed send is a failure; the answer is read without waiting.
-    {Op::operState, {Kind::sendto, ENOBUFS}, "fails, errno 105", "", "false with errno: the socket is broken"},
-    {Op::operState, {Kind::sendto, EPERM}, "fails, errno 1", "", "false with errno EPERM (no CAP_NET_ADMIN)"},
-    {Op::operState, {Kind::sendto, EINTR}, "ok", "", "sent again; true"},
-    {Op::operState, {Kind::recvmsg, EINTR}, "ok", "", "true; the answer is read"},
-    {Op::operState, {Kind::recvmsg, ENOBUFS}, "ok", "", "true; the answer is looked for past the overrun"},
-    {Op::operState, {Kind::recvmsg, EAGAIN}, "ok", "", "true; no answer yet (level 1), drained by the next request"},
-    {Op::operState, {Kind::recvmsg, ENOMEM}, "ok", "IFLA_OPERSTATE 6 for device et1: answer not read: Cannot allocate memory",
+    {&kniEnable, {Kind::sendto}, {ENOBUFS, ENOMEM}, "fails",
+     "KernelNetInfo::Status sendto failed in namespace blue, errno: {errno}", "not enabled; socket closed, not watched"},
+    {&kniEnable, {Kind::poll}, {EINTR}, "ok", "", "enabled; the wait for the first dump goes on"},
+    {&kniEnable, {Kind::recvmsg}, {EINTR}, "ok", "", "enabled; the read goes on"},
+    {&kniEnable, {Kind::recvmsg}, {ENOBUFS}, "ok",
+     "KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again", "enabled; a re-dump is due"},
+    {&kniRcvBuf, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {EPERM}, "ok", "",
+     "grown as far as the system allows (no CAP_NET_ADMIN)"},
+    {&kniRcvBuf, OPTION(setsockopt, SOL_SOCKET, SO_RCVBUFFORCE), {ENOMEM}, "fails",
+     "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: {errno}",
+     "raised and traced; the size in force stays"},
+    {&operStateSet, {Kind::sendto}, {ENOBUFS, EPERM}, "fails", "", "false with the errno: the socket is broken"},
+    {&operStateSet, {Kind::sendto}, {EINTR}, "ok", "", "sent again; true"},
+    {&operStateSet, {Kind::recvmsg}, {EINTR, ENOBUFS}, "ok", "", "true; the answer is looked for past it"},
+    {&operStateSet, {Kind::recvmsg}, {EAGAIN}, "ok", "", "true; no answer yet (level 1), dropped by the next request"},
+    {&operStateSet, {Kind::recvmsg}, {ENOMEM}, "ok", "IFLA_OPERSTATE 6 for device et1: answer not read: {strerror}",
      "true; the unread answer traced"},
 };
 
-// `text` with {sd} and {tmp} replaced by the row's socket and temporary directory.
-std::string expanded(std::string text, World const & w) {
-  for (auto const & [key, value] : {std::pair<std::string, std::string>{"{sd}", std::to_string(w.sd)}, {"{tmp}", w.tmp.path()}}) {
+struct Row {
+  Rows const & rows;
+  int error;
+};
+
+std::vector<Row> rows() {
+  std::vector<Row> out;
+  for (Rows const & r : table) {
+    for (int error : r.errors) out.push_back({r, error});
+  }
+  return out;
+}
+
+// `text` with the row's {errno}, {strerror}, {sd} and {tmp}.
+std::string expanded(std::string text, int error, World const & w) {
+  std::pair<std::string, std::string> const keys[] = {
+      {"{errno}", std::to_string(error)}, {"{strerror}", std::strerror(error)}, {"{sd}", std::to_string(w.sd)},
+      {"{tmp}", w.tmp.path()}};
+  for (auto const & [key, value] : keys) {
     for (size_t at; (at = text.find(key)) != std::string::npos;) text.replace(at, key.size(), value);
   }
   return text;
 }
 
-// Makes the fault happen: the next matching call fails.
-void arm(World & w, Fault const & f) {
-  auto once = std::make_shared<bool>(true);
-  if (f.kind == Kind::setsockopt) {
-    w.fake.behaviour().setsockopt = [f, once, inner = w.fake.behaviour().setsockopt](int fd, int l, int o, void const * v,
-                                                                                     socklen_t n) {
-      if (l == f.level && o == f.option && *once) return *once = false, errno = f.error, -1;
-      return inner(fd, l, o, v, n);
-    };
-  } else if (f.kind == Kind::getsockopt) {
-    w.fake.behaviour().getsockopt = [f, once, inner = w.fake.behaviour().getsockopt](int fd, int l, int o, void * v,
-                                                                                     socklen_t * n) {
-      if (l == f.level && o == f.option && *once) return *once = false, errno = f.error, -1;
-      return inner(fd, l, o, v, n);
-    };
-  } else if (f.kind == Kind::inotify_add_watch) {
-    w.fake.behaviour().inotify_add_watch = [path = expanded(f.path, w), f, once,
-                                            inner = w.fake.behaviour().inotify_add_watch](int fd, char const * p, uint32_t m) {
-      if (path == p && *once) return *once = false, errno = f.error, -1;
-      return inner(fd, p, m);
-    };
-  } else if (f.kind == Kind::open) {
-    w.fake.behaviour().open = [f, once, inner = w.fake.behaviour().open](char const * path, int flags) {
-      if (std::strcmp(path, f.path) == 0 && *once) return *once = false, errno = f.error, -1;
-      return inner(path, flags);
-    };
-  } else {
-    w.fake.failNext(f.kind, f.error);
-  }
+// Whether a recorded call is the one a row fails.
+bool matches(FakePlatform::Call const & c, Call const & call, World const & w) {
+  if (call.level || call.option) return c.a == call.level && c.b == call.option;
+  return !call.what || c.text == expanded(call.what, 0, w);
 }
 
-bool hit(World const & w, Fault const & f) {
-  for (auto const & c : w.fake.calls(f.kind)) {
-    if (c.error == f.error && ((f.kind != Kind::setsockopt && f.kind != Kind::getsockopt) || (c.a == f.level && c.b == f.option))) return true;
-  }
-  return false;
-}
-
-std::string levelZero(World const & w) {
-  std::string out;
-  for (auto const & line : w.trace.lines()) {
-    if (line.level == 0) out += (out.empty() ? "" : " | ") + line.text;
-  }
-  return out;
-}
-
-
-// The failing call as the table names it.
-std::string callText(Row const & r) {
-  Fault const & f = r.fault;
-  std::string name = IntfsmTest::kindName(f.kind);
-  if (f.path) return name + " " + f.path;
-  if (f.kind != Kind::setsockopt && f.kind != Kind::getsockopt) return name;
-  struct Option {
-    int level, option;
-    char const * text;
-  };
-  static Option const names[] = {
-      {SOL_PACKET, PACKET_AUXDATA, "PACKET_AUXDATA"}, {SOL_SOCKET, SO_TIMESTAMPNS, "SO_TIMESTAMPNS"},
-      {SOL_SOCKET, SO_PRIORITY, "SO_PRIORITY"},       {SOL_SOCKET, SO_RCVBUFFORCE, "SO_RCVBUFFORCE"},
-      {SOL_SOCKET, SO_ATTACH_FILTER, "SO_ATTACH_FILTER"}, {SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST"},
-      {SOL_PACKET, PACKET_ADD_MEMBERSHIP, "PACKET_ADD_MEMBERSHIP"}, {SOL_PACKET, PACKET_VERSION, "PACKET_VERSION"},
-      {SOL_PACKET, PACKET_RX_RING, "PACKET_RX_RING"}, {SOL_PACKET, rlimitIntfSize, "PACKET_RLIMIT_INTF_SIZE"},
-      {SOL_SOCKET, SO_RCVBUF, "SO_RCVBUF"}, {SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, "NETLINK_ADD_MEMBERSHIP"},
-  };
-  for (Option const & o : names) {
-    if (o.level == f.level && o.option == f.option) return name + " " + o.text;
-  }
-  return name + " " + std::to_string(f.option);
-}
-
-std::string errnoName(int error) {
-  static std::pair<int, char const *> const names[] = {
-      {EPERM, "EPERM"},   {ENOENT, "ENOENT"}, {EINTR, "EINTR"},   {EAGAIN, "EAGAIN"},   {ENOMEM, "ENOMEM"},
-      {EACCES, "EACCES"}, {EBUSY, "EBUSY"},   {ENODEV, "ENODEV"}, {EINVAL, "EINVAL"},   {ENFILE, "ENFILE"},
-      {EMFILE, "EMFILE"}, {ENOSPC, "ENOSPC"}, {ENOPROTOOPT, "ENOPROTOOPT"}, {ENOBUFS, "ENOBUFS"}, {ENETDOWN, "ENETDOWN"},
-  };
-  for (auto const & [number, name] : names) {
-    if (number == error) return name;
-  }
-  return std::to_string(error);
-}
+std::string callText(Call const & call) { return std::string(IntfsmTest::kindName(call.kind)) + (call.what ? std::string(" ") + call.what : ""); }
 
 std::string markdown() {
   std::ostringstream os;
@@ -644,61 +540,67 @@ std::string markdown() {
         "watched namespace directory (`{tmp}/netns` stands for /run/netns).\n\n"
         "| Path | Operation | Failing call | errno | Result | Trace | What the user sees |\n"
         "|---|---|---|---|---|---|---|\n";
-  for (Row const & r : rows) {
-    OpInfo const & op = info(r.op);
+  for (Row const & row : rows()) {
+    Rows const & r = row.rows;
     std::string trace = r.trace;
-    for (size_t at; (at = trace.find('|')) != std::string::npos;) trace.replace(at, 1, "/");
-    os << "| " << op.path << " | " << op.name << " | `" << callText(r) << "` | " << errnoName(r.fault.error) << " | "
-       << r.result << " | " << (trace.empty() ? "" : "`" + trace + "`") << " | " << r.sees << " |\n";
+    for (std::string from : {"{errno}", "{strerror}", " | "}) {
+      std::string const to = from == "{errno}" ? std::to_string(row.error) : from == "{strerror}" ? std::strerror(row.error) : " / ";
+      for (size_t at; (at = trace.find(from)) != std::string::npos;) trace.replace(at, from.size(), to);
+    }
+    std::string const result = std::string(r.result) == "fails" ? failsWith(row.error) : r.result;
+    os << "| " << r.op->path << " | " << r.op->name << " | `" << callText(r.call) << "` | " << strerrorname_np(row.error)
+       << " | " << result << " | " << (trace.empty() ? "" : "`" + trace + "`") << " | " << r.sees << " |\n";
   }
   return os.str();
 }
 
 TEST(FaultTable, EachFailingCallLeavesNothingBehindAndTheOperationWorksAgain) {
-  EXPECT_GE(rows.size(), 40u);
-  for (Row const & row : rows) {
-    OpInfo const & op = info(row.op);
-    SCOPED_TRACE(std::string(op.name) + ": " + callText(row) + " " + errnoName(row.fault.error));
-    int const realBefore = IntfsmTest::openDescriptorCount();
+  EXPECT_GE(rows().size(), 40u);
+  for (Row const & row : rows()) {
+    Rows const & r = row.rows;
+    SCOPED_TRACE(std::string(r.op->name) + ": " + callText(r.call) + " " + strerrorname_np(row.error));
+    int const descriptors = IntfsmTest::openDescriptorCount();
     {
       World w;
-      std::unique_ptr<Subject> subject = op.make(w);
-      std::string const before = subject->state();
+      Subject subject = r.op->make(w);
+      std::string const before = subject.state();
       std::vector<int> const open = w.fake.openDescriptors();
       size_t const mappings = w.fake.openMappings();
       w.trace.clear();
       w.fake.clearCalls();
-      arm(w, row.fault);
+      w.fake.failNext(r.call.kind, row.error, 1, [&](FakePlatform::Call const & c) { return matches(c, r.call, w); });
 
-      EXPECT_EQ(subject->run(), row.result);
-      EXPECT_TRUE(hit(w, row.fault)) << "the fault was never reached";
-      EXPECT_EQ(levelZero(w), expanded(row.trace, w));
-      bool const failed = std::string(row.result) != "ok";
-      if (failed) {
-        EXPECT_EQ(subject->state(), before);
+      bool const fails = std::string(r.result) != "ok";
+      EXPECT_EQ(subject.run(), std::string(r.result) == "fails" ? failsWith(row.error) : r.result);
+      EXPECT_EQ(w.fake.failuresPending(), 0u) << "the call never came";
+      std::string traced;
+      for (auto const & line : w.trace.lines()) {
+        if (line.level == 0) traced += (traced.empty() ? "" : " | ") + line.text;
+      }
+      EXPECT_EQ(traced, expanded(r.trace, row.error, w));
+      if (fails) {
+        EXPECT_EQ(subject.state(), before);
         EXPECT_EQ(w.fake.openDescriptors(), open);
         EXPECT_EQ(w.fake.openMappings(), mappings);
       } else {
-        subject->undo();
+        subject.undo();
       }
-      // The fault gone, the same operation succeeds.
-      EXPECT_EQ(subject->run(), "ok");
-      subject->undo();
-      subject = nullptr;
+      EXPECT_EQ(subject.run(), "ok") << "the fault gone, it works again";
+      subject.undo();
+      subject = {};
       EXPECT_EQ(w.fake.openDescriptors(), std::vector<int>()) << "left open when everything is gone";
       // A mapping the kernel refused to give back stays: nothing more can be done with it.
-      EXPECT_EQ(w.fake.openMappings(), row.fault.kind == Kind::munmap ? 1u : 0u);
+      EXPECT_EQ(w.fake.openMappings(), r.call.kind == Kind::munmap ? 1u : 0u);
     }
-    EXPECT_EQ(IntfsmTest::openDescriptorCount(), realBefore);
+    EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);
   }
 }
 
 TEST(FaultTable, DocsFailuresMdIsWhatTheRowsPrint) {
   std::string const path = std::string(INTFSM_SOURCE_DIR) + "/docs/failures.md";
   if (std::getenv("INTFSM_WRITE_FAILURES_MD")) std::ofstream(path) << markdown();
-  std::ifstream in(path);
   std::stringstream committed;
-  committed << in.rdbuf();
+  committed << std::ifstream(path).rdbuf();
   EXPECT_EQ(committed.str(), markdown()) << "run: cmake --build build --target failures-md";
 }
 
