@@ -62,6 +62,19 @@ struct Subject {
 
 std::string failsWith(int error) { return "fails, errno " + std::to_string(error); }
 
+// The values, spaced: what a state() shows.
+template <class... A>
+std::string text(A const &... values) {
+  std::ostringstream os;
+  ((os << values << ' '), ...);
+  return os.str();
+}
+
+// What a read left: the frame delivered, or not, with the error counter moved or not.
+std::string readResult(bool delivered, bool counted) {
+  return delivered ? "ok" : counted ? "not read, rxErrors +1" : "not read";
+}
+
 template <class F>
 std::string raising(F && f) {
   try {
@@ -113,9 +126,7 @@ Subject namespaceWatch(World & w) {
   auto manager = KernelNetNsInfo::ManagerIs(root, Vorn::String(dir), w.loop);
   return {[manager] { return raising([&] { manager->hasNotificationActiveIs(true); }); },
           [&w, manager, root] {
-            return "active " + std::to_string(manager->hasNotificationActive()) + " watched " +
-                   std::to_string(manager->directoryWatched()) + " watches " + std::to_string(w.loop.watches()) +
-                   " namespaces " + std::to_string(root->netNsByNames());
+            return text(manager->hasNotificationActive(), manager->directoryWatched(), w.loop.watches(), root->netNsByNames());
           },
           [manager] { manager->hasNotificationActiveIs(false); }};
 }
@@ -146,10 +157,7 @@ Subject pamEnable(World & w) {
             w.sd = pam->sd();
             return result;
           },
-          [&w, pam] {
-            return "enabled " + std::to_string(pam->enabled()) + " sd " + std::to_string(pam->sd()) + " ifIndex " +
-                   std::to_string(pam->ifIndex()) + " watches " + std::to_string(w.loop.watches());
-          },
+          [&w, pam] { return text(pam->enabled(), pam->sd(), pam->ifIndex(), w.loop.watches()); },
           [pam] { pam->enabledIs(false); }};
 }
 
@@ -159,8 +167,7 @@ Subject pamFilter(World & w) {
   pam->enabledIs(true);
   Ovel::SockFilterProgram const dropAll{{BPF_RET | BPF_K, 0, 0, 0}};
   return {[pam, dropAll] { return raising([&] { pam->filterProgramIs(dropAll); }); },
-          [pam] { return "filter of " + std::to_string(pam->filterProgram().len()) + " returning " +
-                         std::to_string(pam->filterProgram().filter()[0].k); },
+          [pam] { return text(pam->filterProgram().len(), pam->filterProgram().filter()[0].k); },
           [pam] { pam->filterProgramIs(acceptAll); }};
 }
 
@@ -180,11 +187,11 @@ Subject pamReceive(World & w, bool bulk) {
   w.fake.queueDatagram(pam->sd(), std::string(60, 'f'), &from);
   return {[&w, pam, reader] {
             uint32_t const errors = pam->rxErrors();
-            int const before = reader->frames;
+            int const frames = reader->frames;
             w.loop.runOnce(0);
-            return reader->frames > before ? "ok" : pam->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
+            return readResult(reader->frames > frames, pam->rxErrors() > errors);
           },
-          [reader] { return "frames " + std::to_string(reader->frames); }};
+          [reader] { return text(reader->frames); }};
 }
 
 // A bundle of interfaces sharing sockets, with a receive ring and every option on.
@@ -216,10 +223,8 @@ Subject bundleOpen(World & w) {
           },
           [b] {
             auto const & x = *b->bundle;
-            std::ostringstream os;
-            os << "sd " << x.sd() << " refs " << x.sdRef() << " rcvbuf " << x.sockRcvBuf() << "/" << x.perIntfSockRcvBuf()
-               << "/" << x.allocRcvBuf() << " watched " << bool(x.fileDesc()) << " ring " << x.rxRingMapped(x.sd());
-            return os.str();
+            return text(x.sd(), x.sdRef(), x.sockRcvBuf(), x.perIntfSockRcvBuf(), x.allocRcvBuf(), bool(x.fileDesc()),
+                        x.rxRingMapped(x.sd()));
           },
           [b] { b->bundle->doUnrefSd(b->bundle->sd()); }};
 }
@@ -232,7 +237,7 @@ Subject bundleClose(World & w) {
             b->bundle->doUnrefSd(w.sd);
             return b->bundle->sd() < 0 ? "ok" : "still open";
           },
-          [b] { return "sd " + std::to_string(b->bundle->sd()); }};
+          [b] { return text(b->bundle->sd()); }};
 }
 
 // A program tried on a scratch socket of the bundle's namespace before it is taken.
@@ -262,11 +267,11 @@ Subject bundleReceive(World & w, bool bulk) {
   auto const closer = std::shared_ptr<void>(nullptr, [sd = w.sd](void *) { Platform::calls().close(sd); });
   return {[b, reader, closer] {
             uint32_t const errors = b->bundle->rxErrors();
-            int const before = reader->frames;
+            int const frames = reader->frames;
             b->bundle->doGetRxPkt();
-            return reader->frames > before ? "ok" : b->bundle->rxErrors() > errors ? "not read, rxErrors +1" : "not read";
+            return readResult(reader->frames > frames, b->bundle->rxErrors() > errors);
           },
-          [reader] { return "frames " + std::to_string(reader->frames); }};
+          [reader] { return text(reader->frames); }};
 }
 
 // The kernel information of the namespace "blue", as a kernel answering its requests has it.
@@ -277,11 +282,8 @@ struct KernelInfo {
   }
   ~KernelInfo() { status = nullptr; }
   std::string state(World const & w) const {
-    std::ostringstream os;
-    os << "enabled " << status->enabled() << " open " << (status->descriptor() >= 0) << " synced " << status->synced()
-       << " devices " << status->root()->interfaceByIfIndexs() << " watches " << w.loop.watches() << " rcvbuf "
-       << status->rcvBufBytes();
-    return os.str();
+    return text(status->enabled(), status->descriptor() >= 0, status->synced(), status->root()->interfaceByIfIndexs(),
+                w.loop.watches(), status->rcvBufBytes());
   }
   IntfsmTest::FakeRtnetlink kernel;
   Ptr<KernelNetInfo::Status> status =
@@ -528,7 +530,9 @@ bool matches(FakePlatform::Call const & c, Call const & call, World const & w) {
   return !call.what || c.text == expanded(call.what, 0, w);
 }
 
-std::string callText(Call const & call) { return std::string(IntfsmTest::kindName(call.kind)) + (call.what ? std::string(" ") + call.what : ""); }
+std::string callText(Call const & call) {
+  return std::string(IntfsmTest::kindName(call.kind)) + (call.what ? std::string(" ") + call.what : "");
+}
 
 std::string markdown() {
   std::ostringstream os;
@@ -543,8 +547,9 @@ std::string markdown() {
   for (Row const & row : rows()) {
     Rows const & r = row.rows;
     std::string trace = r.trace;
-    for (std::string from : {"{errno}", "{strerror}", " | "}) {
-      std::string const to = from == "{errno}" ? std::to_string(row.error) : from == "{strerror}" ? std::strerror(row.error) : " / ";
+    std::pair<std::string, std::string> const keys[] = {
+        {"{errno}", std::to_string(row.error)}, {"{strerror}", std::strerror(row.error)}, {" | ", " / "}};
+    for (auto const & [from, to] : keys) {
       for (size_t at; (at = trace.find(from)) != std::string::npos;) trace.replace(at, from.size(), to);
     }
     std::string const result = std::string(r.result) == "fails" ? failsWith(row.error) : r.result;
