@@ -76,8 +76,7 @@ bool EthDevPamBundle::doGetRxPktInt() {
   EDPM_TRACE(9, "recvmsg: " << length << " pkt type: " << unsigned(from.sll_pkttype) << " ifindex: " << ifIndex);
   if (length < 0) {
     EDPM_TRACE(9, "recvmsg errno: " << error);
-    // Nothing there yet, or a signal came first: the frame, if any, is read on the next readable event.
-    if (error == EAGAIN || error == EINTR) return false;
+    if (error == EAGAIN) return false;
     EDPM_TRACE(0, "recvmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                   << ")");
     rxErrorsInc(1);
@@ -243,7 +242,7 @@ void EthDevPamBundle::doGetRxPktIntBulk() {
   EDPM_TRACE(9, "recvmmsg:  " << received << " pkts received ");
   if (received < 0) {
     EDPM_TRACE(9, "recvmmsg errno: " << error);
-    if (error == EAGAIN || error == EINTR) return;
+    if (error == EAGAIN) return;
     EDPM_TRACE(0, "recvmmsg failed for common sd " << sock << " with errno " << error << " (" << std::strerror(error)
                                                    << ")");
     rxErrorsInc(1);
