@@ -66,7 +66,10 @@ void EthDevPamBundle::doRxRingSetUp(int fd, RxRing & ring) {
 
 void EthDevPamBundle::doRxRingRelease(RxRing & ring) {
   if (!ring.base) return;
-  Platform::calls().munmap(ring.base, ring.bytes);
+  // Only bad arguments make munmap fail; the ring is forgotten all the same, and the refusal shown.
+  if (Platform::calls().munmap(ring.base, ring.bytes) < 0) {
+    EDPM_TRACE(0, "EthDevPamBundle::failed to unmap the ring, errno: " << errno);
+  }
   ring = RxRing{};
 }
 

@@ -48,8 +48,9 @@ std::string bytesOf(void const * data, size_t length) {
 char const * kindName(FakePlatform::Kind kind) {
   static char const * const names[] = {"socketAt", "setNetlinkOperState", "socket", "bind", "close", "setsockopt",
                                        "getsockopt", "ioctl", "recvmsg", "recvmmsg", "sendto", "poll", "open",
-                                       "setns", "lstat", "stat", "fopen", "mmap", "munmap"};
-  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::munmap) + 1);
+                                       "setns", "lstat", "stat", "fopen", "mmap", "munmap",
+                                       "inotify_init1", "inotify_add_watch"};
+  static_assert(sizeof names / sizeof names[0] == static_cast<size_t>(FakePlatform::Kind::inotify_add_watch) + 1);
   return names[static_cast<size_t>(kind)];
 }
 
@@ -91,9 +92,9 @@ std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() co
   return result;
 }
 
-void FakePlatform::failNext(Kind kind, int error, unsigned times) {
+void FakePlatform::failNext(Kind kind, int error, unsigned times, std::function<bool(Call const &)> match) {
   if (times == 0) return;
-  failures_[kind] = Failure{error, times};
+  failures_[kind] = Failure{error, times, std::move(match)};
 }
 
 std::vector<int> FakePlatform::openDescriptors() const { return {open_.begin(), open_.end()}; }
@@ -129,6 +130,7 @@ bool FakePlatform::takeFailure(Call & call) {
   auto it = failures_.find(call.kind);
   if (it == failures_.end()) return false;
   Failure & f = it->second;
+  if (f.match && !f.match(call)) return false;
   call.error = f.error;
   if (--f.times == 0) failures_.erase(it);
   return true;
@@ -298,6 +300,8 @@ void FakePlatform::installFakes() {
     return newDescriptor();
   };
   b.setns = [](int, int) { return 0; };
+  b.inotify_init1 = previous_.inotify_init1;
+  b.inotify_add_watch = previous_.inotify_add_watch;
   auto fakeStat = [this](char const * path, struct stat * result) {
     auto it = files_.find(path);
     if (it == files_.end()) {
@@ -380,6 +384,9 @@ void FakePlatform::installRecorders() {
   live.lstat = recorder(Kind::lstat, &B::lstat, -1, path);
   live.stat = recorder(Kind::stat, &B::stat, -1, path);
   live.fopen = recorder(Kind::fopen, &B::fopen, nullptr, path);
+  live.inotify_init1 = recorder(Kind::inotify_init1, &B::inotify_init1, -1, [](Call & c, int flags) { c.a = flags; });
+  live.inotify_add_watch = recorder(Kind::inotify_add_watch, &B::inotify_add_watch, -1,
+                                    [](Call & c, int fd, char const * p, uint32_t mask) { c.fd = fd, c.text = p, c.a = mask; });
 }
 
 }  // namespace IntfsmTest

@@ -25,6 +25,7 @@
 // - stat, lstat and fopen see only the fake file system: paths added with fileIs (fopen reads their
 //   content). "/proc/thread-self/ns/net" is there from the start.
 // - setNetlinkOperState records the request and returns true; replace it with behaviour() to refuse.
+// - inotify_init1 and inotify_add_watch are the real calls (an inotify descriptor the loop can watch).
 // - mmap of a fake descriptor maps zeroed private memory of that length (a receive ring the kernel
 //   never fills); munmap gives back what the fake mapped. Other mappings go to the previous table.
 // A failure queued with failNext wins over the fake: the call is recorded with the
@@ -50,6 +51,7 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -85,6 +87,8 @@ class FakePlatform {
     fopen,
     mmap,
     munmap,
+    inotify_init1,
+    inotify_add_watch,
   };
 
   // One call as the code under test made it. Field use by kind:
@@ -98,6 +102,7 @@ class FakePlatform {
   //   lstat / stat / fopen: text = path
   //   setNetlinkOperState: fd = sd; text = device name; a = tag; b = operState; result = 1 or 0
   //   mmap: fd; a = length; result = 1 (0 when it failed)        munmap: a = length
+  //   inotify_init1: a = flags        inotify_add_watch: fd; text = path; a = mask
   // `error` is the errno of a failed call, 0 otherwise.
   struct Call {
     Kind kind = Kind::socketAt;
@@ -137,8 +142,10 @@ class FakePlatform {
   std::vector<OperStateRequest> operStateRequests() const;
   void clearCalls() { calls_.clear(); }
 
-  // The next `times` calls of `kind` fail with `error`.
-  void failNext(Kind kind, int error, unsigned times = 1);
+  // The next `times` calls of `kind` (that `match` accepts, when given) fail with `error`.
+  void failNext(Kind kind, int error, unsigned times = 1, std::function<bool(Call const &)> match = nullptr);
+  // Failures queued and not yet taken.
+  size_t failuresPending() const { return failures_.size(); }
 
   // Fake descriptors handed out and not yet closed, in ascending order.
   std::vector<int> openDescriptors() const;
@@ -176,6 +183,7 @@ class FakePlatform {
   struct Failure {
     int error = 0;
     unsigned times = 0;
+    std::function<bool(Call const &)> match;
   };
   struct Datagram {
     std::string bytes;

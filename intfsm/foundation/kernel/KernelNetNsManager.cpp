@@ -126,7 +126,7 @@ void Manager::hasNotificationActiveIs(bool active) {
 
 void Manager::activate() {
   defaultNumber_ = ownNamespaceNumber();
-  int const fd = Platform::calls().inotifyInit1(IN_CLOEXEC | IN_NONBLOCK);
+  int const fd = Platform::calls().inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   std::string const scope = "directory " + std::string(directory_.view());
   if (fd < 0 && Vorn::isDescriptorShortage(errno)) {
     std::string const text = Vorn::descriptorShortageIs(inotifyPurpose, scope, errno);
@@ -160,7 +160,7 @@ void Manager::activate() {
   fdReactor_ = Vorn::reactorNew<VornFileDesc>(this, fd_);
 
   // The parent first: a directory created right after the look below is then still seen.
-  parentWatch_ = ::inotify_add_watch(fd, parent_.c_str(), parentEvents);
+  parentWatch_ = Platform::calls().inotify_add_watch(fd, parent_.c_str(), parentEvents);
   if (parentWatch_ < 0) {
     KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot watch " << parent_ << ", errno: " << errno
                                                            << "; " << directory_ << " is followed only while it exists");
@@ -192,7 +192,7 @@ void Manager::deactivate() {
 }
 
 void Manager::watchDirectory() {
-  int const wd = ::inotify_add_watch(inotify_, directory_.charPtr(), directoryEvents);
+  int const wd = Platform::calls().inotify_add_watch(inotify_, directory_.charPtr(), directoryEvents);
   if (wd >= 0) {
     if (dirWatch_ != wd) KNNI_TRACE(5, "watching " << directory_);
     dirWatch_ = wd;

@@ -25,7 +25,7 @@
 // Turning following on (again) scans and reconciles: namespaces that vanished meanwhile are removed,
 // new ones added. Turning it off closes the inotify descriptor (after dropping its FileDescriptor) and
 // leaves the Root as it was. The directory is scanned with plain system calls (tests point a manager at a
-// directory of their own instead, the second ManagerIs); the inotify instance is made and read through
+// directory of their own instead, the second ManagerIs); the inotify instance is made, watched and read through
 // Platform::calls(), so that a test can feed it bytes. Every event read is checked against the bytes
 // actually read: bytes that are not a whole event (a header cut short, a name length past the end) end
 // the walk with a level-0 trace, count in malformedReads(), and rescan, since events may be lost.

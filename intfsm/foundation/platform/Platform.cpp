@@ -27,12 +27,13 @@ Calls makeRealCalls() {
   c.mmap = &::mmap;
   c.munmap = &::munmap;
   c.read = &::read;
-  c.inotifyInit1 = &::inotify_init1;
   c.open = [](char const * path, int flags) { return ::open(path, flags); };
   c.setns = &::setns;
   c.lstat = [](char const * path, struct stat * result) { return ::lstat(path, result); };
   c.stat = [](char const * path, struct stat * result) { return ::stat(path, result); };
   c.fopen = [](char const * path, char const * mode) { return std::fopen(path, mode); };
+  c.inotify_init1 = &::inotify_init1;
+  c.inotify_add_watch = &::inotify_add_watch;
   return c;
 }
 

@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 
@@ -41,9 +42,8 @@ struct Calls {
   std::function<void *(void * address, size_t length, int protection, int flags, int fd, off_t offset)> mmap;
   std::function<int(void * address, size_t length)> munmap;
 
-  // Reading a descriptor (the namespace manager's inotify events) and making an inotify instance.
+  // Reading a descriptor (the namespace manager's inotify events).
   std::function<ssize_t(int fd, void * data, size_t length)> read;
-  std::function<int(int flags)> inotifyInit1;
 
   // Opening namespace files and entering namespaces.
   std::function<int(char const * path, int flags)> open;
@@ -53,6 +53,10 @@ struct Calls {
   std::function<int(char const * path, struct stat * result)> lstat;
   std::function<int(char const * path, struct stat * result)> stat;
   std::function<FILE *(char const * path, char const * mode)> fopen;
+
+  // Watching the directory of named namespaces.
+  std::function<int(int flags)> inotify_init1;
+  std::function<int(int fd, char const * path, uint32_t mask)> inotify_add_watch;
 };
 
 // The live table: what library code calls. Tests may assign its entries; whoever does restores them.

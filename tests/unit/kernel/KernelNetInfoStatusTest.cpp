@@ -379,21 +379,8 @@ TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivil
   EXPECT_EQ(options[0].b, SO_RCVBUFFORCE);
   EXPECT_EQ(intOf(options[0].data), 8192);
 
-  fake.failNext(Kind::setsockopt, ENOMEM);
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->rcvBufBytesIs(1 << 20); }),
-            "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12");
-  EXPECT_EQ(status->rcvBufBytes(), 8192u);
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { status->redumpIntervalIs(-1); }),
             "KernelNetInfo::Status::redumpInterval < 0 not allowed");
-}
-
-TEST_F(KernelNetInfoStatus, FailedDumpRequestClosesEverything) {
-  fake.failNext(Kind::sendto, ENOBUFS);
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->enabledIs(true); }),
-            "KernelNetInfo::Status sendto failed in namespace blue, errno: 105");
-  EXPECT_FALSE(status->enabled());
-  EXPECT_FALSE(isOpen(kernel.statusSide()));
-  EXPECT_EQ(loop.watches(), 0u);
 }
 
 // A Root given at creation is the one filled (what it held before is reconciled away), and an
@@ -457,42 +444,6 @@ TEST_F(KernelNetInfoStatus, FollowsItsNamespaceThroughTheCollection) {
     sd = status->descriptor();
   }
   EXPECT_EQ(status->reopens(), 4u);
-}
-
-// Set-up failures on the fake platform's own descriptors: the error names the step and errno, and
-// nothing stays open.
-class KernelNetInfoStatusSetUp : public ::testing::Test {
- protected:
-  std::string enableError() {
-    return IntfsmTest::thrownText<Vorn::ErrnoException>([&] { status->enabledIs(true); });
-  }
-  Vorn::ActivityManager loop;
-  FakePlatform fake;
-  Vorn::Ptr<Status> status = Status::statusNew("kni", Ovel::NamespaceName(Vorn::String("blue")), nullptr, loop);
-};
-
-TEST_F(KernelNetInfoStatusSetUp, EachFailingStepRaisesAndLeavesNothingOpen) {
-  IntfsmTest::TraceCapture trace{{"KernelNetInfo", 1}};
-  std::vector<std::string> errors;
-  for (auto [kind, error] : {std::pair{Kind::socketAt, ENOENT}, {Kind::bind, EADDRINUSE}, {Kind::setsockopt, ENOMEM}}) {
-    fake.failNext(kind, error);
-    errors.push_back(enableError());
-  }
-  fake.behaviour().setsockopt = [](int, int level, int, void const *, socklen_t) {
-    return level == SOL_NETLINK ? (errno = EINVAL, -1) : 0;
-  };
-  errors.push_back(enableError());
-  EXPECT_THAT(errors,
-              ElementsAre("KernelNetInfo::Status socket failed in namespace blue, errno: 2",
-                          "KernelNetInfo::Status bind failed in namespace blue, errno: 98",
-                          "KernelNetInfo::Status setsockopt SO_RCVBUF failed in namespace blue, errno: 12",
-                          "KernelNetInfo::Status setsockopt NETLINK_ADD_MEMBERSHIP failed in namespace blue, errno: 22"));
-  EXPECT_EQ(trace.texts("KernelNetInfo", 0), errors);
-  EXPECT_FALSE(status->enabled());
-  EXPECT_EQ(status->descriptor(), -1);
-  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
-  EXPECT_EQ(fake.count(Kind::close), 3u);  // every socket that was had
-  EXPECT_EQ(loop.watches(), 0u);
 }
 
 }  // namespace
