@@ -97,7 +97,16 @@ class DescriptorBudgetKernelTest : public IntfsmTest::KernelModuleTest {
   Ptr<KernelNetNsInfo::Manager> nsManager;
 };
 
-TEST_F(DescriptorBudgetKernelTest, ShortageIsTracedOnceByNameAndEverythingOpensWhenTheLimitIsUp) {
+// The sanitizers' vptr check reads a vtable it has not seen through a pipe; with no descriptor left it
+// calls every such vtable invalid and ends the run. The sanitizer build leaves this test out (the fault
+// table covers the same shortage paths there, through the seams).
+#if defined(__SANITIZE_ADDRESS__)
+#define SHORTAGE_TEST DISABLED_ShortageIsTracedOnceByNameAndEverythingOpensWhenTheLimitIsUp
+#else
+#define SHORTAGE_TEST ShortageIsTracedOnceByNameAndEverythingOpensWhenTheLimitIsUp
+#endif
+
+TEST_F(DescriptorBudgetKernelTest, SHORTAGE_TEST) {
   std::unique_ptr<DIR, int (*)(DIR *)> const fdDirHeld(opendir("/proc/self/fd"), closedir);
   DIR * const fdDir = fdDirHeld.get();
   ASSERT_NE(fdDir, nullptr);
