@@ -111,20 +111,20 @@ class LoopDescriptor {
 
  private:
   void arm(bool now) {
-    itimerspec spec{};
+    itimerspec expiry{};
     double delay = 0;
     if (!now) {
       double const next = Vorn::activityManager().clock()->timeMinNext();
       if (std::isinf(next)) {
-        timerfd_settime(timer_, 0, &spec, nullptr);  // disarmed: nothing timed is waiting
+        timerfd_settime(timer_, 0, &expiry, nullptr);  // disarmed: nothing timed is waiting
         return;
       }
       delay = std::max(next - Vorn::System::currentTime(), 0.0);
     }
     auto const ns = static_cast<int64_t>(delay * 1e9) + 1;  // 0 would disarm
-    spec.it_value.tv_sec = ns / 1000000000;
-    spec.it_value.tv_nsec = ns % 1000000000;
-    timerfd_settime(timer_, 0, &spec, nullptr);
+    expiry.it_value.tv_sec = ns / 1000000000;
+    expiry.it_value.tv_nsec = ns % 1000000000;
+    timerfd_settime(timer_, 0, &expiry, nullptr);
   }
 
   int epoll_ = -1;
