@@ -86,21 +86,24 @@
 // PACKET_RX_RING", "failed to map the ring"), and unmapped whenever its socket is closed.
 //
 // Receive moderation (rxModeration, off by default; for ring mode and the bulk path). A socket is
-// read on readiness, a wake-up per arrival, for as long as frames come slowly. When one readable event
-// finds rxModerationBatch frames or more (the quota of one read caps that), the socket stops asking
-// for readiness and is read instead every rxModerationIntervalUs microseconds on the loop's clock: a
-// ring by its slots' status words, no system call, the bulk path by recvmmsg; each firing reads until
-// a read comes back short of the quota (at most moderationPassFrames frames, then again on the next
-// pass). A firing that finds fewer than rxModerationBatch frames hands the socket back to readiness;
-// frames that came meanwhile are reported on the next pass, so none waits for a wake-up that never
-// comes. So a quiet link costs a wake-up per frame and is answered at once, and a storm costs one
-// pass per interval however many frames it brings, and does not make the kernel wake the reader for
-// each one. The single-frame path is never moderated. rxModerationEntries counts the switches to
-// timed reads. The defaults (16 frames, 100 us) are measured ones: at 100 us a storm's frames wait
-// no longer than an immediate reader's, which is itself saturated then; 250 us and more halve the CPU
-// per frame again but double the latency, and already make 100,000 frames/s wait on the timer. A
-// batch of 16 is never found by a wake-up at 100,000 frames/s or less, so such rates keep their
-// immediate wake-ups.
+// read on readiness, a wake-up per arrival, for as long as frames come slowly. When the readable
+// events within one rxModerationIntervalUs bring rxModerationBatch frames or more between them (a
+// rate: 16 in 100 us is 160,000 frames/s), two intervals running (a burst alone is not a storm), the socket stops asking for readiness and is read instead
+// every rxModerationIntervalUs microseconds on the loop's clock: a ring by its slots' status words, no
+// system call, the bulk path by recvmmsg; each firing reads until a read comes back short of the
+// quota (at most moderationPassFrames frames, then again on the next pass). A firing that finds
+// fewer than half a batch per interval (weighed by the time since the last firing: the loop wakes
+// late) hands the socket back to readiness (the gap keeps a rate near the threshold from switching
+// at every pass); frames that came meanwhile are reported on the next
+// pass, so none waits for a wake-up that never comes. The rate is counted over the interval, not per
+// wake-up: a reader that wakes at once finds one or two frames each time, however busy the link.
+// So a quiet link costs a wake-up per frame and is answered at once, and a storm costs one pass per
+// interval however many frames it brings, and does not make the kernel wake the reader for each
+// one. The single-frame path is never moderated. rxModerationEntries counts the switches to timed
+// reads. The defaults (16 frames, 100 us) are measured ones: at 100 us a storm's frames wait no
+// longer than an immediate reader's, which is itself saturated then; 200 us and more cut the CPU per
+// frame further but double the latency. Rates below 160,000 frames/s keep their immediate wake-ups;
+// once timed, reads stay timed down to 80,000.
 // Why not a TPACKET_V3 ring with a short retire timeout: its blocks are handed over when full or
 // at the timeout, which the kernel keeps at one millisecond or more, so a quiet link waits for it.
 //
@@ -119,6 +122,7 @@
 // Threading: everything runs on the event loop's one thread; nothing is locked.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
@@ -448,6 +452,9 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
     Vorn::Ptr<EthDevPamBundleFdSm> fdSm;
     RxRing ring;
     bool moderated = false;  // read on the moderation timer, readiness off
+    double windowStart = 0;  // when the interval that windowFrames counts began
+    uint32_t windowFrames = 0;  // frames read on readiness in that interval
+    bool busyBefore = false;  // the interval before it brought a batch
   };
   enum Slot : unsigned { common = 0, tap = 1 };
   struct SlotNames;
@@ -484,7 +491,12 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   // One read of currActiveSd by the path it takes (ring, else bulk); the frames taken.
   uint32_t doRxReadOnce();
   // Moves `s` to timed reads (arming the timer) or back to readiness.
+  void doModerationCount(Socket & s, uint32_t frames);
+  static uint64_t microsecondsBetween(double from, double to);
   void doModerationEnter(Socket & s);
+  // A timer pass that finds fewer frames than this hands the socket back to readiness: half the
+  // batch, so that a rate near the threshold does not switch modes at every pass.
+  uint32_t moderationLeaveFrames() const { return std::max<uint32_t>(rxModerationBatch_ / 2, 1); }
   void doModerationLeave(Socket & s);
   class VornModerationClock;
   void configureRlimitIntfSize(int sock, uint32_t perIntf);
@@ -532,6 +544,7 @@ class EthDevPamBundle : public Ovel::EthDevPamBase, private Ovel::EthDevPamInBun
   uint64_t rxModerationEntries_ = 0;
   // Fires while a socket is moderated; made on the first switch, bound to the loop's clock.
   Vorn::Ptr<Vorn::Clock::NotifieeConst> moderationClock_;
+  double moderationLastPass_ = 0;  // when the timer last read (or was armed): the time a pass covers
 
   Vorn::Ptr<EthDevPamCollection> actPamCollection_;
   uint64_t kernelDrops_ = 0;

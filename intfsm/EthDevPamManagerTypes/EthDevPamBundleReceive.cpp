@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 #include "intfsm/EthDevPamManagerTypes/internal/Trace.h"
@@ -29,8 +30,8 @@ void EthDevPamBundle::doGetRxPkt() {
   if (rxRingMapped(currActiveSd_) || enableBulkPamRead_) {
     int const sock = currActiveSd_;
     uint32_t const count = doRxReadOnce();
-    if (rxModeration_ && count >= rxModerationBatch_ && enabled_) {
-      if (Socket * s = socketOf(sock)) doModerationEnter(*s);  // a reader may have closed it
+    if (rxModeration_ && enabled_) {
+      if (Socket * s = socketOf(sock)) doModerationCount(*s, count);  // a reader may have closed it
     }
   } else {
     EDPM_TRACE(9, "Non-bulk get pkts on EdpBundle's FileDescriptor: " << currActiveSd_);
@@ -364,9 +365,30 @@ class EthDevPamBundle::VornModerationClock : public Vorn::Reactor<EthDevPamBundl
   void onTimeMin() override { forward(&EthDevPamBundle::handleModerationTimer); }
 };
 
+// Whole microseconds from `from` to `to`, rounded: the clock's seconds are doubles.
+uint64_t EthDevPamBundle::microsecondsBetween(double from, double to) {
+  return to > from ? static_cast<uint64_t>(std::llround((to - from) * 1e6)) : 0;
+}
+
 bool EthDevPamBundle::rxModerated(int sock) const {
   Socket const * s = const_cast<EthDevPamBundle *>(this)->socketOf(sock);
   return s && s->moderated;
+}
+
+// The frames readiness brought within one interval; a batch of them in two intervals running means
+// the link is busy enough for timed reads. Counted over the interval, not per wake-up: a reader that
+// wakes fast finds one or two frames each time however busy the link is. Two intervals, not one:
+// the kernel hands a sender's frames over in bursts, and a burst alone is read by one wake-up.
+void EthDevPamBundle::doModerationCount(Socket & s, uint32_t frames) {
+  double const now = Vorn::System::currentTime();
+  uint64_t const since = microsecondsBetween(s.windowStart, now);
+  if (since >= rxModerationIntervalUs_) {
+    s.busyBefore = s.windowFrames >= rxModerationBatch_ && since < 2 * uint64_t(rxModerationIntervalUs_);
+    s.windowStart = now;
+    s.windowFrames = 0;
+  }
+  s.windowFrames += frames;
+  if (s.busyBefore && s.windowFrames >= rxModerationBatch_) doModerationEnter(s);
 }
 
 void EthDevPamBundle::doModerationEnter(Socket & s) {
@@ -378,19 +400,28 @@ void EthDevPamBundle::doModerationEnter(Socket & s) {
   notify(&NotifieeConst::onRxModerationEntries);
   if (!moderationClock_) moderationClock_ = Vorn::reactorNew<VornModerationClock>(this, Vorn::activityManager().clock());
   if (moderationClock_->timeMin() == Vorn::Clock::never) {
-    moderationClock_->timeMinIs(Vorn::System::currentTime() + rxModerationIntervalUs_ * 1e-6);
+    moderationLastPass_ = Vorn::System::currentTime();
+    moderationClock_->timeMinIs(moderationLastPass_ + rxModerationIntervalUs_ * 1e-6);
   }
 }
 
 void EthDevPamBundle::doModerationLeave(Socket & s) {
   EDPM_TRACE(5, "EthDevPamBundle: readiness reads on sd " << s.sd);
   s.moderated = false;
+  s.windowStart = Vorn::System::currentTime();
+  s.windowFrames = 0;
+  s.busyBefore = false;
   if (s.watch) s.watch->readableWantedIs(true);  // what came meanwhile is reported on the next pass
 }
 
 void EthDevPamBundle::handleModerationTimer() {
   EDPM_TRACE(8, "void Interface::EthDevPamBundle::handleModerationTimer()");
   Vorn::Ptr<EthDevPamBundle> keep(references() ? this : nullptr);  // a reader may drop the last reference
+  // The loop wakes later than asked (timer slack, other work): what a pass finds is weighed by the
+  // time it covers, so a late firing does not pass for a busy link.
+  double const start = Vorn::System::currentTime();
+  uint64_t const covered = std::max<uint64_t>(microsecondsBetween(moderationLastPass_, start), rxModerationIntervalUs_);
+  moderationLastPass_ = start;
   bool again = false, full = false;
   for (Slot slot : {common, tap}) {
     if (!enabled_ || !sockets_[slot].moderated) continue;
@@ -405,7 +436,7 @@ void EthDevPamBundle::handleModerationTimer() {
     currActiveSdIs(-1);
     Socket & s = sockets_[slot];
     if (s.sd != sock || !s.moderated) continue;  // a reader closed it, or moderation was turned off
-    if (total < rxModerationBatch_) {
+    if (uint64_t(total) * rxModerationIntervalUs_ < uint64_t(moderationLeaveFrames()) * covered) {
       doModerationLeave(s);
     } else {
       again = true;

@@ -38,20 +38,39 @@ uint32_t FileDescriptor::epollEvents() const {
 }
 
 void FileDescriptor::watchEventsApply() {
-  if (watchId_ && manager_ && !manager_->watchMod(watchId_, descriptor_, epollEvents())) watchId_ = 0;  // closed behind our back
+  if (!manager_ || descriptor_ < 0) return;
+  uint32_t const events = epollEvents();
+  if (events == 0) {
+    // Out of the set: the kernel calls every entry on the descriptor's wait queue at each arrival,
+    // even one that wants nothing.
+    if (watchId_) {
+      manager_->watchDel(watchId_, descriptor_);
+      watchId_ = 0;
+      parked_ = true;
+    }
+    return;
+  }
+  if (parked_) {
+    parked_ = false;
+    watchId_ = manager_->watchAdd(this, descriptor_, events);
+    return;
+  }
+  if (watchId_ && !manager_->watchMod(watchId_, descriptor_, events)) watchId_ = 0;  // closed behind our back
 }
 
 void FileDescriptor::watchDel() {
   if (watchId_ && manager_) manager_->watchDel(watchId_, descriptor_);
   watchId_ = 0;
+  parked_ = false;
 }
 
 void FileDescriptor::descriptorIs(int fd) {
   if (fd < -1) throw RangeException("FileDescriptor::descriptor < -1 not allowed");
   if (fd == descriptor_) return;
   uint64_t id = 0;
+  bool const parked = fd >= 0 && manager_ && epollEvents() == 0;
   if (fd >= 0) {
-    if (manager_) id = manager_->watchAdd(this, fd, epollEvents());
+    if (manager_ && !parked) id = manager_->watchAdd(this, fd, epollEvents());
     if (nonBlocking_ && !nonBlockingApply(fd, true)) {
       int const e = errno;
       if (id) manager_->watchDel(id, fd);
@@ -62,6 +81,7 @@ void FileDescriptor::descriptorIs(int fd) {
   watchDel();
   descriptor_ = fd;
   watchId_ = id;
+  parked_ = parked;
   notify(&NotifieeConst::onDescriptor);
 }
 

@@ -26,6 +26,10 @@
 //   readability once drained) on every pass until the owner clears the descriptor.
 // In one pass they are counted in that order; a handler that clears or changes the descriptor
 // stops the rest of that pass's counts for it.
+// While neither readability nor writability is wanted, the descriptor is out of the epoll set
+// altogether (errors and hang-ups are reported once something is wanted again): the kernel calls
+// every entry on a descriptor's wait queue at each arrival, even one that wants nothing, and that
+// call costs whoever queues the data (a sender's core for every frame on a packet socket).
 #pragma once
 
 #include <cstdint>
@@ -99,6 +103,7 @@ class FileDescriptor : public Entity {
   uint64_t writableCount_ = 0;
   uint64_t exceptionPendingCount_ = 0;
   uint64_t watchId_ = 0;  // our registration in the manager's epoll set; 0 = none
+  bool parked_ = false;  // out of the set while nothing is wanted, added again when something is
 };
 
 Ptr<FileDescriptor> fileDescriptorFactory(Name const & name);
