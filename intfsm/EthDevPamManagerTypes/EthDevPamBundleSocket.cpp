@@ -128,9 +128,15 @@ void EthDevPamBundle::doSocketSetupFailed(int sock, char const * trace, int erro
 }
 
 std::string EthDevPamBundle::descriptorScope() const {
+  // Appended piece by piece: GCC 12 at -O3 reads `" " + string` as an overlapping copy (-Wrestrict).
   std::string scope = "bundle";
-  if (!name().empty()) scope += " " + name().stdString();
-  return scope + " in namespace " + (netNs_.empty() ? Ovel::DEFAULT_NS : netNs_.charPtr());
+  if (!name().empty()) {
+    scope += ' ';
+    scope += name().stdString();
+  }
+  scope += " in namespace ";
+  scope += netNs_.empty() ? Ovel::DEFAULT_NS : netNs_.charPtr();
+  return scope;
 }
 
 void EthDevPamBundle::doSocketClose() {
