@@ -3,6 +3,7 @@
 //
 //   g++ -std=c++20 minimal-agent.cpp $(pkg-config --cflags --libs intfsm) -o minimal-agent
 //   ./minimal-agent lo          # root for the packet socket; without it the agent only reports
+#include <linux/if_ether.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -48,6 +49,7 @@ int main(int argc, char ** argv) {
   kernel->enabledIs(true);
   auto packets = Interface::simpleEthDevPamManagerFactory(all, allLocal, kernel);
   packets->initializedIs(true);
+  packets->ethDevPamManager()->ethProtocolIs(ETH_P_ALL);  // no EtherType chosen: the socket would receive nothing
   packets->ethDevPamManager()->handleInitialized();  // binds the manager to the loop's clock
   packets->ethDevPamManager()->enabledIs(true);
   Vorn::Ptr<Receiver> receiver = new Receiver(packets->deviceIntfStatusDir(), packets->pamCollection());
