@@ -56,7 +56,7 @@
 //   before the first socket exists. The empty program detaches the filter. While disabled the program
 //   is stored as it is; a refused one then fails at enabling, every Pam tracing "Unable to enable pam".
 //
-// Where this departs from the letter of the Parts, and why:
+// Where this departs from the manager's plain steps, and why:
 // - A filter set while enabled but before the first shared socket exists reaches the bundle, which
 //   attaches it to each socket it opens (else the traffic would run unfiltered without a word).
 // - A stale Pam gives its count on the shared socket back when replaced (else one count leaks per

@@ -283,9 +283,15 @@ void IntfStatusOperStatusSm::handleNsByName(Ovel::NamespaceName const & name) {
       return;
     }
     shortOf_.erase(name);
-    // A socket already cached for this name is replaced, not closed: each presence notification opens
-    // a fresh one on purpose.
+    // Each presence notification opens a fresh socket on purpose (the name may stand for a namespace
+    // made again); the one it replaces is closed once the fresh one is cached, or it would leak.
+    int const replaced = kosm_->nsNetlinkSockFdHas(name) ? kosm_->nsNetlinkSockFd(name) : -1;
     kosm_->nsNetlinkSockFdIs(name, sd);
+    if (replaced >= 0 && replaced != sd) {
+      KOS_TRACE(8, "handleNsByName" << " closing replaced netlink socket: " << replaced);
+      Vorn::descriptorClosed(replaced);
+      platform.close(replaced);
+    }
     if (initialized_ && !openingAll_ && kosm_->operStateConvergence() && intfStatusDir_) {
       for (auto const & e : intfStatusDir_->intfStatusIter()) {
         auto const local = intfStatusLocalDir_ ? intfStatusLocalDir_->intfStatusLocal(e.key) : nullptr;

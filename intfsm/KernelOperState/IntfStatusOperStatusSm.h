@@ -21,11 +21,13 @@
 // Out of descriptors: a namespace whose cached socket cannot be opened for lack of descriptors (EMFILE,
 // ENFILE) is traced once at level 0 by the socket's opener and tried again every shortageRetryInterval
 // seconds on the loop's clock while it exists and has no cached socket; when one opens, every interface
-// is synced again, since requests for it were dropped meanwhile. Where this departs from the letter of
-// the oper-state Parts, and why: a socket that cannot be had for the default namespace ends the process
+// is synced again, since requests for it were dropped meanwhile. Where this departs from the oper-state
+// side's plain steps, and why: a socket that cannot be had for the default namespace ends the process
 // there; for a descriptor shortage it does not, because the shortage passes and an exit would drop the
 // state of every namespace and every other subsystem of the agent; the retry and the resync are what
-// keep the kernel from silently drifting after it. Other socket failures keep the Part's behaviour.
+// keep the kernel from silently drifting after it. Other socket failures keep the plain behaviour.
+// And: a namespace's presence notification replaces its cached socket with a fresh one; the one it
+// replaces is closed then (kept open, it would leak a descriptor per repeated notification).
 //
 // Created (by the oper-state root, or IntfStatusOperStatusSmIs) with all four inputs; construction ends
 // with the start-up sync.
