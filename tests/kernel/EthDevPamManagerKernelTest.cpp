@@ -19,6 +19,7 @@
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/KernelModuleTest.h"
+#include "tests/support/ThrownText.h"
 
 using namespace Interface;
 using IntfsmTest::frame;
@@ -60,10 +61,6 @@ class EthDevPamManagerKernelTest : public IntfsmTest::KernelModuleTest {
   bool got(int i, std::string const & expected) {
     while (Ptr<Ovel::Pkt> pkt = pam(i) ? pam(i)->rxPkt() : nullptr) firsts[i] += char(pkt->data()[14]);
     return firsts[i] == expected;
-  }
-  long raised(Ovel::SockFilterProgram const & program) {
-    try { manager->filterProgramIs(program); } catch (Vorn::ErrnoException const & e) { return e.errorNumber(); }
-    return 0;
   }
 
   std::string ns, peerNs;
@@ -110,7 +107,7 @@ TEST_F(EthDevPamManagerKernelTest, DesiredDevicesGetPamsThatReceiveFilterTransmi
     }
     ASSERT_TRUE(runUntil([&] { return got(0, "ak") && got(1, "bk"); }));
     // A program the kernel refuses (it does not end in a return) raises its errno; the one in force stays.
-    EXPECT_EQ(raised(Ovel::SockFilterProgram{{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14}}), EINVAL);
+    EXPECT_EQ(IntfsmTest::thrownErrno([&] { manager->filterProgramIs({{BPF_LD | BPF_B | BPF_ABS, 0, 0, 14}}); }), EINVAL);
     for (int i : {0, 1}) {
       send(i, 'x');
       send(i, 'k');

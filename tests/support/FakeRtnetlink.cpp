@@ -123,7 +123,8 @@ void FakeRtnetlink::dumpSend(size_t count) {
 void FakeRtnetlink::dumpDone() { send(doneMessage(dumpSeq_, dumpFlags_)); }
 
 std::string FakeRtnetlink::linkMessage(uint16_t type, uint16_t nlFlags, uint32_t seq, uint32_t ifIndex, uint32_t flags,
-                                       std::string const & name, uint8_t family, std::optional<int32_t> newNetNsId) {
+                                       std::string const & name, uint8_t family, std::optional<int32_t> newNetNsId,
+                                       std::optional<uint8_t> operState) {
   std::string message = header(type, nlFlags, seq);
   ifinfomsg ifi{};
   ifi.ifi_family = family;
@@ -132,6 +133,7 @@ std::string FakeRtnetlink::linkMessage(uint16_t type, uint16_t nlFlags, uint32_t
   message.append(reinterpret_cast<char const *>(&ifi), sizeof ifi);
   putAttribute(message, IFLA_IFNAME, name.c_str(), name.size() + 1);
   if (newNetNsId) putAttribute(message, IFLA_NEW_NETNSID, &*newNetNsId, sizeof *newNetNsId);
+  if (operState) putAttribute(message, IFLA_OPERSTATE, &*operState, sizeof *operState);
   finish(message);
   return message;
 }

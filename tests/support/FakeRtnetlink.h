@@ -48,9 +48,6 @@ class FakeRtnetlink {
   void newLink(uint32_t ifIndex, uint32_t flags, std::string const & name);
   void delLink(uint32_t ifIndex);
 
-  // The status's end of the newest socket pair (-1 before socketAt).
-  int statusSide() const { return statusSide_; }
-
   // Sequence numbers of the dump requests seen, in order; the ones not answered yet.
   std::vector<uint32_t> const & dumpRequests() const { return requests_; }
   size_t heldRequests() const { return held_.size(); }
@@ -74,10 +71,11 @@ class FakeRtnetlink {
   // Raw datagrams to the status.
   void send(std::string const & datagram);
 
-  // One link message: nlmsghdr, ifinfomsg and IFLA_IFNAME (and IFLA_NEW_NETNSID when given).
+  // One link message: nlmsghdr, ifinfomsg and IFLA_IFNAME (and IFLA_NEW_NETNSID, IFLA_OPERSTATE when given).
   static std::string linkMessage(uint16_t type, uint16_t nlFlags, uint32_t seq, uint32_t ifIndex, uint32_t flags,
                                  std::string const & name, uint8_t family = 0,
-                                 std::optional<int32_t> newNetNsId = std::nullopt);
+                                 std::optional<int32_t> newNetNsId = std::nullopt,
+                                 std::optional<uint8_t> operState = std::nullopt);
   static std::string doneMessage(uint32_t seq, uint16_t nlFlags = 0);
   static std::string errorMessage(uint32_t seq, int error);
 

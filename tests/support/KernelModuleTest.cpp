@@ -14,15 +14,6 @@
 
 namespace IntfsmTest {
 
-std::string frame(char tag, uint16_t type, size_t length) {
-  std::string f("\xff\xff\xff\xff\xff\xff\x02\x00\x00\x00\x00\x01", 12);
-  f += static_cast<char>(type >> 8);
-  f += static_cast<char>(type & 0xff);
-  f += tag;
-  f.resize(length, static_cast<char>(0x5a));
-  return f;
-}
-
 int mappedSockets() {
   std::ifstream maps("/proc/self/maps");
   int n = 0;

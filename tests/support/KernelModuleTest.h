@@ -28,16 +28,10 @@
 #include "intfsm/foundation/ovel/Pkt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
 #include "tests/support/NetNs.h"
+#include "tests/support/Packets.h"
 #include "tests/support/ScopedLoop.h"
 
 namespace IntfsmTest {
-
-// A local experimental EtherType: nothing else on a test link uses it.
-inline constexpr uint16_t testProtocol = 0x88b5;
-
-// A broadcast frame of `length` bytes from 02:00:00:00:00:01 of type `type` whose first payload byte
-// (offset 14) is `tag`, padded with 0x5a.
-std::string frame(char tag, uint16_t type = testProtocol, size_t length = 60);
 
 // Packet-socket mappings (receive rings) of this process.
 int mappedSockets();

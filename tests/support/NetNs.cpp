@@ -201,32 +201,20 @@ void NetNsFixture::namespaceDel(std::string const & ns) {
 
 void NetNsFixture::vethPairNew(std::string const & ns, std::string const & a, std::string const & b,
                                std::string const & peerNs) {
-  if (peerNs.empty() || peerNs == ns) {
-    ip({"-n", ns, "link", "add", a, "type", "veth", "peer", "name", b});
-  } else {
-    ip({"-n", ns, "link", "add", a, "type", "veth", "peer", "name", b, "netns", peerNs});
-  }
+  std::vector<std::string> args{"-n", ns, "link", "add", a, "type", "veth", "peer", "name", b};
+  if (!peerNs.empty() && peerNs != ns) args.insert(args.end(), {"netns", peerNs});
+  ip(args);
 }
 
-void NetNsFixture::linkUp(std::string const & ns, std::string const & device) {
-  ip({"-n", ns, "link", "set", device, "up"});
-}
-
-void NetNsFixture::linkDown(std::string const & ns, std::string const & device) {
-  ip({"-n", ns, "link", "set", device, "down"});
-}
-
+void NetNsFixture::linkUp(std::string const & ns, std::string const & device) { ip({"-n", ns, "link", "set", device, "up"}); }
+void NetNsFixture::linkDown(std::string const & ns, std::string const & device) { ip({"-n", ns, "link", "set", device, "down"}); }
 void NetNsFixture::linkRename(std::string const & ns, std::string const & device, std::string const & newName) {
   ip({"-n", ns, "link", "set", device, "name", newName});
 }
-
 void NetNsFixture::linkMove(std::string const & ns, std::string const & device, std::string const & toNs) {
   ip({"-n", ns, "link", "set", device, "netns", toNs});
 }
-
-void NetNsFixture::linkDel(std::string const & ns, std::string const & device) {
-  ip({"-n", ns, "link", "del", device});
-}
+void NetNsFixture::linkDel(std::string const & ns, std::string const & device) { ip({"-n", ns, "link", "del", device}); }
 
 std::optional<LinkState> NetNsFixture::link(std::string const & ns, std::string const & device) const {
   // The real calls, whatever a test has put in the live table.

@@ -32,4 +32,15 @@ inline std::string frameBytes(uint16_t type, std::string const & payload) {
   return f + payload;
 }
 
+// A local experimental EtherType: nothing else on a test link uses it.
+inline constexpr uint16_t testProtocol = 0x88b5;
+
+// A broadcast frame of `length` bytes of type `type` whose first payload byte (offset 14) is `tag`,
+// padded with 0x5a.
+inline std::string frame(char tag, uint16_t type = testProtocol, size_t length = 60) {
+  std::string f = frameBytes(type, std::string(1, tag));
+  f.resize(length, static_cast<char>(0x5a));
+  return f;
+}
+
 }  // namespace IntfsmTest

@@ -5,12 +5,14 @@
 //             "NamespaceName::bytes > 150 not allowed");
 //
 // Yields "<nothing thrown>" when f returns normally; any other exception type propagates and fails
-// the test.
+// the test. thrownErrno: the errno a Vorn::ErrnoException carries, 0 when f returns.
 #pragma once
 
 #include <regex>
 #include <sstream>
 #include <string>
+
+#include "intfsm/foundation/vorn/Exception.h"
 
 namespace IntfsmTest {
 
@@ -25,6 +27,16 @@ std::string thrownText(F && f) {
 }
 
 // `value` as operator<< prints it.
+template <class F>
+long thrownErrno(F && f) {
+  try {
+    f();
+  } catch (Vorn::ErrnoException const & e) {
+    return e.errorNumber();
+  }
+  return 0;
+}
+
 template <class T>
 std::string printed(T const & value) {
   std::ostringstream os;

@@ -28,18 +28,12 @@ using namespace Interface;
 using Kind = IntfsmTest::FakePlatform::Kind;
 using Vorn::Ptr;
 using L = std::vector<long>;
+using IntfsmTest::thrownErrno;
 
 namespace {
 
 Ovel::IntfId id(int i) { return Ovel::IntfId("Ethernet" + std::to_string(i)); }
 Ovel::SockFilterProgram const acceptAll{{BPF_RET | BPF_K, 0, 0, 0xffff}};
-
-// The errno of the Vorn::ErrnoException that `f` raises; 0 when it returns.
-template <class F>
-long raised(F && f) {
-  try { f(); } catch (Vorn::ErrnoException const & e) { return e.errorNumber(); }
-  return 0;
-}
 
 class EthDevPamManagerTest : public IntfsmTest::ModuleTest {
  protected:
@@ -236,7 +230,7 @@ TEST_F(EthDevPamManagerTest, AFailedPamTakesBackWhatItBuiltThenRaisesOrIsTraced)
     trace.clear();
     int const n = c.before + 1;
     fake.failNext(c.kind, c.error);
-    EXPECT_EQ(raised([&] { want(n, uint32_t(6 + n)); }), c.raises ? c.error : 0);
+    EXPECT_EQ(thrownErrno([&] { want(n, uint32_t(6 + n)); }), c.raises ? c.error : 0);
     advanceAndRun(0);  // what a closed shared socket took along comes back on a new one
     EXPECT_EQ(state(), before);
     std::string const et = std::to_string(n), trace = " for intf Ethernet" + et + " errno " + std::to_string(c.error);
@@ -251,7 +245,7 @@ TEST_F(EthDevPamManagerTest, AFailedPamTakesBackWhatItBuiltThenRaisesOrIsTraced)
   want(1, 7);
   want(2, 8);
   fake.failNext(Kind::socketAt, ENOENT);
-  EXPECT_EQ(raised([&] { manager->enabledIs(true); }), ENOENT);
+  EXPECT_EQ(thrownErrno([&] { manager->enabledIs(true); }), ENOENT);
   EXPECT_EQ(L({manager->enabled(), pams->intfPams()}), L({1, 1}));
   manager->enabledIs(false);
   manager->deferIs(true);
@@ -284,7 +278,7 @@ TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTh
     return std::strcpy(reinterpret_cast<ethtool_drvinfo *>(ifr->ifr_data)->driver, "veth"), 0;
   };
   manager->enabledIs(true);
-  EXPECT_EQ(raised([&] { manager->filterProgramIs(refused); }), EINVAL);  // no socket yet: refused all the same
+  EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(refused); }), EINVAL);  // no socket yet: refused all the same
   manager->filterProgramIs(acceptAll);
   want(1, 7);
   want(2, 8);
@@ -294,9 +288,9 @@ TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTh
                everywhere(acceptAll)}),
             L({1, 1, 4, 1}));  // applied as each socket was made
   fake.clearCalls();
-  EXPECT_EQ(raised([&] { manager->filterProgramIs(refused); }), EINVAL);  // no live socket tried
+  EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(refused); }), EINVAL);  // no live socket tried
   refuseOn = tap;  // a live socket refuses what the scratch one took: the one already changed gets the old one back
-  EXPECT_EQ(raised([&] { manager->filterProgramIs(second); }), ENOMEM);
+  EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(second); }), ENOMEM);
   EXPECT_EQ(L({attached(sd) == L({2, 1}), attached(tap) == L({5}), everywhere(acceptAll), state() == before}), L({1, 1, 1, 1}));
   // Sockets of their own: a refusal on one puts the old program back on those already changed.
   refuseOn = -1;
@@ -305,7 +299,7 @@ TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTh
   manager->enabledIs(true);
   manager->filterProgramIs(second);
   refuseOn = pam(2)->sd();
-  EXPECT_EQ(raised([&] { manager->filterProgramIs(acceptAll); }), ENOMEM);
+  EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(acceptAll); }), ENOMEM);
   EXPECT_EQ(L({count("Applying new filter to Ethernet2 pam device"), everywhere(second)}), L({2, 1}));
 }
 

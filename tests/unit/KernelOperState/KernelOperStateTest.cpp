@@ -134,13 +134,7 @@ TEST_F(KernelOperStateTest, NamespacesComingAndGoing) {
 // A link report as the kernel multicasts it: RTM_NEWLINK carrying IFLA_OPERSTATE, or RTM_DELLINK.
 std::string report(uint32_t ifIndex, char const * device, int operState) {
   if (operState < 0) return IntfsmTest::FakeRtnetlink::linkMessage(RTM_DELLINK, 0, 0, ifIndex, 0, device);
-  std::string m = IntfsmTest::FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, ifIndex, IFF_UP, device);
-  rtattr const attribute{RTA_LENGTH(1), IFLA_OPERSTATE};
-  m.append(reinterpret_cast<char const *>(&attribute), sizeof attribute);
-  m.push_back(static_cast<char>(operState));
-  reinterpret_cast<nlmsghdr *>(m.data())->nlmsg_len = static_cast<uint32_t>(m.size());
-  m.append(NLMSG_ALIGN(m.size()) - m.size(), '\0');
-  return m;
+  return IntfsmTest::FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, ifIndex, IFF_UP, device, 0, std::nullopt, operState);
 }
 
 TEST_F(KernelOperStateTest, ConvergenceSendsTheDecidedStateAgainOncePerReportThatTheKernelWouldApply) {

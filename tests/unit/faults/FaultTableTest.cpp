@@ -32,6 +32,7 @@
 #include "tests/support/FakeRtnetlink.h"
 #include "tests/support/ScopedLoop.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/ThrownText.h"
 #include "tests/support/TraceCapture.h"
 
 namespace {
@@ -77,12 +78,8 @@ std::string readResult(bool delivered, bool counted) {
 
 template <class F>
 std::string raising(F && f) {
-  try {
-    f();
-  } catch (Vorn::ErrnoException const & e) {
-    return failsWith(e.errorNumber());
-  }
-  return "ok";
+  long const error = IntfsmTest::thrownErrno(f);
+  return error ? failsWith(int(error)) : "ok";
 }
 
 // Takes every frame a Pam has as it is told of them.
