@@ -86,11 +86,9 @@ class KernelNetInfoStatus : public ::testing::Test {
 
 TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturning) {
   status->enabledIs(true);
-  EXPECT_TRUE(status->synced());
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));
-  EXPECT_EQ(status->dumps(), 1u);
-  EXPECT_EQ(loop.watches(), 1u);
-  EXPECT_NE(::fcntl(status->descriptor(), F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(std::tuple(status->synced(), status->dumps(), loop.watches(), ::fcntl(status->descriptor(), F_GETFL) & O_NONBLOCK),
+            std::tuple(true, 1u, 1u, O_NONBLOCK));
 
   std::vector<Kind> steps;
   for (auto const & call : fake.calls()) {
@@ -98,13 +96,10 @@ TEST_F(KernelNetInfoStatus, EnableSubscribesThenDumpsAndFillsTheRootBeforeReturn
   }
   EXPECT_THAT(steps, ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::bind, Kind::setsockopt, Kind::sendto));
   auto const socketAt = fake.calls(Kind::socketAt).at(0);
-  EXPECT_EQ(socketAt.b, SOCK_RAW | SOCK_CLOEXEC);
-  EXPECT_EQ(socketAt.text, "blue");
+  EXPECT_EQ(std::tuple(socketAt.b, socketAt.text), std::tuple(SOCK_RAW | SOCK_CLOEXEC, "blue"));
   auto const options = fake.calls(Kind::setsockopt);
-  EXPECT_EQ(options.at(0).b, SO_RCVBUFFORCE);
-  EXPECT_EQ(intOf(options.at(0).data), 4 << 20);
-  EXPECT_EQ(options.at(1).b, NETLINK_ADD_MEMBERSHIP);
-  EXPECT_EQ(intOf(options.at(1).data), RTNLGRP_LINK);
+  EXPECT_EQ(std::tuple(options.at(0).b, intOf(options.at(0).data), options.at(1).b, intOf(options.at(1).data)),
+            std::tuple(SO_RCVBUFFORCE, 4 << 20, NETLINK_ADD_MEMBERSHIP, RTNLGRP_LINK));
 }
 
 TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
@@ -129,9 +124,8 @@ TEST_F(KernelNetInfoStatus, EventsFollowAddRenameFlagsMoveAndDelete) {
   kernel.send(FakeRtnetlink::linkMessage(RTM_NEWLINK, 0, 0, 9, 0, "abcdefghijklmnopq"));
   pass();  // all in one pass: read until EAGAIN
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1"));
-  EXPECT_EQ(status->events() - before, 6u);  // the bridge port message is not one
-  EXPECT_TRUE(status->synced());
-  EXPECT_EQ(status->dumps(), 1u);
+  // The bridge port message is not an event.
+  EXPECT_EQ(std::tuple(status->events() - before, status->synced(), status->dumps()), std::tuple(6u, true, 1u));
   ASSERT_EQ(trace.texts("KernelNetInfo", 0).size(), 1u) << trace.dump();
   EXPECT_THAT(trace.texts("KernelNetInfo", 0)[0],
               ::testing::StartsWith("KernelNetInfo::Status ignoring ifIndex 9 in namespace blue: PodArray::set expected "
@@ -153,32 +147,27 @@ TEST_F(KernelNetInfoStatus, LostEventsRedumpAtMostOncePerIntervalAndReconcile) {
   kernel.linkIs(6, 0, "vd0");
 
   loseEvents(start);
-  EXPECT_EQ(status->overruns(), 1u);
-  EXPECT_FALSE(status->synced());
-  EXPECT_TRUE(status->redumpPending());
-  EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // the previous dump started at `start`: too soon
+  // The previous dump started at `start`: too soon for another request.
+  EXPECT_EQ(std::tuple(status->overruns(), status->synced(), status->redumpPending(), kernel.dumpRequests().size()),
+            std::tuple(1u, false, true, 1u));
   EXPECT_THAT(trace.texts("KernelNetInfo", 0),
               ElementsAre("KernelNetInfo::Status lost events in namespace blue (ENOBUFS); dumping again"));
 
   time.nowIs(start + 0.05);
   kernel.send(std::string(80 * 1024, '\0'));  // truncated: a loss too
   pass();
-  EXPECT_EQ(status->overruns(), 2u);
-  EXPECT_EQ(kernel.dumpRequests().size(), 1u);  // still one wanted, still waiting
+  EXPECT_EQ(std::tuple(status->overruns(), kernel.dumpRequests().size()), std::tuple(2u, 1u));  // one wanted, waiting
 
   time.nowIs(start + Status::defaultRedumpInterval);
   pass();  // the clock starts the re-dump; the fake answers at once
   EXPECT_EQ(kernel.dumpRequests().size(), 2u);
   pass();  // the answer is read
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x41", "6 vd0 0x0"));
-  EXPECT_TRUE(status->synced());
-  EXPECT_FALSE(status->redumpPending());
-  EXPECT_EQ(status->dumps(), 2u);
+  EXPECT_EQ(std::tuple(status->synced(), status->redumpPending(), status->dumps()), std::tuple(true, false, 2u));
   EXPECT_THAT(synced->seen, ElementsAre(false, true));
 
   loseEvents(start + 10);  // long after the last dump: at once
-  EXPECT_EQ(kernel.dumpRequests().size(), 3u);
-  EXPECT_EQ(status->redumps(), 2u);
+  EXPECT_EQ(std::tuple(kernel.dumpRequests().size(), status->redumps()), std::tuple(3u, 2u));
 }
 
 // An event can arrive before a dump record built before it: the dump is reconciled first, then the
@@ -198,8 +187,7 @@ TEST_F(KernelNetInfoStatus, EventsThatComeWithADumpAreNotUndoneByIt) {
   kernel.dumpDone();
   pass();
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "4 wan0 0x41", "7 ve0 0x1"));
-  EXPECT_TRUE(status->synced());
-  EXPECT_FALSE(status->dumpInProgress());
+  EXPECT_EQ(std::tuple(status->synced(), status->dumpInProgress()), std::tuple(true, false));
 }
 
 // The kernel reports a loss ahead of what it queued before the loss: those messages are older than
@@ -211,8 +199,7 @@ TEST_F(KernelNetInfoStatus, MessagesQueuedBeforeALossAreAppliedBeforeTheRedump) 
   loseEvents(start + 1);
   pass();
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));
-  EXPECT_TRUE(status->synced());
-  EXPECT_EQ(status->redumps(), 1u);
+  EXPECT_EQ(std::tuple(status->synced(), status->redumps()), std::tuple(true, 1u));
 }
 
 // Deleted and made again under the same name while the events were lost: the re-dump removes the old
@@ -244,10 +231,8 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   kernel.interruptNextDump();
   loseEvents(start + 1);
   pass();
-  EXPECT_EQ(status->dumpsInterrupted(), 1u);
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0", "8 vf0 0x0"));
-  EXPECT_FALSE(status->synced());
-  EXPECT_TRUE(status->redumpPending());
+  EXPECT_EQ(std::tuple(status->dumpsInterrupted(), status->synced(), status->redumpPending()), std::tuple(1u, false, true));
 
   kernel.autoAnswerIs(false);
   time.nowIs(start + 1 + Status::defaultRedumpInterval);
@@ -256,17 +241,15 @@ TEST_F(KernelNetInfoStatus, InterruptedOrRefusedDumpIsRepeated) {
   kernel.newLink(8, IFF_UP, "vf0");  // read while the request is out: applied when it is refused
   kernel.refuse(EBUSY);
   pass();
-  EXPECT_FALSE(status->dumpInProgress());
-  EXPECT_TRUE(status->redumpPending());
+  EXPECT_EQ(std::tuple(status->dumpInProgress(), status->redumpPending()), std::tuple(false, true));
   EXPECT_EQ(status->root()->interfaceByIfIndex(8), Interface(8, IFF_UP, "vf0"));
 
   kernel.autoAnswerIs(true);
   time.nowIs(start + 1 + 2 * Status::defaultRedumpInterval);
   pass();
   pass();
-  EXPECT_EQ(kernel.dumpRequests().size(), 4u);
+  EXPECT_EQ(std::tuple(kernel.dumpRequests().size(), status->synced()), std::tuple(4u, true));
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "8 vf0 0x1"));
-  EXPECT_TRUE(status->synced());
 }
 
 // Bytes the kernel never sends: each message is read only when its whole length lies inside the bytes
@@ -350,10 +333,7 @@ TEST_F(KernelNetInfoStatus, DisableClosesAndEnableAgainReconciles) {
   ASSERT_TRUE(isOpen(first));
 
   status->enabledIs(false);
-  EXPECT_FALSE(status->synced());
-  EXPECT_EQ(status->descriptor(), -1);
-  EXPECT_EQ(loop.watches(), 0u);
-  EXPECT_FALSE(isOpen(first));
+  EXPECT_EQ(std::tuple(status->synced(), status->descriptor(), loop.watches(), isOpen(first)), std::tuple(false, -1, 0u, false));
   EXPECT_THAT(devices(), ElementsAre("1 lo 0x49", "3 va0 0x1", "4 vb0 0x0"));  // last known
 
   kernel.linkDel(3);
@@ -368,16 +348,13 @@ TEST_F(KernelNetInfoStatus, ReceiveBufferIsConfigurableAndFallsBackWithoutPrivil
   status->enabledIs(true);
   auto options = fake.calls(Kind::setsockopt);
   ASSERT_GE(options.size(), 2u);
-  EXPECT_EQ(options[0].error, EPERM);
-  EXPECT_EQ(options[1].b, SO_RCVBUF);
-  EXPECT_EQ(intOf(options[1].data), 1024);
+  EXPECT_EQ(std::tuple(options[0].error, options[1].b, intOf(options[1].data)), std::tuple(EPERM, SO_RCVBUF, 1024));
 
   fake.clearCalls();
   status->rcvBufBytesIs(8192);  // applied at once while enabled
   options = fake.calls(Kind::setsockopt);
   ASSERT_EQ(options.size(), 1u);
-  EXPECT_EQ(options[0].b, SO_RCVBUFFORCE);
-  EXPECT_EQ(intOf(options[0].data), 8192);
+  EXPECT_EQ(std::tuple(options[0].b, intOf(options[0].data)), std::tuple(SO_RCVBUFFORCE, 8192));
 
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { status->redumpIntervalIs(-1); }),
             "KernelNetInfo::Status::redumpInterval < 0 not allowed");
@@ -391,14 +368,12 @@ TEST_F(KernelNetInfoStatus, GivenRootIsTheOneFilledAndInterfaceInfoReadsIt) {
   auto own = Status::statusNew("kni2", Ovel::NamespaceName(), root, loop);
   EXPECT_TRUE(own->netNs().isDefault());  // empty means the default namespace
   own->enabledIs(true);
-  EXPECT_EQ(fake.calls(Kind::socketAt).back().text, "default");
-  EXPECT_FALSE(root->interfaceByIfIndexHas(42));
-  EXPECT_EQ(root->interfaceByIfIndexs(), 3u);
+  EXPECT_EQ(std::tuple(fake.calls(Kind::socketAt).back().text, root->interfaceByIfIndexHas(42), root->interfaceByIfIndexs()),
+            std::tuple("default", false, 3u));
 
   KernelNetInfo::InterfaceInfo info(own);
-  EXPECT_EQ(info.ifIndex("va0"), 3u);
-  EXPECT_TRUE(info.isRunning("lo"));
-  EXPECT_FALSE(KernelNetInfo::InterfaceInfo().exists("lo"));
+  EXPECT_EQ(std::tuple(info.ifIndex("va0"), info.isRunning("lo"), KernelNetInfo::InterfaceInfo().exists("lo")),
+            std::tuple(3u, true, false));
 }
 
 // Given the namespaces that exist, the status is open only while its namespace does: gone (or another
@@ -431,11 +406,11 @@ TEST_F(KernelNetInfoStatus, FollowsItsNamespaceThroughTheCollection) {
     trace.clear();
     fake.clearCalls();
     step.change();
-    EXPECT_EQ(status->descriptor() >= 0, step.open);
-    EXPECT_EQ(fake.count(Kind::socketAt), step.opened);
-    EXPECT_EQ(fake.count(Kind::close), sd >= 0 && step.opened + !step.open ? 1u : 0u);  // the old socket
-    EXPECT_EQ(devices().size(), step.open ? 3u : 0u);
-    EXPECT_EQ(status->synced(), step.open);
+    // What is open and known, and whether the old socket was closed.
+    EXPECT_EQ(std::tuple(status->descriptor() >= 0, fake.count(Kind::socketAt), fake.count(Kind::close), devices().size(),
+                         status->synced()),
+              std::tuple(step.open, step.opened, sd >= 0 && step.opened + !step.open ? 1u : 0u, step.open ? 3u : 0u,
+                         step.open));
     // A namespace that cannot be entered now is traced, and waited for.
     EXPECT_EQ(trace.texts("KernelNetInfo", 0),
               std::vector<std::string>(step.opened && !step.open,

@@ -112,8 +112,7 @@ TEST_F(EthDevPamTest, OutOfRangeSettingsAreRefusedAndKeepTheValue) {
       {[&] { pam->maxRxPktDataIs(0); }, "EthDevPamBase::maxRxPktData < 1 or > 262144 not allowed"},
   };
   for (auto const & [set, text] : cases) EXPECT_EQ(thrownText<Vorn::RangeException>(set), text);
-  EXPECT_EQ(pam->socketReadLimit(), 15);
-  EXPECT_EQ(pam->maxRxPktData(), 1518u);
+  EXPECT_EQ(std::tuple(pam->sockPrio(), pam->socketReadLimit(), pam->sd(), pam->maxRxPktData()), std::tuple(15, 15, -1, 1518u));
 }
 
 // Every option reaches the socket, and the filter is on before the bind lets any frame in.
@@ -132,13 +131,11 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
 
   EXPECT_THAT(reader->published.take(), ElementsAre("onSd", "onEnabled"));
   ASSERT_EQ(fake.openDescriptors(), std::vector<int>{pam->sd()});
-  EXPECT_TRUE(pam->ownSocket());
-  EXPECT_EQ(loop().watches(), 1u);
+  EXPECT_EQ(std::tuple(pam->ownSocket(), loop().watches()), std::tuple(true, 1u));
   EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::setsockopt, Kind::setsockopt, Kind::setsockopt, Kind::setsockopt,
                                    Kind::setsockopt, Kind::bind, Kind::setsockopt, Kind::setsockopt));
   auto const socketAt = fake.calls(Kind::socketAt)[0];
-  EXPECT_EQ(std::vector<long>({socketAt.a, socketAt.b, socketAt.c}), std::vector<long>({AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0}));
-  EXPECT_EQ(socketAt.text, "blue");
+  EXPECT_EQ(std::tuple(socketAt.a, socketAt.b, socketAt.c, socketAt.text), std::tuple(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, 0, "blue"));
   std::vector<std::string> options;  // "level/option value": an int, or the filter's length
   for (auto const & c : fake.calls(Kind::setsockopt)) {
     EXPECT_EQ(c.fd, pam->sd());
@@ -148,14 +145,13 @@ TEST_F(EthDevPamTest, EnablingOpensConfiguresBindsAndWatchesItsOwnSocket) {
   auto const option = [](int level, int name, int value) {
     return std::to_string(level) + "/" + std::to_string(name) + " " + std::to_string(value);
   };
-  auto const setsockopt = fake.calls(Kind::setsockopt);
+  auto const setsockopt = fake.calls(Kind::setsockopt);  // the filter's and the membership's contents too
   EXPECT_THAT(options, ElementsAre(option(SOL_PACKET, PACKET_AUXDATA, 1), option(SOL_SOCKET, SO_TIMESTAMPNS, 1),
                                    option(SOL_SOCKET, SO_PRIORITY, 5),
                                    option(SOL_SOCKET, SO_RCVBUFFORCE, 1 << 20), option(SOL_SOCKET, SO_ATTACH_FILTER, 4),
                                    option(SOL_SOCKET, SO_BROADCAST, 1), option(SOL_PACKET, PACKET_ADD_MEMBERSHIP, 7)));
-  EXPECT_EQ(setsockopt[4].dataAs<sock_fprog>().filter, pam->filterProgram().filter());
-  EXPECT_EQ(setsockopt[6].dataAs<packet_mreq>().mr_type, PACKET_MR_ALLMULTI);
-  EXPECT_EQ(boundTo(), std::to_string(AF_PACKET) + " 34997 7");  // 0x88b5
+  EXPECT_EQ(std::tuple(setsockopt[4].dataAs<sock_fprog>().filter, setsockopt[6].dataAs<packet_mreq>().mr_type, boundTo()),
+            std::tuple(pam->filterProgram().filter(), PACKET_MR_ALLMULTI, std::to_string(AF_PACKET) + " 34997 7"));  // 0x88b5
 }
 
 // Without a protocol or an ifindex: every protocol, on the ifindex looked up by name (kept once found).
@@ -170,9 +166,9 @@ TEST_F(EthDevPamTest, AMinimalSocketListensToEveryProtocolOnTheIfIndexLookedUpBy
   };
   pam->enabledIs(true);
   EXPECT_THAT(kinds(), ElementsAre(Kind::socketAt, Kind::ioctl, Kind::setsockopt, Kind::bind));
-  EXPECT_EQ(fake.calls(Kind::socketAt)[0].text, "");  // the process's own namespace
-  EXPECT_EQ(askedFor, "et1");
-  EXPECT_EQ(boundTo(), std::to_string(AF_PACKET) + " " + std::to_string(ETH_P_ALL) + " 42");
+  // In the process's own namespace (""), bound to every protocol on the ifindex found.
+  EXPECT_EQ(std::tuple(fake.calls(Kind::socketAt)[0].text, askedFor, boundTo()),
+            std::tuple("", "et1", std::to_string(AF_PACKET) + " " + std::to_string(ETH_P_ALL) + " 42"));
   pam->enabledIs(false);
   EXPECT_EQ(pam->ifIndex(), 42u);
 }
@@ -183,8 +179,7 @@ TEST_F(EthDevPamTest, ASocketTheLoopCannotWatchIsClosedTracedAndRaised) {
   std::string const expected = "EthDevPam::enabled failed to watch the socket on et1, errno: " + std::to_string(EBADF);
   EXPECT_EQ(thrownText<Vorn::ErrnoException>([&] { pam->enabledIs(true); }), expected);
   EXPECT_THAT(trace.texts("Ovel", 0), ElementsAre(expected));
-  EXPECT_EQ(std::tuple(pam->enabled(), pam->sd(), loop().watches()), std::tuple(false, -1, 0u));
-  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
+  EXPECT_EQ(std::tuple(pam->enabled(), pam->sd(), loop().watches(), fake.openDescriptors().size()), std::tuple(false, -1, 0u, 0u));
   EXPECT_THAT(reader->published.take(), IsEmpty());
 }
 
@@ -199,17 +194,13 @@ TEST_F(EthDevPamTest, DisablingOrDestroyingClosesTheSocketWhichCannotBeSwappedWh
   reader->published.take();
   pam->enabledIs(false);
   EXPECT_THAT(reader->published.take(), ElementsAre("onSd", "onEnabled"));
-  EXPECT_EQ(fake.calls(Kind::close).at(0).fd, sd);
-  EXPECT_EQ(fake.count(Kind::socketAt), 1u);
-  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
-  EXPECT_EQ(loop().watches(), 0u);
-  EXPECT_EQ(pam->sd(), -1);
-  EXPECT_FALSE(pam->ownSocket());
+  EXPECT_EQ(std::tuple(fake.calls(Kind::close).at(0).fd, fake.count(Kind::socketAt), fake.openDescriptors().size(),
+                       loop().watches(), pam->sd(), pam->ownSocket()),
+            std::tuple(sd, 1u, 0u, 0u, -1, false));
   pam->enabledIs(true);
   reader = nullptr;
   pam = nullptr;
-  EXPECT_THAT(fake.openDescriptors(), IsEmpty());
-  EXPECT_EQ(loop().watches(), 0u);
+  EXPECT_EQ(std::tuple(fake.openDescriptors().size(), loop().watches()), std::tuple(0u, 0u));
 }
 
 // On the open socket a new filter is attached at once, and an empty one detaches (a refused one is in
@@ -220,8 +211,8 @@ TEST_F(EthDevPamTest, AFilterChangeIsAttachedToTheOpenSocket) {
   pam->filterProgramIs(acceptAll);
   pam->filterProgramIs(acceptAll);  // equal: nothing
   ASSERT_EQ(fake.count(Kind::setsockopt), 1u);
-  EXPECT_EQ(fake.calls(Kind::setsockopt)[0].b, SO_ATTACH_FILTER);
-  EXPECT_EQ(fake.calls(Kind::setsockopt)[0].dataAs<sock_fprog>().len, 1u);
+  EXPECT_EQ(std::tuple(fake.calls(Kind::setsockopt)[0].b, fake.calls(Kind::setsockopt)[0].dataAs<sock_fprog>().len),
+            std::tuple(SO_ATTACH_FILTER, 1u));
   pam->filterProgramIs(SockFilterProgram());
   EXPECT_EQ(fake.calls(Kind::setsockopt).back().b, SO_DETACH_FILTER);
 }
@@ -240,11 +231,9 @@ TEST_F(EthDevPamTest, ReadsFramesOnReadableEvents) {
   EXPECT_THAT(reader->frames, ElementsAre(std::string(20, 'a')));
   runOnce();  // the socket is still readable
   ASSERT_THAT(reader->frames, ElementsAre(std::string(20, 'a'), "broadcast"));
-  EXPECT_EQ(reader->pkts[0]->ifIndex(), 7u);
-  EXPECT_EQ(reader->pkts[1]->pktType(), PACKET_BROADCAST);
+  EXPECT_EQ(std::tuple(reader->pkts[0]->ifIndex(), reader->pkts[1]->pktType()), std::tuple(7u, PACKET_BROADCAST));
   EXPECT_FALSE(runOnce());
-  EXPECT_EQ(pam->readableCount(), 2u);
-  EXPECT_EQ(pam->rxErrors(), 0u);  // the reads ended on EAGAIN
+  EXPECT_EQ(std::tuple(pam->readableCount(), pam->rxErrors()), std::tuple(2u, 0u));  // the reads ended on EAGAIN
 }
 
 // With separateDot1QHdr the tag comes in PACKET_AUXDATA beside the frame; without a TPID it is 802.1Q.
@@ -298,9 +287,8 @@ TEST_F(EthDevPamTest, AVlanTagComesFromTheAuxiliaryDataAndNothingIsReadPastIt) {
     arrive("frame");
     runOnce();
     ASSERT_EQ(reader->pkts.size(), 1u);
-    EXPECT_EQ(reader->pkts[0]->hasVlanTag(), c.tci != 0);
-    EXPECT_EQ(reader->pkts[0]->vlanTci(), c.tci);
-    EXPECT_EQ(reader->pkts[0]->vlanTpid(), c.tpid);
+    Pkt const & p = *reader->pkts[0];
+    EXPECT_EQ(std::tuple(p.hasVlanTag(), p.vlanTci(), p.vlanTpid()), std::tuple(c.tci != 0, c.tci, c.tpid));
   }
 }
 
@@ -319,11 +307,8 @@ TEST_F(EthDevPamTest, PktReuseAllocatesNothingOnceWarm) {
   EXPECT_EQ(pam->savedPackets(), 4u);  // slots 1..3 made on first use
   uint64_t const pkts = manager.pktsAllocated(), buffers = manager.headDataAllocated();
   for (int n = 1; n <= 50; ++n) round(n);
-  EXPECT_EQ(reader->frames.size(), 204u);
-  EXPECT_EQ(reader->frames.back(), "frame 50.3");
-  EXPECT_EQ(manager.pktsAllocated(), pkts);
-  EXPECT_EQ(manager.headDataAllocated(), buffers);
-  EXPECT_EQ(bytesOf(lent), "frame 50.0");
+  EXPECT_EQ(std::tuple(reader->frames.size(), reader->frames.back(), bytesOf(lent)), std::tuple(204u, "frame 50.3", "frame 50.0"));
+  EXPECT_EQ(std::tuple(manager.pktsAllocated(), manager.headDataAllocated()), std::tuple(pkts, buffers));
 }
 
 // A bundle's Pam with its own socket reads singly or, with bulk reading and pktReuse, in batches; either
@@ -341,9 +326,8 @@ TEST_F(EthDevPamTest, SingleAndBulkReadsKeepEveryFrameIntactForASlowReader) {
       arrive("frame " + std::to_string(n), PACKET_HOST, b);
       if (n % 2) runOnce();  // nobody takes them
     }
-    EXPECT_EQ(fake.count(Kind::recvmsg), bulk ? 0u : 6u);
-    EXPECT_EQ(fake.count(Kind::recvmmsg), bulk ? 3u : 0u);
-    EXPECT_EQ(b->curRxPkts(), 6u);
+    EXPECT_EQ(std::tuple(fake.count(Kind::recvmsg), fake.count(Kind::recvmmsg), b->curRxPkts()),
+              std::tuple(bulk ? 0u : 6u, bulk ? 3u : 0u, 6u));
     for (int i = 0; i < 6; ++i) EXPECT_EQ(bytesOf(b->rxPkt()), "frame " + std::to_string(i));
     b->enabledIs(false);
   }
@@ -355,8 +339,7 @@ TEST_F(EthDevPamTest, SingleAndBulkReadsKeepEveryFrameIntactForASlowReader) {
   EXPECT_EQ(b->rxErrors(), 1u);
   b->pktReuseIs(false);  // bulk reading needs reusable packets: back to single reads
   runOnce();
-  EXPECT_EQ(bytesOf(b->rxPkt()), "lost");
-  EXPECT_EQ(fake.count(Kind::recvmmsg), 1u);
+  EXPECT_EQ(std::tuple(bytesOf(b->rxPkt()), fake.count(Kind::recvmmsg)), std::tuple("lost", 1u));
 }
 
 // A reader that disables the Pam while it takes a frame ends the read: nothing more is delivered to
@@ -375,9 +358,8 @@ TEST_F(EthDevPamTest, AReaderDisablingThePamInTheMiddleOfAReadEndsIt) {
     fake.clearCalls();
     runOnce();
     EXPECT_THAT(r->frames, ElementsAre("b0"));
-    EXPECT_THAT(fake.openDescriptors(), IsEmpty());
-    EXPECT_EQ(b->curRxPkts(), 0u);
-    EXPECT_EQ(fake.count(Kind::recvmsg) + fake.count(Kind::recvmmsg), 1u);
+    EXPECT_EQ(std::tuple(fake.openDescriptors().size(), b->curRxPkts(), fake.count(Kind::recvmsg) + fake.count(Kind::recvmmsg)),
+              std::tuple(0u, 0u, 1u));
   }
 }
 
@@ -397,7 +379,7 @@ TEST_F(EthDevPamTest, TransmitsThroughSdToItsIfIndexAndCountsRefusals) {
   pam->enabledIs(true);
   EXPECT_TRUE(pam->usable());
   pam->enabledIs(false);
-  EXPECT_EQ(pam->sd(), 1234);
+  EXPECT_EQ(pam->sd(), 1234);  // left open
   std::string const frame = frameBytes(0x88b5, std::string(46, 'p'));
   EXPECT_TRUE(pam->txPkt(pktOf(frame)));
   Ptr<Pkt> tagged = pktOf(frameBytes(0x0800, "payload"));
@@ -405,9 +387,8 @@ TEST_F(EthDevPamTest, TransmitsThroughSdToItsIfIndexAndCountsRefusals) {
   EXPECT_TRUE(pam->txPkt(tagged));
   EXPECT_THAT(sentTo, ElementsAre("7 34997", "7 33024"));  // 0x88b5, 0x8100
   auto const sent = fake.calls(Kind::sendto);
-  EXPECT_EQ(sent.at(0).fd, 1234);
-  EXPECT_EQ(sent.at(0).data, frame);
-  EXPECT_EQ(sent.at(1).data, frame.substr(0, 12) + std::string("\x81\x00\x20\x64\x08\x00", 6) + "payload");
+  EXPECT_EQ(std::tuple(sent.at(0).fd, sent.at(0).data, sent.at(1).data),
+            std::tuple(1234, frame, frame.substr(0, 12) + std::string("\x81\x00\x20\x64\x08\x00", 6) + "payload"));
 
   struct Refusal {
     std::function<void()> before;
@@ -433,8 +414,7 @@ TEST_F(EthDevPamTest, WritersAreToldWhenAFullSocketCanTakeFramesAgain) {
   EXPECT_FALSE(pam->txPkt(pktOf(frameBytes(0x88b5, "x"))));
   EXPECT_TRUE(pam->fileDesc()->writableWanted());
   runOnce();
-  EXPECT_EQ(pam->writableCount(), 1u);
-  EXPECT_FALSE(pam->fileDesc()->writableWanted());
+  EXPECT_EQ(std::tuple(pam->writableCount(), pam->fileDesc()->writableWanted()), std::tuple(1u, false));
   EXPECT_FALSE(runOnce());
 }
 
