@@ -30,16 +30,13 @@ TEST(PktManager, NewPktIsNullAtTheCapAndComesFromThePoolClearedAfterARelease) {
   EXPECT_FALSE(held[0]->newSharedCopy());
   EXPECT_EQ(manager->newPktFailures(), 2u);
   Pkt * released = held[1].ptr();
-  held[1]->ifIndexIs(3);
-  held[1]->newSeparateVlanTag(5, 0x8100);
+  held[1]->ifIndexIs(3), held[1]->newSeparateVlanTag(5, 0x8100);
   held[1] = nullptr;
   EXPECT_EQ(manager->pooledPkts(), 1u);
-  Ptr<Pkt> again = manager->newPkt();
-  EXPECT_EQ(again.ptr(), released);  // from the pool, not the heap
-  EXPECT_EQ(manager->pktsAllocated(), 3u);
-  EXPECT_FALSE(again->hasHeadData());
-  EXPECT_EQ(again->dataLen() + again->ifIndex(), 0u);
-  EXPECT_FALSE(again->hasVlanTag());
+  Ptr<Pkt> again = manager->newPkt();  // from the pool, not the heap, and cleared
+  EXPECT_EQ(std::tuple(again.ptr(), manager->pktsAllocated(), again->hasHeadData(), again->dataLen() + again->ifIndex(),
+                       again->hasVlanTag()),
+            std::tuple(released, 3u, false, 0u, false));
 
   manager->maxPktsIs(1);
   held.clear();
@@ -47,15 +44,14 @@ TEST(PktManager, NewPktIsNullAtTheCapAndComesFromThePoolClearedAfterARelease) {
   again = nullptr;
   EXPECT_TRUE(manager->newPkt());
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { manager->maxPktsIs(0); }), "PktManager::maxPkts < 1 not allowed");
-  EXPECT_EQ(manager->maxPkts(), 1u);
+  EXPECT_EQ(manager->maxPkts(), 1u);  // kept
 }
 
 TEST(PktManager, IsOutlivedByItsPackets) {
   Ptr<PktManager> manager = PktManager::pktManagerNew(4);
   Ptr<Pkt> copy = IntfsmTest::pktOf("still here", *manager)->newSharedCopy();
   manager = nullptr;  // the packets keep it
-  EXPECT_EQ(bytesOf(copy), "still here");
-  EXPECT_TRUE(copy->manager().newPkt());
+  EXPECT_EQ(std::tuple(bytesOf(copy), bool(copy->manager().newPkt())), std::tuple("still here", true));
   copy = nullptr;  // the manager goes with its last packet (ASan checks the order)
 }
 
@@ -66,11 +62,9 @@ TEST(PktManager, ReleasedBuffersAreReusedBySizeClass) {
     Ptr<Pkt> small = manager->newPkt(), big = manager->newPkt();
     small->newSharedHeadData(round == 0 ? 1518 : 100);
     big->newSharedHeadData(round == 0 ? 9000 : 16384);
-    EXPECT_EQ(small->maxData(), 2048u);
-    EXPECT_EQ(big->maxData(), 16384u);
+    EXPECT_EQ(std::tuple(small->maxData(), big->maxData()), std::tuple(2048u, 16384u));
   }
-  EXPECT_EQ(manager->headDataAllocated(), 2u);
-  EXPECT_EQ(manager->pooledHeadData(), 2u);
+  EXPECT_EQ(std::tuple(manager->headDataAllocated(), manager->pooledHeadData()), std::tuple(2u, 2u));
   manager->pooledDelAll();
   EXPECT_EQ(manager->pooledHeadData() + manager->pooledPkts(), 0u);
   manager->newPkt()->newSharedHeadData(100);
@@ -90,15 +84,13 @@ TEST(Pkt, HeadDataBoundsAndWhenABufferIsKept) {
   // A buffer that fits and is not shared is kept; one too small or shared is replaced.
   uint8_t const * first = pkt->data();
   pkt->newSharedHeadData(2000);
-  EXPECT_EQ(pkt->data(), first);
-  EXPECT_EQ(pkt->dataLen(), 0u);
+  EXPECT_EQ(std::tuple(pkt->data(), pkt->dataLen()), std::tuple(first, 0u));
   pkt->newSharedHeadData(3000);
   EXPECT_NE(pkt->data(), first);
   Ptr<Pkt> copy = pkt->newSharedCopy();
   uint8_t const * shared = pkt->data();
   pkt->newSharedHeadData(100);
-  EXPECT_NE(pkt->data(), shared);
-  EXPECT_EQ(copy->data(), shared);
+  EXPECT_EQ(std::tuple(pkt->data() != shared, copy->data()), std::tuple(true, shared));
 }
 
 // The receive path reuses one packet per read: while a queued copy holds its buffer, a reset gives it a
@@ -106,25 +98,19 @@ TEST(Pkt, HeadDataBoundsAndWhenABufferIsKept) {
 TEST(Pkt, ResetGivesAFreshBufferWhileACopyHoldsTheOldOneAndReusesItOnceLetGo) {
   Ptr<PktManager> manager = PktManager::pktManagerNew(8);
   Ptr<Pkt> reader = IntfsmTest::pktOf("frame A", *manager);
-  reader->ifIndexIs(7);
-  reader->pktTypeIs(1);
-  reader->rxTimeIs(1764125000123456789u);
+  reader->ifIndexIs(7), reader->pktTypeIs(1), reader->rxTimeIs(1764125000123456789u);
   reader->newSeparateVlanTag(0x2064, 0x88a8);
   Ptr<Pkt> queued = reader->newSharedCopy();
   EXPECT_TRUE(reader->headDataShared());
-  EXPECT_EQ(queued->ifIndex(), 7u);
-  EXPECT_EQ(std::vector<uint64_t>({queued->pktType(), queued->rxTime()}), std::vector<uint64_t>({1, 1764125000123456789u}));
-  EXPECT_EQ(queued->vlanId(), 0x064);
-  EXPECT_EQ(queued->vlanTpid(), 0x88a8);
+  EXPECT_EQ(std::tuple(queued->ifIndex(), queued->pktType(), queued->rxTime(), queued->vlanId(), queued->vlanTpid()),
+            std::tuple(7u, 1, 1764125000123456789u, 0x064, 0x88a8));
   uint64_t const allocated = manager->headDataAllocated();
   reader->sharedDataResetForReuse();
-  EXPECT_NE(reader->data(), queued->data());
-  EXPECT_EQ(reader->maxData(), 2048u);
-  EXPECT_EQ(reader->ifIndex() + reader->rxTime(), 0u);
-  EXPECT_FALSE(reader->hasVlanTag());
+  EXPECT_EQ(std::tuple(reader->data() != queued->data(), reader->maxData(), reader->ifIndex() + reader->rxTime(),
+                       reader->hasVlanTag()),
+            std::tuple(true, 2048u, 0u, false));
   reader->dataIs("frame B overwrites", 18);
-  EXPECT_EQ(bytesOf(queued), "frame A");
-  EXPECT_TRUE(queued->hasVlanTag());
+  EXPECT_EQ(std::tuple(bytesOf(queued), queued->hasVlanTag()), std::tuple("frame A", true));
   queued->vlanTagDel();
   EXPECT_EQ(queued->vlanTci(), 0);
 
@@ -137,9 +123,8 @@ TEST(Pkt, ResetGivesAFreshBufferWhileACopyHoldsTheOldOneAndReusesItOnceLetGo) {
     reader->dataIs("frame", 5);
     Ptr<Pkt> copy = reader->newSharedCopy();
   }
-  EXPECT_EQ(reader->data(), buffer);
-  EXPECT_EQ(manager->headDataAllocated(), allocated + 1);
-  EXPECT_EQ(manager->pktsAllocated(), pkts);
+  EXPECT_EQ(std::tuple(reader->data(), manager->headDataAllocated(), manager->pktsAllocated()),
+            std::tuple(buffer, allocated + 1, pkts));
 }
 
 }  // namespace

@@ -59,12 +59,9 @@ TEST_F(SocketAtBody, ANamedNamespaceIsEnteredAndLeftAroundTheSocket) {
   int const sd = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, 0, "blue");
   auto const opens = fake.calls(Kind::open);
   auto const setns = fake.calls(Kind::setns);
-  EXPECT_EQ(opens.at(0).text, "/run/netns/blue");
-  EXPECT_EQ(opens.at(1).text, "/proc/thread-self/ns/net");
-  for (int i : {0, 1}) {
-    EXPECT_EQ(opens[i].a, O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(setns.at(i).fd, opens[i].result);
-    EXPECT_EQ(setns[i].a, CLONE_NEWNET);
+  EXPECT_EQ(std::tuple(opens.at(0).text, opens.at(1).text), std::tuple("/run/netns/blue", "/proc/thread-self/ns/net"));
+  for (int i : {0, 1}) {  // each entered as it was opened
+    EXPECT_EQ(std::tuple(opens[i].a, setns.at(i).fd, setns[i].a), std::tuple(O_RDONLY | O_CLOEXEC, int(opens[i].result), CLONE_NEWNET));
   }
   EXPECT_EQ(fake.calls(Kind::socket).at(0).b, SOCK_DGRAM | SOCK_CLOEXEC);
   EXPECT_EQ(innerCalls(), "open open setns socket setns close close");
@@ -78,7 +75,7 @@ TEST_F(SocketAtBody, BadNamesFailWithEinvalBeforeAnyCall) {
     EXPECT_EQ(innerCalls(), "") << bad;
   }
   // The longest name accepted is looked up like any other, and names that only look special are ordinary.
-  EXPECT_EQ(failure(longest.c_str()), ENOENT);
+  EXPECT_EQ(failure(longest.c_str()), ENOENT);  // looked up
   EXPECT_EQ(fake.calls(Kind::open).at(0).text, "/run/netns/" + longest);
   fake.namespaceIs("...");
   EXPECT_GE(Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, 0, "..."), 0);

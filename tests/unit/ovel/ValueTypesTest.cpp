@@ -26,9 +26,8 @@ namespace {
 TEST(IntfId, ConvertsInterfaceAndKernelDeviceNamesUpTo64Bytes) {
   for (std::string const & name :
        std::vector<std::string>{"Ethernet3/1", "Port-Channel10", "veth-a0", "Ethernet3/1/4.100", std::string(64, 'e')}) {
-    EXPECT_TRUE(IntfId::isValidName(name)) << name;
-    EXPECT_EQ(IntfId(Vorn::String(name)).name(), name);
-    EXPECT_EQ(IntfId::fromName(name), IntfId(Vorn::String(name)));
+    EXPECT_EQ(std::tuple(IntfId::isValidName(name), IntfId(Vorn::String(name)).name(), IntfId::fromName(name)),
+              std::tuple(true, name, std::optional(IntfId(Vorn::String(name)))));
   }
 }
 
@@ -57,8 +56,7 @@ TEST(IntfId, RefusedNamesRaiseTheOffendingByteAndFailToConvert) {
 TEST(IntfId, EqualityHashOrderAndPrinting) {
   IntfId const a("Ethernet1");
   IntfId const b{Vorn::String(std::string("Ethernet") + "1")};  // same text, separate buffer
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(std::hash<IntfId>()(a), b.hash());
+  EXPECT_EQ(std::tuple(a, std::hash<IntfId>()(a)), std::tuple(b, b.hash()));
   EXPECT_NE(IntfId("cpu"), IntfId("Cpu"));
   EXPECT_LT(IntfId("Ethernet1"), IntfId("Ethernet2"));
   EXPECT_EQ(printed(IntfId("Ethernet3/1")) + "|" + printed(IntfId()), "Ethernet3/1|");
@@ -66,10 +64,9 @@ TEST(IntfId, EqualityHashOrderAndPrinting) {
 
 TEST(EthAddr, ParsesEitherCaseReadsFrameBytesAndPrintsLowerCase) {
   EthAddr const a("01:80:C2:00:00:0e");
-  EXPECT_EQ(a.bytes(), (EthAddr::Bytes{0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e}));
-  EXPECT_EQ(printed(a), "01:80:c2:00:00:0e");
   uint8_t const header[] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55, 0x99};
-  EXPECT_EQ(printed(EthAddr::fromBytes(header)), "02:11:22:33:44:55");
+  EXPECT_EQ(std::tuple(a.bytes(), printed(a), printed(EthAddr::fromBytes(header))),
+            std::tuple(EthAddr::Bytes{0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e}, "01:80:c2:00:00:0e", "02:11:22:33:44:55"));
   for (char const * bad : {"", "01:80:c2:00:00", "01:80:c2:00:00:0e:", "01-80-c2-00-00-0e", "01:80:c2:00:00:0g",
                            " 01:80:c2:00:00:0e", "01::80:c2:00:00:0"}) {
     EXPECT_FALSE(EthAddr::fromText(bad).has_value()) << bad;
@@ -79,12 +76,12 @@ TEST(EthAddr, ParsesEitherCaseReadsFrameBytesAndPrintsLowerCase) {
 }
 
 TEST(EthAddr, ZeroMulticastBroadcastAndOrder) {
-  EXPECT_TRUE(EthAddr().isZero());
-  EXPECT_FALSE(EthAddr("00:00:00:00:00:01").isZero());
-  EXPECT_TRUE(EthAddr("01:00:5e:00:00:01").isMulticast());
-  EXPECT_FALSE(EthAddr("02:00:00:00:00:01").isMulticast());
-  EXPECT_TRUE(EthAddr("ff:ff:ff:ff:ff:ff").isBroadcast());
-  EXPECT_FALSE(EthAddr("ff:ff:ff:ff:ff:fe").isBroadcast());
+  // {zero, multicast, broadcast}
+  for (auto [a, is] : {std::pair(EthAddr(), std::tuple(true, false, false)), {EthAddr("00:00:00:00:00:01"), {false, false, false}},
+                       {EthAddr("01:00:5e:00:00:01"), {false, true, false}}, {EthAddr("02:00:00:00:00:01"), {false, false, false}},
+                       {EthAddr("ff:ff:ff:ff:ff:ff"), {false, true, true}}, {EthAddr("ff:ff:ff:ff:ff:fe"), {false, true, false}}}) {
+    EXPECT_EQ(std::tuple(a.isZero(), a.isMulticast(), a.isBroadcast()), is) << a;
+  }
   EXPECT_LT(EthAddr("00:00:00:00:00:ff"), EthAddr("00:00:00:00:01:00"));  // byte order, first byte first
 }
 
@@ -95,16 +92,12 @@ TEST(NamespaceName, UpTo150BytesAndTheEmptyNameMeansDefault) {
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { NamespaceName n{Vorn::String(at150 + "n")}; }),
             "NamespaceName::bytes > 150 not allowed");
   NamespaceName const def = NamespaceName::defaultNamespace(), empty;
-  EXPECT_EQ(def, NamespaceName("default"));
-  EXPECT_TRUE(def.isDefault());
-  EXPECT_FALSE(empty.isDefault());
-  EXPECT_EQ(empty.orDefault(), def);
-  EXPECT_EQ(NamespaceName("blue").orDefault(), NamespaceName("blue"));
+  EXPECT_EQ(std::tuple(def, def.isDefault(), empty.isDefault(), empty.orDefault(), NamespaceName("blue").orDefault()),
+            std::tuple(NamespaceName("default"), true, false, def, NamespaceName("blue")));
   EXPECT_EQ(printed(NamespaceName("blue")) + "|" + printed(empty) + "|" + printed(def), "blue||default");
   Vorn::Collection<NamespaceName, int> byNs;
   byNs.set(NamespaceName{Vorn::String(std::string("bl") + "ue")}, 2);  // a separate buffer
-  EXPECT_EQ(byNs.get(NamespaceName("blue")), 2);
-  EXPECT_FALSE(byNs.contains(NamespaceName()));
+  EXPECT_EQ(std::tuple(byNs.get(NamespaceName("blue")), byNs.contains(NamespaceName())), std::tuple(2, false));
 }
 
 // ldh [12]; jeq #0x88cc, 0, 1; ret #0xffff; ret #0 -- accept LLDP only.
@@ -120,10 +113,9 @@ TEST(SockFilterProgram, LaidOutAsTheKernelReadsItAndComparedFieldByField) {
   SockFilterProgram const p(source.data(), source.size());
   source[0].k = 99;
   sock_fprog const f = p.fprog();
-  EXPECT_EQ(f.len, 4u);
-  EXPECT_EQ(f.filter[0].k, 12u);
-  EXPECT_EQ(reinterpret_cast<char const *>(&p.instruction(3)) - reinterpret_cast<char const *>(f.filter), 24);
-  EXPECT_EQ(SockFilterProgram().fprog().filter, nullptr);
+  EXPECT_EQ(std::tuple(f.len, f.filter[0].k, reinterpret_cast<char const *>(&p.instruction(3)) - reinterpret_cast<char const *>(f.filter),
+                       SockFilterProgram().fprog().filter),
+            std::tuple(4u, 12u, 24, nullptr));
   EXPECT_THROW(static_cast<void>(p.instruction(4)), std::out_of_range);
   EXPECT_EQ(SockFilterProgram(lldpOnly()), p);
   for (auto change : std::vector<void (*)(std::vector<sock_filter> &)>{
