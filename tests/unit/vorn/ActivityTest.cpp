@@ -65,20 +65,15 @@ TEST_F(ActivityTest, ACallRunsOnALaterPassNeverInsideTheMutatorOrItsOwnPass) {
   EXPECT_THAT(log, ElementsAre("sync level 2"));
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_THAT(log, ElementsAre("sync level 2", "first level 2"));
-  EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_FALSE(loop.runOnce(0));
+  for (bool ran : {true, false}) EXPECT_EQ(loop.runOnce(0), ran);
   EXPECT_THAT(log, ElementsAre("sync level 2", "first level 2", "second level 20"));
   EXPECT_EQ(act->callsRun(), 2u);
 }
 
 TEST_F(ActivityTest, CallsAreCoalescedPerNotifieeCallbackAndKey) {
   Ptr<Watcher> w = watcher("w"), other = watcher("other");
-  widget->levelIs(1);
-  widget->itemIs("a", 1);
-  widget->levelIs(2);
-  widget->itemIs("b", 5);
-  widget->itemIs("a", 7);
-  widget->levelIs(3);
+  widget->levelIs(1), widget->itemIs("a", 1), widget->levelIs(2);
+  widget->itemIs("b", 5), widget->itemIs("a", 7), widget->levelIs(3);
   EXPECT_EQ(act->pendingCalls(), 6u);
   EXPECT_TRUE(loop.runOnce(0));
   // Queue order of the first of each; each sees the latest value.
@@ -110,8 +105,7 @@ TEST_F(ActivityTest, ANotifieeThatIsGoneCannotTakeNotificationsOrMovedIsNotCalle
   EXPECT_EQ(act->pendingCalls(), 16u);
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_THAT(log, ElementsAre("first level 1", "live level 1", "live a=1"));
-  EXPECT_EQ(act->pendingCalls(), 0u);
-  EXPECT_EQ(act->callsRun(), 3u);
+  EXPECT_EQ(std::tuple(act->pendingCalls(), act->callsRun()), std::tuple(0u, 3u));
 }
 
 // Calls left over by the budget (zero: no bound) wait for the next pass without making the loop
@@ -129,8 +123,7 @@ TEST_F(ActivityTest, TheBudgetBoundsTheCallsPerPassWithoutBlockingTheLoopOrStarv
   widget->levelIs(1);
   double const start = Vorn::System::monotonicTime();
   EXPECT_TRUE(loop.runOnce(10.0));
-  EXPECT_EQ(small->pendingCalls(), 3u);
-  EXPECT_EQ(log.size(), 152u);
+  EXPECT_EQ(std::tuple(small->pendingCalls(), log.size()), std::tuple(3u, 152u));
   pipe.drain();
   EXPECT_TRUE(loop.runOnce(10.0));  // one call still waits: no blocking
   EXPECT_LT(Vorn::System::monotonicTime() - start, 5.0);
@@ -142,9 +135,7 @@ TEST_F(ActivityTest, TheBudgetBoundsTheCallsPerPassWithoutBlockingTheLoopOrStarv
 }
 
 TEST_F(ActivityTest, ActivitiesAreNamedOncePerLoop) {
-  EXPECT_EQ(loop.activityIs("work", 99), act);
-  EXPECT_EQ(loop.activity("work"), act);
-  EXPECT_EQ(loop.activity("none"), nullptr);
+  EXPECT_EQ(std::tuple(loop.activityIs("work", 99), loop.activity("work"), loop.activity("none")), std::tuple(act, act, nullptr));
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::NameInUseException>([&] { loop.activityIs("work", 5); }),
             "Reinstantiating the pointer interface where constructor parameter attribute _budget has a different "
             "value of 5 than the current value of 99 not allowed");

@@ -19,31 +19,21 @@ namespace {
 
 TEST(String, SharedImmutableTextAndTheEmptyOneHoldsNoData) {
   String const empty;
-  EXPECT_STREQ(empty.charPtr(), "");
-  EXPECT_EQ(String(""), empty);
-  EXPECT_TRUE(String("").empty());
+  EXPECT_EQ(std::tuple(std::string(empty.charPtr()), String(""), String("").empty()), std::tuple("", empty, true));
   String const a("et1/1");
   String copy;
   copy = a;
   EXPECT_EQ(copy.charPtr(), a.charPtr());  // shared, not copied
-  EXPECT_EQ(a.hash(), String(std::string("et1/1")).hash());
-  EXPECT_NE(a.hash(), String("et1/2").hash());
-  EXPECT_LT(String("a"), String("b"));
-  EXPECT_EQ(String("ab\0cd", 5).size(), 5u);
+  EXPECT_EQ(std::tuple(a.hash(), a.hash() != String("et1/2").hash(), String("a") < String("b"), String("ab\0cd", 5).size()),
+            std::tuple(String(std::string("et1/1")).hash(), true, true, 5u));
 }
 
 TEST(String, JoinSliceSearchAndPrint) {
   String const a("et1/1");
   String b = a + "-x";
   b += String("y");
-  EXPECT_EQ(b, "et1/1-xy");
-  EXPECT_EQ(a, "et1/1");
-  EXPECT_EQ(a.substr(4), "1");
-  EXPECT_EQ(a.substr(0, 3), "et1");
-  EXPECT_TRUE(a.substr(9).empty());
-  EXPECT_EQ(a.pos("/"), 3u);
-  EXPECT_EQ(a.pos("zz"), String::npos);
-  EXPECT_EQ(a.posOf("/1"), 2u);
+  EXPECT_EQ(std::tuple(b, a, a.substr(4), a.substr(0, 3), a.substr(9).empty()), std::tuple("et1/1-xy", "et1/1", "1", "et1", true));
+  EXPECT_EQ(std::tuple(a.pos("/"), a.pos("zz"), a.posOf("/1")), std::tuple(3u, String::npos, 2u));
   std::ostringstream os;
   os << a << "|" << String() << "|";
   EXPECT_EQ(os.str(), "et1/1||");
@@ -65,13 +55,11 @@ TEST(Ptr, TheLastReferenceDestroysAndTheFlagBitsNeverCount) {
       Vorn::Ptr<Counted const> b = a;
       Vorn::Ptr<Counted> c = a;
       Vorn::Ptr<Counted> moved = std::move(c);
-      EXPECT_FALSE(c);
-      EXPECT_EQ(a->references(), 3u);
+      EXPECT_EQ(std::tuple(bool(c), a->references()), std::tuple(false, 3u));
     }
     a->vornMarkedForDeletionIs(true);
     Vorn::Ptr<Counted> d = a;
-    EXPECT_EQ(a->references(), 2u);
-    EXPECT_TRUE(a->vornMarkedForDeletion());
+    EXPECT_EQ(std::tuple(a->references(), a->vornMarkedForDeletion()), std::tuple(2u, true));  // the flag bit is no count
     d = nullptr;
     a = a;  // self-assignment keeps the object
     EXPECT_EQ(deaths, 0);
@@ -99,19 +87,17 @@ TEST(Entity, ParentIsNotOwnedAndClearsWhenTheParentDies) {
   c[4]->parentIs(other);
   c[0] = nullptr;
   parent = nullptr;
-  EXPECT_FALSE(c[2]->parent());
-  EXPECT_FALSE(c[3]->parent());
-  EXPECT_EQ(c[4]->parent(), other);
+  EXPECT_EQ(std::tuple(bool(c[2]->parent()), bool(c[3]->parent()), c[4]->parent()), std::tuple(false, false, other));
 }
 
 TEST(AssertDeathTest, ReportsModuleExpressionAndPlace) {
   int sd = -1;
   EXPECT_DEATH(VORN_ASSERT(sd >= 0), "assertion \"sd >= 0\" failed at BasicsTest.cpp:[0-9]+ in TestBody");
   char buffer[64];
-  EXPECT_STREQ(Vorn::moduleOfPath("/src/intfsm/intfsm/KernelOperState/Root.cpp", buffer, sizeof buffer),
-               "KernelOperState");
-  EXPECT_STREQ(Vorn::moduleOfPath("/src/intfsm/intfsm/foundation/vorn/Ptr.h", buffer, sizeof buffer),
-               "foundation/vorn");
+  for (auto [path, module] : {std::pair("/src/intfsm/intfsm/KernelOperState/Root.cpp", "KernelOperState"),
+                              {"/src/intfsm/intfsm/foundation/vorn/Ptr.h", "foundation/vorn"}}) {
+    EXPECT_STREQ(Vorn::moduleOfPath(path, buffer, sizeof buffer), module);
+  }
 }
 
 TEST(FperrorDeathTest, PrintsTheSystemErrorAndExitsWithStatusOne) {

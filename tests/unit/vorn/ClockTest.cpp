@@ -63,8 +63,7 @@ TEST_F(ClockTest, FiresOnceWhenTheTimeComesAndNotBefore) {
   EXPECT_TRUE(passAt(1005.0));
   EXPECT_EQ(t->timeMinSeen, Clock::never);  // reset before the call, so the handler may re-arm
   EXPECT_FALSE(passAt(2000.0));
-  EXPECT_EQ(t->calls, 1);
-  EXPECT_EQ(loop.clock()->armedReactors(), 0u);
+  EXPECT_EQ(std::tuple(t->calls, loop.clock()->armedReactors()), std::tuple(1, 0u));
 }
 
 // Due timers fire in time order, then in arming order, each at its latest time.
@@ -73,8 +72,7 @@ TEST_F(ClockTest, DueTimersFireInTimeOrderThenArmingOrderAtTheirLatestTime) {
              gone = timer("gone", 1000.5), moved = timer("moved", 1020.0), e = timer("e", 1002.1);
   gone->timeMinIs(Clock::never);
   moved->timeMinIs(1002.2);
-  EXPECT_EQ(loop.clock()->armedReactors(), 6u);
-  EXPECT_EQ(loop.clock()->timeMinNext(), 1001.0);
+  EXPECT_EQ(std::tuple(loop.clock()->armedReactors(), loop.clock()->timeMinNext()), std::tuple(6u, 1001.0));
   EXPECT_TRUE(passAt(1002.5));
   EXPECT_TRUE(passAt(1030.0));
   EXPECT_THAT(log, ElementsAre("b", "d", "c", "e", "moved", "a"));
@@ -87,9 +85,7 @@ TEST_F(ClockTest, ATimerReArmedInItsCallBackFiresOncePerPass) {
   eager->then = [&] { eager->timeMinIs(eager->calls < 3 ? 0.0 : Clock::never); };
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_THAT(log, ElementsAre("eager", "other"));
-  EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_FALSE(loop.runOnce(0));
+  for (bool ran : {true, true, false}) EXPECT_EQ(loop.runOnce(0), ran);
   EXPECT_THAT(log, ElementsAre("eager", "other", "eager", "eager"));
 }
 
@@ -104,8 +100,8 @@ TEST_F(ClockTest, AReactorThatIsGoneOrCannotTakeNotificationsIsNotCalled) {
   unregistered->isRegisteredNotifieeIs(false);
   EXPECT_TRUE(passAt(1005.0));
   EXPECT_THAT(log, ElementsAre("first", "last"));
-  EXPECT_EQ(zombie->timeMin(), Clock::never);  // the firing is lost, not kept for later
-  EXPECT_EQ(loop.clock()->armedReactors(), 0u);
+  // The firing is lost, not kept for later.
+  EXPECT_EQ(std::tuple(zombie->timeMin(), loop.clock()->armedReactors()), std::tuple(Clock::never, 0u));
 }
 
 // A timer belongs to the clock it is bound to: armed before binding it waits, unbound it is off,
@@ -129,10 +125,10 @@ TEST_F(ClockTest, BindingArmsUnbindingDisarmsAndRebindingMoves) {
   Ptr<Vorn::Activity> act = other.activityIs("timers", 99);
   t->activityIs(act.ptr());
   t->timeMinIs(1004.0);
-  EXPECT_TRUE(other.runOnce(0));
-  EXPECT_EQ(t->calls, 2);
-  EXPECT_TRUE(other.runOnce(0));
-  EXPECT_EQ(t->calls, 3);
+  for (int calls : {2, 3}) {
+    EXPECT_TRUE(other.runOnce(0));
+    EXPECT_EQ(t->calls, calls);
+  }
   t = nullptr;  // before `other` goes
 }
 

@@ -25,8 +25,7 @@ std::vector<uint32_t> keysInOrder(C const & c) {
 // and entries that were there first keep their order while the table grows many times over.
 TEST(Collection, AgreesWithAReferenceMapAndGrowingNeverReorders) {
   Collection<uint32_t, int> c;
-  EXPECT_EQ(c.find(1), nullptr);
-  EXPECT_EQ(c.get(1), 0);  // zero value when absent
+  EXPECT_EQ(std::tuple(c.find(1), c.get(1)), std::tuple(nullptr, 0));  // zero value when absent
   for (uint32_t k = 0; k < 10; ++k) c.set(k * 7919 + 100000, 1);
   std::vector<uint32_t> first;
   for (auto const & e : c) first.push_back(e.key);
@@ -51,10 +50,8 @@ TEST(Collection, AgreesWithAReferenceMapAndGrowingNeverReorders) {
     walked.emplace(e.key, e.value);
     if (e.key >= 100000) firstAfter.push_back(e.key);
   }
-  EXPECT_EQ(walked, ref);
-  EXPECT_EQ(c.size(), ref.size());
+  EXPECT_EQ(std::tuple(walked, c.size(), firstAfter), std::tuple(ref, ref.size(), first));
   for (auto const & [k, v] : ref) ASSERT_EQ(c.get(k), v);
-  EXPECT_EQ(firstAfter, first);
 }
 
 // Keys inserted in another collection's walk order (each beyond the last) and in the reverse order.
@@ -65,8 +62,7 @@ TEST(Collection, CopiesInWalkOrderOrReverseKeepOrderAndLookups) {
   Collection<uint32_t, int> forward, backward;
   for (uint32_t k : order) forward.set(k, 1);
   for (auto k = order.rbegin(); k != order.rend(); ++k) backward.set(*k, 1);
-  EXPECT_EQ(keysInOrder(forward), order);
-  EXPECT_EQ(keysInOrder(backward), order);
+  EXPECT_EQ(std::tuple(keysInOrder(forward), keysInOrder(backward)), std::tuple(order, order));
   for (uint32_t k : order) EXPECT_TRUE(forward.contains(k) && backward.contains(k)) << k;
 }
 
@@ -116,8 +112,7 @@ TEST(Collection, DeletedEntryReleasesItsValueAtOnceEvenUnderAnIterator) {
   c.set("k", value);
   auto it = c.begin();
   c.del("k");
-  EXPECT_EQ(value.use_count(), 1);  // not held until the iterator moves on
-  EXPECT_EQ(c.find("k"), nullptr);
+  EXPECT_EQ(std::tuple(value.use_count(), c.find("k")), std::tuple(1, nullptr));  // not held until the iterator moves on
   c.set("k", std::make_shared<int>(2));  // a new entry for the same key while the old node is pinned
   ++it;                                  // it landed after the dead node, ahead of the cursor: visited
   ASSERT_NE(it, c.end());
@@ -148,8 +143,7 @@ TEST(Collection, ValueWhoseDestructionChangesTheCollection) {
   c.set(3, make(&c, 4));
   c.set(4, make(nullptr, 0));
   c.set(3, nullptr);
-  EXPECT_EQ(c.size(), 1u);
-  EXPECT_FALSE(c.contains(4));
+  EXPECT_EQ(std::tuple(c.size(), c.contains(4)), std::tuple(1u, false));
 }
 
 }  // namespace

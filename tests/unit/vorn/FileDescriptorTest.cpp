@@ -78,8 +78,7 @@ TEST_F(FileDescriptorTest, ReadinessIsLevelTriggeredAndWritabilityCountedOnlyWhi
   EXPECT_THAT(reactor->log, ElementsAre("readable 1", "readable 2", "writableWanted 1", "readable 3", "writable 1",
                                         "readable 4", "writableWanted 0"));
   fd = nullptr;
-  close(ends[0]);
-  close(ends[1]);
+  close(ends[0]), close(ends[1]);
 }
 
 // A hang-up (or an error on a write end) is an exception, reported each pass until the owner
@@ -89,20 +88,16 @@ TEST_F(FileDescriptorTest, HangUpsAndErrorsAreExceptionsCountedAfterTheData) {
   Ptr<FileDescriptor> hup = watch("hup", hungUp.r), err = watch("err", broken.w), clears = watch("clears", cleared.r);
   Ptr<FdLog> hupLog = new FdLog(hup), clearsLog = new FdLog(clears);
   clearsLog->onReadable = [&] { clears->descriptorIs(-1); };  // the rest of its counts are not raised
-  hungUp.put();
-  hungUp.closeWrite();
+  hungUp.put(), hungUp.closeWrite();
   broken.closeRead();
-  cleared.put();
-  cleared.closeWrite();
+  cleared.put(), cleared.closeWrite();
   EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_EQ(err->exceptionPendingCount(), 1u);
-  EXPECT_EQ(err->writableCount(), 0u);
+  EXPECT_EQ(std::tuple(err->exceptionPendingCount(), err->writableCount()), std::tuple(1u, 0u));
   EXPECT_THAT(clearsLog->log, ElementsAre("readable 1", "descriptor -1"));
   hungUp.drain();
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_THAT(hupLog->log, ElementsAre("readable 1", "exception 1", "exception 2"));
-  hup->descriptorIs(-1);
-  err->descriptorIs(-1);
+  hup->descriptorIs(-1), err->descriptorIs(-1);
   EXPECT_FALSE(loop.runOnce(0));
 }
 
@@ -113,11 +108,9 @@ TEST_F(FileDescriptorTest, AHandlerMayDestroyAnotherReadyDescriptor) {
   // Whichever is dispatched first drops the other, reactor included.
   ra->onReadable = [&] { rb = nullptr, fdB = nullptr; };
   rb->onReadable = [&] { ra = nullptr, fdA = nullptr; };
-  a.put();
-  b.put();
+  a.put(), b.put();
   EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_EQ(loop.watches(), 1u);
-  EXPECT_EQ(ra ? ra->log.size() : rb->log.size(), 1u);
+  EXPECT_EQ(std::tuple(loop.watches(), ra ? ra->log.size() : rb->log.size()), std::tuple(1u, 1u));
 }
 
 // The watch follows the descriptor and goes with the FileDescriptor; the descriptor is never closed.
@@ -142,8 +135,7 @@ TEST_F(FileDescriptorTest, ChangingClearingOrDestroyingMovesTheWatchAndNeverClos
   Ptr<FileDescriptor> again = watch("again", first.r);  // allowed: epoll no longer holds it
   EXPECT_TRUE(loop.runOnce(0));
   again = nullptr;
-  EXPECT_EQ(loop.staleWatches(), 0u);
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors + 4);  // both pipes still open
+  EXPECT_EQ(std::tuple(loop.staleWatches(), IntfsmTest::openDescriptorCount()), std::tuple(0u, descriptors + 4));  // pipes open
 }
 
 TEST_F(FileDescriptorTest, NonBlockingIsAppliedToTheDescriptorNowAndLater) {
@@ -155,12 +147,10 @@ TEST_F(FileDescriptorTest, NonBlockingIsAppliedToTheDescriptorNowAndLater) {
   fd->descriptorIs(fds[0]);
   EXPECT_TRUE(nonBlock(fds[0]));
   fd->nonBlockingIs(false);
-  EXPECT_FALSE(nonBlock(fds[0]));
   fd->descriptorIs(fds[1]);  // without it, a new descriptor keeps its own flags
-  EXPECT_FALSE(nonBlock(fds[1]));
+  EXPECT_EQ(std::tuple(nonBlock(fds[0]), nonBlock(fds[1])), std::tuple(false, false));
   fd = nullptr;
-  close(fds[0]);
-  close(fds[1]);
+  close(fds[0]), close(fds[1]);
 }
 
 TEST_F(FileDescriptorTest, ADescriptorThatCannotBeWatchedIsRefusedAndChangesNothing) {
@@ -180,8 +170,7 @@ TEST_F(FileDescriptorTest, ADescriptorThatCannotBeWatchedIsRefusedAndChangesNoth
             "FileDescriptor second: " + refused + std::to_string(pipe.r) + ": File exists (watched by FileDescriptor in)");
   EXPECT_THROW(fd->descriptorIs(-2), Vorn::RangeException);
   close(file);
-  EXPECT_EQ(fd->descriptor(), pipe.r);
-  EXPECT_EQ(second->descriptor(), -1);
+  EXPECT_EQ(std::tuple(fd->descriptor(), second->descriptor()), std::tuple(pipe.r, -1));
   pipe.put();
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_EQ(fd->readableCount(), 1u);
@@ -201,15 +190,13 @@ TEST_F(FileDescriptorTest, ADescriptorClosedBeforeItWasClearedIsForgottenQuietly
   EXPECT_EQ(loop.staleWatches(), 1u);
   fresh.put();
   EXPECT_TRUE(loop.runOnce(0));
-  EXPECT_EQ(current->readableCount(), 1u);
-  EXPECT_EQ(stale->readableCount(), 0u);
+  EXPECT_EQ(std::tuple(current->readableCount(), stale->readableCount()), std::tuple(1u, 0u));
 
   Ptr<FileDescriptor> gone = watch("gone", second.r);
   second.closeRead();
   gone->writableWantedIs(true);  // EPOLL_CTL_MOD finds it gone
   gone->descriptorIs(-1);
-  EXPECT_EQ(loop.watches(), 1u);
-  EXPECT_EQ(loop.staleWatches(), 2u);
+  EXPECT_EQ(std::tuple(loop.watches(), loop.staleWatches()), std::tuple(1u, 2u));
 }
 
 }  // namespace

@@ -33,11 +33,8 @@ TEST(Notifier, StoringTheCurrentValueNotifiesNobody) {
   Ptr<WidgetRecorder> r = new WidgetRecorder(w);
   r->log.clear();
   w->levelIs(0);
-  w->itemIs("a", 0);  // absent key set to the zero value is still an insertion
-  w->itemIs("a", 0);
-  EXPECT_EQ(r->log, (std::vector<std::string>{"item:a"}));
-  w->levelIs(3);
-  w->levelIs(3);
+  w->itemIs("a", 0), w->itemIs("a", 0);  // absent key set to the zero value is still an insertion
+  w->levelIs(3), w->levelIs(3);
   EXPECT_EQ(r->log, (std::vector<std::string>{"item:a", "level=3"}));
 }
 
@@ -51,8 +48,7 @@ TEST(Notifier, BindingDeliversTheWholeCollectionNotificationOnce) {
 
   auto other = Widget::widgetNew("other");
   r->notifierIs(other);  // rebinding replaces the binding
-  w->levelIs(1);
-  other->levelIs(2);
+  w->levelIs(1), other->levelIs(2);
   EXPECT_EQ(r->log, (std::vector<std::string>{"items*", "items*", "level=2"}));
   EXPECT_EQ(w->notifiees(), 0u);
 }
@@ -74,9 +70,7 @@ TEST(Notifier, InactiveUnregisteredMarkedAndZombieNotifieesAreSkipped) {
   EXPECT_EQ(h->calls, 2);
 
   h->vornZombieIs(true);
-  EXPECT_TRUE(h->vornMarkedForDeletion());
-  EXPECT_FALSE(h->isRegisteredNotifiee());
-  EXPECT_EQ(w->notifiees(), 0u);
+  EXPECT_EQ(std::tuple(h->vornMarkedForDeletion(), h->isRegisteredNotifiee(), w->notifiees()), std::tuple(true, false, 0u));
   w->levelIs(5);
   h->vornZombieIs(false);
   EXPECT_FALSE(h->vornMarkedForDeletion());
@@ -100,11 +94,8 @@ TEST(Notifier, NotifieesDeletedOrAddedDuringADispatch) {
   self = new Hook(w, [&](Hook *) { self = nullptr; });
   Ptr<Hook> after = new Hook(w);
   w->levelIs(1);
-  EXPECT_FALSE(second);
-  EXPECT_FALSE(self);
-  EXPECT_EQ(after->calls, 1);  // the one after the self-deleting one is still reached
-  EXPECT_EQ(added->calls, 0);
-  EXPECT_EQ(w->notifiees(), 3u);
+  // The one after the self-deleting one is still reached; the added one is not yet.
+  EXPECT_EQ(std::tuple(bool(second), bool(self), after->calls, added->calls, w->notifiees()), std::tuple(false, false, 1, 0, 3u));
   w->levelIs(2);  // no hole, no stale pointer
   EXPECT_EQ(first->calls + after->calls + added->calls, 5);
 }
@@ -131,8 +122,7 @@ TEST(Notifier, HandlerMayDropTheLastReferenceToItsNotifier) {
   w = nullptr;  // the hook holds the only reference now
   EXPECT_EQ(h->notifier()->name(), "w");
   raw->levelIs(1);  // the widget must survive until the dispatch ends
-  EXPECT_EQ(h->calls, 1);
-  EXPECT_FALSE(h->notifier());
+  EXPECT_EQ(std::tuple(h->calls, bool(h->notifier())), std::tuple(1, false));
 }
 
 TEST(Notifier, NotifierDestroyedWithNotifieesRegisteredDetachesThem) {
@@ -150,8 +140,7 @@ TEST(Notifier, NotifierDestroyedWithNotifieesRegisteredDetachesThem) {
     stackWidget.levelIs(1);
     EXPECT_EQ(h->calls, 1);
   }
-  EXPECT_FALSE(h->notifier());
-  EXPECT_TRUE(h->isRegisteredNotifiee());
+  EXPECT_EQ(std::tuple(bool(h->notifier()), h->isRegisteredNotifiee()), std::tuple(false, true));
 }
 
 TEST(Notifier, BaseNotifieeOnDerivedEntityGetsOnlyTheBaseCallbacks) {
@@ -169,8 +158,7 @@ TEST(Notifier, BaseNotifieeOnDerivedEntityGetsOnlyTheBaseCallbacks) {
   g->colourIs(5);  // must not reach the Widget-only notifiee through a wrong cast
   g->levelIs(2);
   EXPECT_EQ(asWidget->log, (std::vector<std::string>{"items*", "level=2"}));
-  EXPECT_EQ(asGadget->colours, 1);
-  EXPECT_EQ(asGadget->levels, 1);
+  EXPECT_EQ(std::tuple(asGadget->colours, asGadget->levels), std::tuple(1, 1));
 }
 
 TEST(Notifier, KeyNotificationCarriesACopyOfTheKey) {
@@ -187,8 +175,7 @@ TEST(Notifier, KeyNotificationCarriesACopyOfTheKey) {
   Ptr<Deleter> d = new Deleter;
   d->notifierIs(w);
   w->itemNotify("gone");
-  EXPECT_EQ(d->keys, (std::vector<std::string>{"gone", "gone"}));
-  EXPECT_EQ(w->items(), 0u);
+  EXPECT_EQ(std::tuple(d->keys, w->items()), std::tuple(std::vector<std::string>{"gone", "gone"}, 0u));
 }
 
 // A throwing handler: the exception reaches the mutator's caller, the rest of that dispatch is
@@ -214,17 +201,14 @@ TEST(NotifierFault, AThrowingHandlerEndsItsDispatchAndTheListStillCompacts) {
   ASSERT_EQ(widget->notifieeSlots(), 3u);
 
   EXPECT_THROW(widget->levelIs(1), std::runtime_error);
-  EXPECT_EQ(widget->level(), 1);           // stored before the notification
-  EXPECT_TRUE(later->log.empty());         // not called after the thrower
-  EXPECT_EQ(widget->notifieeSlots(), 2u);  // the entry removed meanwhile was compacted
+  // Stored before the notification; nobody called after the thrower; the entry removed meanwhile compacted.
+  EXPECT_EQ(std::tuple(widget->level(), later->log.size(), widget->notifieeSlots()), std::tuple(1, 0u, 2u));
 
   // The next dispatch runs normally and compacts what its handlers remove.
   thrower->throwing = false;
   thrower->victim = later;
   widget->levelIs(2);
-  EXPECT_TRUE(later->log.empty());
-  EXPECT_EQ(widget->notifieeSlots(), 1u);
-  EXPECT_EQ(widget->notifiees(), 1u);
+  EXPECT_EQ(std::tuple(later->log.size(), widget->notifieeSlots(), widget->notifiees()), std::tuple(0u, 1u, 1u));
 
   // And a notifiee bound afterwards is called.
   thrower->victim = nullptr;
