@@ -34,7 +34,6 @@ using KernelNetInfo::Interface;
 using KernelNetInfo::Status;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 constexpr uint32_t loFlags = IFF_UP | IFF_LOOPBACK | IFF_RUNNING;
 constexpr double start = 100.0;

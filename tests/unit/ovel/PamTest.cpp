@@ -18,7 +18,6 @@ using IntfsmTest::thrownText;
 using Ovel::Pam;
 using Ovel::Pkt;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Vorn::Ptr;
 
 namespace {
