@@ -30,13 +30,11 @@ class BrisklogTest : public testing::Test {
 TEST_F(BrisklogTest, LevelsByModuleReachEveryHandleOfThatNameNowAndLater) {
   Brisklog::Handle quiet("BrisklogTest.Quiet");
   Brisklog::Handle anomalies("BrisklogTest.Anomalies", true);
-  EXPECT_EQ(quiet.levels(), 0);
-  EXPECT_EQ(anomalies.levels(), 1);  // enabled by default: level 0 only
+  EXPECT_EQ(std::tuple(quiet.levels(), anomalies.levels()), std::tuple(0, 1));  // enabled by default: level 0 only
   Brisklog::Handle first("BrisklogTest.Shared");
   Brisklog::levelsIs("BrisklogTest.Shared", Brisklog::levelRange(2, 4));
   Brisklog::Handle later("BrisklogTest.Shared");
-  EXPECT_EQ(first.levels(), 0x1c);
-  EXPECT_EQ(later.levels(), 0x1c);
+  EXPECT_EQ(std::tuple(first.levels(), later.levels()), std::tuple(0x1c, 0x1c));
   later.levelsIs(Brisklog::allLevels);  // that handle only
   EXPECT_EQ(first.levels(), 0x1c);
   // Asked for before the handle exists; configured, the default level 0 no longer applies.
@@ -44,8 +42,7 @@ TEST_F(BrisklogTest, LevelsByModuleReachEveryHandleOfThatNameNowAndLater) {
   Brisklog::configure("BrisklogTest.LateToo/7");
   Brisklog::Handle late("BrisklogTest.Late");
   Brisklog::Handle lateToo("BrisklogTest.LateToo", true);
-  EXPECT_EQ(late.levels(), 1 << 5);
-  EXPECT_EQ(lateToo.levels(), 1 << 7);
+  EXPECT_EQ(std::tuple(late.levels(), lateToo.levels()), std::tuple(1 << 5, 1 << 7));
   // A destroyed handle is forgotten (the sanitizer build sees a dead one touched).
   { Brisklog::Handle gone("BrisklogTest.Gone"); }
   Brisklog::configure("*/1");
@@ -58,8 +55,7 @@ TEST_F(BrisklogTest, MaskWithBitsAboveLevelNineIsRejectedAndChangesNothing) {
             "Brisklog: level mask 0x403 has bits above level 9");
   EXPECT_THROW(h.levelsIs(0xffff), Vorn::RangeException);
   EXPECT_THROW(Brisklog::levelsIs(nullptr, 1), Vorn::RangeException);
-  EXPECT_EQ(h.levels(), 0x3);
-  EXPECT_EQ(Brisklog::Handle("BrisklogTest.Mask").levels(), 0x3);
+  EXPECT_EQ(std::tuple(h.levels(), Brisklog::Handle("BrisklogTest.Mask").levels()), std::tuple(0x3, 0x3));
 }
 
 TEST_F(BrisklogTest, OnlyEnabledLevelsZeroToNineTraceAndDisabledPiecesAreNotEvaluated) {
@@ -129,8 +125,7 @@ TEST_F(BrisklogTest, LinesGoToTheInstalledSinkElseTheOutputFileElseStderr) {
   int const line = __LINE__ + 1;
   BRISKLOG_TRACE(h, 5, "state " << 7);
   Brisklog::outputFileIs(nullptr);
-  EXPECT_EQ(Brisklog::outputFile(), "");
-  EXPECT_EQ(IntfsmTest::openDescriptorCount(), descriptors);  // the file was closed
+  EXPECT_EQ(std::tuple(Brisklog::outputFile(), IntfsmTest::openDescriptorCount()), std::tuple("", descriptors));  // closed
   testing::internal::CaptureStderr();
   BRISKLOG_TRACE(h, 0, "to stderr");
   EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(" BrisklogTest.Sink/0 BrisklogTest.cpp:"));

@@ -55,10 +55,9 @@ class KernelNetInfoRoot : public ::testing::Test {
 
 TEST(KernelNetInfoInterface, FlagsTextAndDeviceNameOfUpToSixteenBytes) {
   Interface const running(3, IFF_UP | IFF_RUNNING, "va0");
-  EXPECT_TRUE(running.isUp() && running.isRunning());
-  EXPECT_FALSE(Interface(3, IFF_UP, "va0").isRunning());
-  EXPECT_EQ(printed(running) + " / " + printed(Interface()), "va0 (ifIndex 3, flags 0x41) / none");
-  EXPECT_EQ(Interface(9, 0, "abcdefghijklmnop").deviceName(), "abcdefghijklmnop");
+  EXPECT_EQ(std::tuple(running.isUp(), running.isRunning(), Interface(3, IFF_UP, "va0").isRunning(),
+                       printed(running) + " / " + printed(Interface()), Interface(9, 0, "abcdefghijklmnop").deviceName()),
+            std::tuple(true, true, false, "va0 (ifIndex 3, flags 0x41) / none", "abcdefghijklmnop"));
   EXPECT_THAT(IntfsmTest::thrownText<Vorn::RangeException>([] { Interface(9, 0, "abcdefghijklmnopq"); }),
               ::testing::MatchesRegex("PodArray::set expected size <= 16, instead got 17\\. Buffer is at "
                                       "address: 0x[0-9a-f]+ with contents: abcdefghijklmnopq"));
@@ -66,17 +65,15 @@ TEST(KernelNetInfoInterface, FlagsTextAndDeviceNameOfUpToSixteenBytes) {
   name.set("et1");
   EXPECT_THROW(name.set("abcdefghijklmnopq"), Vorn::RangeException);
   EXPECT_EQ(name.view(), "et1");  // a refused set keeps the old text
-  name.set("x");
   KernelNetInfo::DeviceName x;
-  x.set("x");
+  name.set("x"), x.set("x");
   EXPECT_EQ(name, x);  // no leftover bytes
 }
 
 // Each change notifies each collection that changed once, with the old and the new key.
 TEST_F(KernelNetInfoRoot, EachChangeNotifiesWhatChangedAndKeepsTheCollectionsConsistent) {
   EXPECT_THAT(notified(), ElementsAre("byNameImmediate", "byIfIndexImmediate", "cacheImmediate"));  // on binding
-  root->interfaceIs(Interface(3, IFF_UP, "va0"));
-  root->interfaceIs(Interface(3, IFF_UP, "va0"));
+  root->interfaceIs(Interface(3, IFF_UP, "va0")), root->interfaceIs(Interface(3, IFF_UP, "va0"));
   EXPECT_THAT(notified(), ElementsAre("byName(va0)", "byIfIndex(3)", "cache(3)"));
   EXPECT_EQ(root->interfaceByDeviceName("va0"), Interface(3, IFF_UP, "va0"));
   root->interfaceIs(Interface(3, IFF_UP | IFF_RUNNING, "va0"));  // the name cache is left alone
@@ -90,13 +87,12 @@ TEST_F(KernelNetInfoRoot, EachChangeNotifiesWhatChangedAndKeepsTheCollectionsCon
   EXPECT_THAT(notified(), ElementsAre("byName(wan0)", "byIfIndex(3)", "cache(3)",  //
                                       "byName(wan0)", "byIfIndex(8)", "cache(8)"));
   EXPECT_THAT(devices(), ElementsAre("vb0 (ifIndex 4, flags 0x0)", "wan0 (ifIndex 8, flags 0x1)"));
-  root->interfaceDel(8);
-  root->interfaceDel(8);
+  root->interfaceDel(8), root->interfaceDel(8);
   EXPECT_THAT(notified(), ElementsAre("byName(wan0)", "byIfIndex(8)", "cache(8)"));
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(Interface()); }),
-            "KernelNetInfo::Root::interfaceIs: ifIndex 0 not allowed");
-  EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(Interface(5, 0, "")); }),
-            "KernelNetInfo::Root::interfaceIs: empty deviceName not allowed");
+  for (auto [refused, why] : {std::pair(Interface(), "ifIndex 0"), {Interface(5, 0, ""), "empty deviceName"}}) {
+    EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(refused); }),
+              std::string("KernelNetInfo::Root::interfaceIs: ") + why + " not allowed");
+  }
   EXPECT_THAT(notified(), IsEmpty());
   root->interfaceDelAll();
   EXPECT_THAT(devices(), IsEmpty());
