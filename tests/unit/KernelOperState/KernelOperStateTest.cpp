@@ -117,13 +117,12 @@ TEST_F(KernelOperStateTest, NamespacesComingAndGoing) {
   // Notified present again: a fresh socket is cached and the one it replaces closed.
   netNs->netNsByNameNotify(NamespaceName("blue"));
   int const sd2 = cachedSd("blue");
-  EXPECT_EQ(nsOfSocket(sd2), "blue");
-  EXPECT_EQ(fake.openDescriptors(), (std::vector<int>{sd2}));
+  EXPECT_EQ(std::tuple(nsOfSocket(sd2), fake.openDescriptors()), std::tuple("blue", std::vector<int>{sd2}));
 
   netNs->namespaceDel(NamespaceName("blue"));
-  EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("blue")));
-  EXPECT_THAT(fake.openDescriptors(), testing::IsEmpty());
-  EXPECT_TRUE(trace.contains("handleNsByName closing netlink socket: " + std::to_string(sd2)));
+  EXPECT_EQ(std::tuple(kosm->nsNetlinkSockFdHas(NamespaceName("blue")), fake.openDescriptors(),
+                       trace.contains("handleNsByName closing netlink socket: " + std::to_string(sd2))),
+            std::tuple(false, std::vector<int>{}, true));
 
   trace.clear();
   netNs->netNsByNameNotify(NamespaceName("never"));
@@ -219,8 +218,7 @@ TEST_F(KernelOperStateTest, AReactorRemovedFromItsCollectionIsUnboundAtOnceAndNo
   dir->intfStatusIs(status("Ethernet1", "et0", Interface::intfOperUp));
   dir->intfStatusIs(st);  // rebound: the state machine's collection is unchanged
   localDir->intfStatusLocalIs(l);
-  dir->intfStatusDel(IntfId("Ethernet1"));
-  localDir->intfStatusLocalDel(IntfId("Ethernet1"));
+  dir->intfStatusDel(IntfId("Ethernet1")), localDir->intfStatusLocalDel(IntfId("Ethernet1"));
   EXPECT_THAT(w->keys, ElementsAre("status Ethernet1", "local Ethernet1", "status Ethernet1", "local Ethernet1"));
   EXPECT_EQ(st->notifiees() + l->notifiees(), 0u);  // a held reactor retired is the framework's (ReactorTest.cpp)
 }
@@ -231,8 +229,8 @@ TEST_F(KernelOperStateTest, RootKeepsTheStateMachineOnlyForTheSameFourInputs) {
   dir->intfStatusIs(st);
   auto sm = start();
   EXPECT_EQ(start(), sm);
-  EXPECT_EQ(trace.count("handleInitialized"), 1u);  // kept: no second start-up sync
-  EXPECT_EQ(root->intfStatusDirIs("intfStatus"), dir);  // the same name keeps the child too
+  // Kept, with no second start-up sync; the same name keeps the child too.
+  EXPECT_EQ(std::tuple(trace.count("handleInitialized"), root->intfStatusDirIs("intfStatus")), std::tuple(1u, dir));
 
   Vorn::Ptr<KernelOperState::KernelOperStateManager> otherKosm = new KernelOperState::KernelOperStateManager;
   std::function<Vorn::Ptr<Sm>()> const others[] = {
@@ -256,8 +254,7 @@ TEST_F(KernelOperStateTest, RootKeepsTheStateMachineOnlyForTheSameFourInputs) {
   fake.clearCalls();
   st->operStatusIs(Interface::intfOperDown);
   netNs->namespaceDel(NamespaceName("default"));
-  EXPECT_TRUE(fake.calls().empty());
-  EXPECT_EQ(fake.openDescriptors(), open);
+  EXPECT_EQ(std::tuple(fake.calls().size(), fake.openDescriptors()), std::tuple(0u, open));
 }
 
 TEST_F(KernelOperStateTest, NullEntitiesAreRangeErrorsAndChangeNothing) {
@@ -333,8 +330,8 @@ TEST_F(KernelOperStateDeathTest, FailuresEndTheProcessOrAreReportedWithTheFailed
     testing::internal::CaptureStderr();
     call("red");
     EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::EndsWith(stderrEnd));
-    EXPECT_EQ(fake.calls().size(), 1u);  // the failed socketAt
-    EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("red")));
+    // Nothing but the failed socketAt, nothing cached.
+    EXPECT_EQ(std::tuple(fake.calls().size(), kosm->nsNetlinkSockFdHas(NamespaceName("red"))), std::tuple(1u, false));
   }
 }
 
@@ -353,13 +350,13 @@ TEST_F(KernelOperStateTest, OutOfDescriptorsTheCachedSocketIsTriedAgainAndTheInt
   EXPECT_THAT(Vorn::descriptorShortages(), testing::Contains(blue));
   fake.failNext(Kind::socketAt, ENFILE);
   advanceAndRun(Sm::shortageRetryInterval);
-  EXPECT_EQ(trace.countContaining("cannot open oper-state netlink socket for namespace blue, errno: "), 1u);
-  EXPECT_FALSE(kosm->nsNetlinkSockFdHas(NamespaceName("blue")));
+  EXPECT_EQ(std::tuple(trace.countContaining("cannot open oper-state netlink socket for namespace blue, errno: "),
+                       kosm->nsNetlinkSockFdHas(NamespaceName("blue"))),
+            std::tuple(1u, false));
   advanceAndRun(Sm::shortageRetryInterval);
   int const sd = cachedSd("blue");
-  EXPECT_EQ(Vorn::descriptorUseOf(sd), blue);
   EXPECT_THAT(fake.operStateRequests(), ElementsAre(Request{sd, "et1", 111, 6}));
-  EXPECT_EQ(sm->shortOfDescriptors(), 0u);
+  EXPECT_EQ(std::tuple(Vorn::descriptorUseOf(sd), sm->shortOfDescriptors()), std::tuple(blue, 0u));
   EXPECT_THAT(Vorn::descriptorShortages(), testing::Not(testing::Contains(blue)));
   netNs->namespaceDel(NamespaceName("blue"));
   EXPECT_EQ(Vorn::descriptorUseOf(sd), Vorn::DescriptorUse{});

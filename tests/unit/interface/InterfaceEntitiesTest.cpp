@@ -43,16 +43,9 @@ TEST(IntfStatus, EachAttributeNotifiesItsOwnCallbackOnChangeOnly) {
   EXPECT_EQ(s->operStatus(), intfOperNotPresent);  // nobody has reported on it yet
   Vorn::Ptr<StatusWatcher> w = new StatusWatcher;
   w->notifierIs(s);
-  s->deviceNameIs("et1");
-  s->operStatusIs(intfOperUp);
-  s->operStatusIs(intfOperUp);
-  s->forwardingModelIs(forwardingModelBridged);
-  s->activeIs(true);
-  s->activeStatusChangesInc(2);
-  s->intfConfigIs("Ethernet1");
-  s->maxMtuIs(9214);
-  s->mtuIs(1500);
-  s->operStatusChangeInc(5);
+  s->deviceNameIs("et1"), s->operStatusIs(intfOperUp), s->operStatusIs(intfOperUp);
+  s->forwardingModelIs(forwardingModelBridged), s->activeIs(true), s->activeStatusChangesInc(2);
+  s->intfConfigIs("Ethernet1"), s->maxMtuIs(9214), s->mtuIs(1500), s->operStatusChangeInc(5);
   EXPECT_THAT(w->log.take(), ElementsAre("onDeviceName", "onOperStatus", "onForwardingModel", "onActive",
                                          "onActiveStatusChanges", "onIntfConfig", "onMaxMtu", "onMtu",
                                          "onOperStatusChange"));
@@ -87,15 +80,12 @@ TEST(AllIntfStatusDir, KeyedByTheStatussIdAndNotifyingOnlyRealChanges) {
   Vorn::Ptr<DirWatcher> w = new DirWatcher;
   w->notifierIs(dir);
   auto first = intfStatusFactory(IntfId("Ethernet1")), second = intfStatusFactory(IntfId("Ethernet1"));
-  dir->intfStatusIs(first);
-  dir->intfStatusIs(first);
-  dir->intfStatusIs(second);
+  dir->intfStatusIs(first), dir->intfStatusIs(first), dir->intfStatusIs(second);
   EXPECT_EQ(dir->intfStatus(IntfId("Ethernet1")), second);
   EXPECT_EQ(first->references(), 1u);
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { dir->intfStatusIs(nullptr); }),
             "null _intfStatus parameter to mutator for Interface::AllIntfStatusDir::intfStatus not allowed\"");
-  dir->intfStatusDel(IntfId("Ethernet9"));
-  dir->intfStatusNotify(IntfId("Ethernet7"));
+  dir->intfStatusDel(IntfId("Ethernet9")), dir->intfStatusNotify(IntfId("Ethernet7"));
   EXPECT_THAT(w->take(), ElementsAre("onIntfStatusvornImmediate(0)", "onIntfStatus(Ethernet1)", "onIntfStatus(Ethernet1)",
                                      "onIntfStatus(Ethernet7)"));
   for (char const * id : {"Ethernet2", "Ethernet3", "Ethernet4"}) dir->intfStatusIs(intfStatusFactory(IntfId(id)));
@@ -106,8 +96,7 @@ TEST(AllIntfStatusDir, KeyedByTheStatussIdAndNotifyingOnlyRealChanges) {
   dir->intfStatusDelAll();
   EXPECT_THAT(w->take(), UnorderedElementsAre("onIntfStatus(Ethernet1)", "onIntfStatus(Ethernet2)",
                                               "onIntfStatus(Ethernet3)", "onIntfStatus(Ethernet4)"));
-  EXPECT_EQ(dir->intfStatuss(), 0u);
-  EXPECT_EQ(second->references(), 1u);
+  EXPECT_EQ(std::tuple(dir->intfStatuss(), second->references()), std::tuple(0u, 1u));
 }
 
 TEST(AllIntfStatusLocalDir, KeyedByTheEntitysIdAndTheLocalStatusNotifiesItsNamespace) {
@@ -123,10 +112,8 @@ TEST(AllIntfStatusLocalDir, KeyedByTheEntitysIdAndTheLocalStatusNotifiesItsNames
   EXPECT_EQ(local->netNsName().orDefault(), Ovel::NamespaceName::defaultNamespace());
   Vorn::Ptr<DirLog> w = new DirLog;
   Vorn::Ptr<LocalLog> l = new LocalLog;
-  w->notifierIs(dir);
-  l->notifierIs(local);
-  dir->intfStatusLocalIs(local);
-  dir->intfStatusLocalIs(local);
+  w->notifierIs(dir), l->notifierIs(local);
+  dir->intfStatusLocalIs(local), dir->intfStatusLocalIs(local);
   EXPECT_EQ(dir->intfStatusLocal(IntfId("Ethernet1")), local);
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { dir->intfStatusLocalIs(nullptr); }),
             "null _intfStatusLocal parameter to mutator for Interface::AllIntfStatusLocalDir::intfStatusLocal not "
@@ -134,9 +121,7 @@ TEST(AllIntfStatusLocalDir, KeyedByTheEntitysIdAndTheLocalStatusNotifiesItsNames
   dir->intfStatusLocalDelAll();
   EXPECT_THAT(w->take(), ElementsAre("onIntfStatusLocalvornImmediate", "onIntfStatusLocal(Ethernet1)",
                                      "onIntfStatusLocal(Ethernet1)"));
-  local->netNsNameIs(Ovel::NamespaceName("blue"));
-  local->netNsNameIs(Ovel::NamespaceName("blue"));
-  local->netNsNameIs(Ovel::NamespaceName());
+  for (char const * name : {"blue", "blue", ""}) local->netNsNameIs(Ovel::NamespaceName(name));
   EXPECT_THAT(l->take(), ElementsAre("onNetNsName(blue)", "onNetNsName()"));
 }
 
@@ -145,11 +130,11 @@ TEST(IntfStatusAndDeviceName, ComparesFieldByFieldIsEmptyWithoutStatusAndPrints)
   auto s = intfStatusFactory(IntfId("Ethernet1"));
   IntfStatusAndDeviceName const r{s, "et1", 7};
   EXPECT_EQ(r, (IntfStatusAndDeviceName{s, "et1", 7}));
-  EXPECT_NE(r, (IntfStatusAndDeviceName{intfStatusFactory(IntfId("Ethernet1")), "et1", 7}));
-  EXPECT_NE(r, (IntfStatusAndDeviceName{s, "et2", 7}));
-  EXPECT_NE(r, (IntfStatusAndDeviceName{s, "et1", 8}));
-  EXPECT_FALSE(!r);
-  EXPECT_TRUE(!(IntfStatusAndDeviceName{nullptr, "ma1", 3}));
+  for (IntfStatusAndDeviceName const & other : {IntfStatusAndDeviceName{intfStatusFactory(IntfId("Ethernet1")), "et1", 7},
+                                                {s, "et2", 7}, {s, "et1", 8}}) {
+    EXPECT_NE(r, other);
+  }
+  EXPECT_EQ(std::tuple(!r, !(IntfStatusAndDeviceName{nullptr, "ma1", 3})), std::tuple(false, true));
   EXPECT_EQ(printed(r) + " " + printed(IntfStatusAndDeviceName{nullptr, "ma1", 3}),
             "{ intfStatus: Ethernet1, deviceName: et1, ifIndex: 7 } { intfStatus: none, deviceName: ma1, ifIndex: 3 }");
 }
@@ -170,16 +155,14 @@ TEST(DeviceIntfStatusDir, BothKeysStoreIndependentlyAndNotifyOnlyOnChange) {
   Vorn::Ptr<DeviceDirWatcher> w = new DeviceDirWatcher;
   w->notifierIs(dir);
   IntfStatusAndDeviceName const r{et1, "et1", 7};
-  dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), r);  // any field that differs is a change
-  dir->intfStatusByIfIndexIs(7, r);
+  dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), r), dir->intfStatusByIfIndexIs(7, r);  // any field differing: a change
   dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), IntfStatusAndDeviceName{et1, "et1", 7});  // equal: nothing
   dir->intfStatusByIfIndexIs(7, r);
   dir->intfStatusByIfIndexIs(3, {nullptr, "ma1", 3});  // a kernel-only record is stored as given
   EXPECT_EQ(dir->intfStatusByIfIndex(3).deviceName, "ma1");
   IntfStatusAndDeviceName const removed = dir->intfStatusAndDeviceNameDel(IntfId("Ethernet1"));
-  EXPECT_EQ(removed, r);
-  EXPECT_EQ(dir->intfStatusByIfIndexDel(removed.ifIndex), r);
-  EXPECT_TRUE(!dir->intfStatusAndDeviceNameDel(IntfId("Ethernet1")));
+  EXPECT_EQ(std::tuple(removed, dir->intfStatusByIfIndexDel(removed.ifIndex)), std::tuple(r, r));
+  EXPECT_TRUE(!dir->intfStatusAndDeviceNameDel(IntfId("Ethernet1")));  // gone: nothing to return
   EXPECT_EQ(dir->intfStatusByIfIndexDel(7), IntfStatusAndDeviceName());
   EXPECT_THAT(w->take(), ElementsAre("byIdImmediate(1)", "byIfIndexImmediate(0)", "byId(Ethernet1)", "byIfIndex(7)",
                                      "byIfIndex(3)", "byId(Ethernet1)", "byIfIndex(7)"));
