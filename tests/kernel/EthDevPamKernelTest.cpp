@@ -85,14 +85,11 @@ TEST_F(EthDevPamKernelTest, ReceivesFramesSentByThePeerAndStopsWhenDisabled) {
   clock_gettime(CLOCK_REALTIME, &sentAt);
   for (auto const & f : sent) sendFromPeer(f);
   ASSERT_TRUE(runUntilFrames(3)) << reader->frames.size() << " frames";
-  EXPECT_EQ(reader->frames, sent);
-  EXPECT_EQ(reader->held[0]->ifIndex(), pam->ifIndex());
-  EXPECT_EQ(reader->held[0]->pktType(), PACKET_BROADCAST);
+  EXPECT_EQ(std::tuple(reader->frames, reader->held[0]->ifIndex(), reader->held[0]->pktType(), pam->rxErrors()),
+            std::tuple(sent, pam->ifIndex(), PACKET_BROADCAST, 0u));
   EXPECT_LT(reader->held[2]->rxTime() - (uint64_t(sentAt.tv_sec) * 1000000000u + uint64_t(sentAt.tv_nsec)), 5000000u);
-  EXPECT_EQ(pam->rxErrors(), 0u);
   pam->enabledIs(false);
-  EXPECT_EQ(fcntl(sd, F_GETFD), -1);  // closed
-  EXPECT_EQ(loop().watches(), 0u);
+  EXPECT_EQ(std::tuple(fcntl(sd, F_GETFD), loop().watches()), std::tuple(-1, 0u));  // closed, not watched
   sendFromPeer(frame('x'));
   loop().runOnce(0.05);
   pam->enabledIs(true);
@@ -106,8 +103,7 @@ TEST_F(EthDevPamKernelTest, TransmitsFramesThePeerReceivesAndCountsRefusedOnes) 
   EXPECT_TRUE(pam->txPkt(IntfsmTest::pktOf(frame('t', 64))));
   EXPECT_EQ(receiveAtPeer(), frame('t', 64));
   EXPECT_FALSE(pam->txPkt(IntfsmTest::pktOf(frame('j', 4000))));  // above the veth's 1500-byte MTU
-  EXPECT_EQ(pam->txErrors(), 1u);
-  EXPECT_EQ(pam->lastTxErrno(), EMSGSIZE);
+  EXPECT_EQ(std::tuple(pam->txErrors(), pam->lastTxErrno()), std::tuple(1u, EMSGSIZE));
 }
 
 // Every protocol: the kernel clears a tag that no VLAN device claims before it hands the frame to
@@ -121,8 +117,7 @@ TEST_F(EthDevPamKernelTest, AVlanTagArrivesBesideTheFrame) {
   auto const found = [&] { return std::find(reader->frames.begin(), reader->frames.end(), inner); };
   ASSERT_TRUE(runUntil([&] { return found() != reader->frames.end(); }));
   Pkt const & pkt = *reader->held[static_cast<size_t>(found() - reader->frames.begin())];
-  EXPECT_EQ(pkt.vlanId(), 100);
-  EXPECT_EQ(pkt.vlanTpid(), 0x8100);
+  EXPECT_EQ(std::tuple(pkt.vlanId(), pkt.vlanTpid()), std::tuple(100, 0x8100));
 }
 
 }  // namespace

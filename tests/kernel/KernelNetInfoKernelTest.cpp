@@ -88,16 +88,14 @@ TEST_F(KernelNetInfoKernel, FollowsAddDeleteRenameMoveAndUpDown) {
   uint32_t const vb0 = device("vb0").ifIndex();
   netns().linkRename(ns, "vb0", "wan0");
   ASSERT_TRUE(runUntil([&] { return device("wan0").ifIndex() == vb0; }));
-  EXPECT_FALSE(device("vb0"));
-  EXPECT_EQ(status->root()->deviceNameCache(vb0), "wan0");
+  EXPECT_EQ(std::tuple(bool(device("vb0")), status->root()->deviceNameCache(vb0)), std::tuple(false, "wan0"));
   netns().linkMove(ns, "wan0", other);
   ASSERT_TRUE(runUntil([&] { return !status->root()->interfaceByIfIndexHas(vb0); }));
   EXPECT_FALSE(device("wan0"));
   netns().linkDel(ns, "va0");
   ASSERT_TRUE(runUntil([&] { return !device("va0"); }));
   EXPECT_EQ(held(), kernel(ns));
-  EXPECT_TRUE(status->synced());
-  EXPECT_EQ(status->redumps(), 0u);
+  EXPECT_EQ(std::tuple(status->synced(), status->redumps()), std::tuple(true, 0u));
 }
 
 // The namespace of each of this process's sockets, by inode (SIOCGSKNS).
@@ -145,9 +143,9 @@ TEST_F(KernelNetInfoKernel, ANamespaceDeletedAndRecreatedUnderItsNameIsFollowed)
 
   ASSERT_EQ(IntfsmTest::runCommand({"ip", "netns", "del", ns}).status, 0);
   ASSERT_TRUE(runUntil([&] { return ifIndex() == 0; }));
-  EXPECT_EQ(published->intfStatusByIfIndexs(), 0u);
-  EXPECT_EQ(std::tuple(status->descriptor(), status->root()->interfaceByIfIndexs(), status->enabled()),
-            std::tuple(-1, 0u, true));
+  EXPECT_EQ(std::tuple(published->intfStatusByIfIndexs(), status->descriptor(), status->root()->interfaceByIfIndexs(),
+                       status->enabled()),
+            std::tuple(0u, -1, 0u, true));
   EXPECT_THAT(socketNamespaces(), ::testing::Not(::testing::Contains(old.st_ino)));
 
   ASSERT_EQ(IntfsmTest::runCommand({"ip", "netns", "add", ns}).status, 0);  // removed by the fixture
@@ -155,11 +153,8 @@ TEST_F(KernelNetInfoKernel, ANamespaceDeletedAndRecreatedUnderItsNameIsFollowed)
   uint32_t const second = static_cast<uint32_t>(netns().link(ns, "va0")->ifindex);
   ASSERT_NE(second, first);
   ASSERT_TRUE(runUntil([&] { return ifIndex() == second; }));
-  EXPECT_EQ(published->intfStatusByIfIndex(second).deviceName, "va0");
-  EXPECT_EQ(status->reopens(), 1u);
-  kniRoot = nullptr;
-  status = nullptr;
-  netNsManager = nullptr;
+  EXPECT_EQ(std::tuple(published->intfStatusByIfIndex(second).deviceName, status->reopens()), std::tuple("va0", 1u));
+  kniRoot = nullptr, status = nullptr, netNsManager = nullptr;
 }
 
 }  // namespace

@@ -64,8 +64,7 @@ TEST_F(KernelNetNsManagerKernel, AMountThatFollowsTheFileIsPickedUp) {
   ASSERT_EQ(::mount(("/run/netns/" + target).c_str(), entry.c_str(), nullptr, MS_BIND, nullptr), 0)
       << std::strerror(errno);
   ASSERT_TRUE(runUntil([&] { return root->netNsByNameHas(nsName("late")); }));
-  EXPECT_EQ(root->netNsByName(nsName("late")), inodeOf("/run/netns/" + target));
-  EXPECT_EQ(manager->pendingMounts(), 0u);
+  EXPECT_EQ(std::tuple(root->netNsByName(nsName("late")), manager->pendingMounts()), std::tuple(inodeOf("/run/netns/" + target), 0u));
   ASSERT_EQ(::umount2(entry.c_str(), MNT_DETACH), 0);
   ASSERT_EQ(::unlink(entry.c_str()), 0);
   ASSERT_TRUE(runUntil([&] { return !root->netNsByNameHas(nsName("late")); }));

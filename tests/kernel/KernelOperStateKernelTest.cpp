@@ -99,8 +99,7 @@ TEST_F(KernelOperStateKernelTest, OperStatusReachesTheDeviceInItsNamespace) {
   EXPECT_TRUE(netns().waitForOperState(ns1, "va0", IF_OPER_UP));
   EXPECT_TRUE(netns().waitForOperState(ns2, "vc0", IF_OPER_DORMANT));
   // The peers were never named: untouched.
-  EXPECT_EQ(netns().link(ns1, "vb0")->operState, IF_OPER_UP);
-  EXPECT_EQ(netns().link(ns2, "vd0")->operState, IF_OPER_UP);
+  EXPECT_EQ(std::tuple(netns().link(ns1, "vb0")->operState, netns().link(ns2, "vd0")->operState), std::tuple(IF_OPER_UP, IF_OPER_UP));
 
   // A device renamed in the kernel is followed once the status names it.
   netns().linkRename(ns2, "vd0", "vd9");

@@ -68,8 +68,7 @@ TEST_F(KniIntfStatusManagerKernel, PublishesVethsByRealIfIndexThroughDeletionRec
   interfaceNew("Ethernet2", "vb0", ns);
   ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1") && published(ns, "Ethernet2"); }));
   uint32_t const first = kernelIfIndex(ns, "va0");
-  EXPECT_EQ(published(ns, "Ethernet1"), first);
-  EXPECT_EQ(published(ns, "Ethernet2"), kernelIfIndex(ns, "vb0"));
+  EXPECT_EQ(std::tuple(published(ns, "Ethernet1"), published(ns, "Ethernet2")), std::tuple(first, kernelIfIndex(ns, "vb0")));
 
   netns().linkDel(ns, "va0");  // takes its peer along
   ASSERT_TRUE(runUntil([&] { return !published(ns, "Ethernet1") && !published(ns, "Ethernet2"); }));
@@ -81,8 +80,7 @@ TEST_F(KniIntfStatusManagerKernel, PublishesVethsByRealIfIndexThroughDeletionRec
   // Only devices with carrier: both ends down, then up, then the peer down and up again.
   manager(ns)->omitNonRunningKernelDevicesIs(true);
   EXPECT_FALSE(published(ns, "Ethernet1"));
-  netns().linkUp(ns, "va0");
-  netns().linkUp(ns, "vb0");
+  netns().linkUp(ns, "va0"), netns().linkUp(ns, "vb0");
   ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1") && published(ns, "Ethernet2"); }));
   netns().linkDown(ns, "vb0");
   ASSERT_TRUE(runUntil([&] { return !published(ns, "Ethernet1"); }));
@@ -103,8 +101,7 @@ TEST_F(KniIntfStatusManagerKernel, AnInterfaceMovedToAnotherNamespaceIsPublished
   EXPECT_FALSE(published(ns2, "Ethernet1"));
 
   locals->intfStatusLocal(IntfId("Ethernet1"))->netNsNameIs(NamespaceName(ns2));
-  EXPECT_FALSE(published(ns1, "Ethernet1"));
-  EXPECT_EQ(published(ns2, "Ethernet1"), kernelIfIndex(ns2, "va0"));
+  EXPECT_EQ(std::tuple(published(ns1, "Ethernet1"), published(ns2, "Ethernet1")), std::tuple(0u, kernelIfIndex(ns2, "va0")));
 }
 
 // va0 is deleted while the monitor's receive buffer is full, so that its deletion is lost, and is
@@ -132,13 +129,12 @@ TEST_F(KniIntfStatusManagerKernel, ADeviceRecreatedWhileEventsAreLostIsRemovedTh
   kni->rcvBufBytesIs(KernelNetInfo::Status::defaultRcvBufBytes);
   netns().vethPairNew(ns, "va0", "vb0");
   ASSERT_TRUE(runUntil([&] { return published(ns, "Ethernet1") == kernelIfIndex(ns, "va0"); }));
-  EXPECT_NE(published(ns, "Ethernet1"), old);
-  EXPECT_EQ(kni->redumps(), 0u);
+  EXPECT_EQ(std::tuple(published(ns, "Ethernet1") != old, kni->redumps()), std::tuple(true, 0u));
 
   kni->redumpIntervalIs(0);
   ASSERT_TRUE(runUntil([&] { return kni->synced(); }));
-  EXPECT_EQ(published(ns, "Ethernet1"), kernelIfIndex(ns, "va0"));
-  EXPECT_EQ(manager(ns)->kernelIntfStatusDir()->intfStatusByIfIndexs(), 1u);
+  EXPECT_EQ(std::tuple(published(ns, "Ethernet1"), manager(ns)->kernelIntfStatusDir()->intfStatusByIfIndexs()),
+            std::tuple(kernelIfIndex(ns, "va0"), 1u));
 }
 
 }  // namespace

@@ -48,17 +48,15 @@ TEST_F(SocketAtKernel, TheSocketSeesTheNamespacesDevicesAndTheThreadComesBack) {
   netns().vethPairNew(ns, "va0", "vb0");
   int const inside = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, ns.c_str());
   ASSERT_GE(inside, 0) << std::strerror(errno);
-  EXPECT_EQ(ownNamespaceInode(), home);
-  EXPECT_EQ(ifindexVia(inside, "va0"), netns().link(ns, "va0")->ifindex);
-  EXPECT_TRUE(IntfsmTest::isCloseOnExec(inside));
+  EXPECT_EQ(std::tuple(ownNamespaceInode(), ifindexVia(inside, "va0"), IntfsmTest::isCloseOnExec(inside)),
+            std::tuple(home, netns().link(ns, "va0")->ifindex, true));
   int const sameNs = Ovel::socketAt(AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE, ns.c_str());
   int const otherNs = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, other.c_str());
   int const here = Ovel::socketAt(AF_INET, SOCK_DGRAM, 0, nullptr);
   int const reference = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(namespaceCookie(sameNs), namespaceCookie(inside));
-  EXPECT_NE(namespaceCookie(otherNs), namespaceCookie(inside));
-  EXPECT_EQ(namespaceCookie(here), namespaceCookie(reference));
-  EXPECT_EQ(ifindexVia(here, "va0"), -ENODEV);
+  EXPECT_EQ(std::tuple(namespaceCookie(sameNs), namespaceCookie(otherNs) != namespaceCookie(inside), namespaceCookie(here),
+                       ifindexVia(here, "va0")),
+            std::tuple(namespaceCookie(inside), true, namespaceCookie(reference), -ENODEV));
   for (int sd : {sameNs, otherNs, inside, here, reference}) ::close(sd);
 }
 
@@ -76,8 +74,8 @@ TEST_F(SocketAtKernel, FailuresLeaveTheThreadAtHomeAndNothingOpen) {
                        Case{ns.c_str(), AF_MAX + 1, EAFNOSUPPORT}}) {
     errno = 0;
     EXPECT_LT(Ovel::socketAt(c.domain, SOCK_DGRAM, 0, c.ns), 0);
-    EXPECT_EQ(errno, c.error) << c.ns;
-    EXPECT_EQ(ownNamespaceInode(), home);
+    int const error = errno;
+    EXPECT_EQ(std::tuple(error, ownNamespaceInode()), std::tuple(c.error, home)) << c.ns;
   }
 }
 
