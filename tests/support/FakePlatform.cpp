@@ -33,12 +33,6 @@ long asLong(R result) {
 // The kernel's default receive buffer (net.core.rmem_default) as SO_RCVBUF reports it.
 constexpr int defaultRcvBuf = 212992;
 
-FakePlatform::Call callOf(FakePlatform::Kind kind) {
-  FakePlatform::Call call;
-  call.kind = kind;
-  return call;
-}
-
 std::string bytesOf(void const * data, size_t length) {
   return data == nullptr ? std::string() : std::string(static_cast<char const *>(data), length);
 }
@@ -77,10 +71,7 @@ std::vector<FakePlatform::Call> FakePlatform::calls(Kind kind) const {
   return result;
 }
 
-size_t FakePlatform::count(Kind kind) const {
-  return static_cast<size_t>(
-      std::count_if(calls_.begin(), calls_.end(), [kind](Call const & c) { return c.kind == kind; }));
-}
+size_t FakePlatform::count(Kind kind) const { return calls(kind).size(); }
 
 std::vector<FakePlatform::OperStateRequest> FakePlatform::operStateRequests() const {
   std::vector<OperStateRequest> result;
@@ -161,13 +152,11 @@ int FakePlatform::newSocket() {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) < 0) return -1;
   peers_[ends[0]] = ends[1];
-  open_.insert(ends[0]);
-  everHandedOut_.insert(ends[0]);
-  return ends[0];
+  return newDescriptor(ends[0]);
 }
 
-int FakePlatform::newDescriptor() {
-  int const fd = nextDescriptor_++;
+int FakePlatform::newDescriptor(int fd) {
+  if (fd < 0) fd = nextDescriptor_++;
   open_.insert(fd);
   everHandedOut_.insert(fd);
   return fd;
@@ -334,7 +323,8 @@ template <class C, class R, class... A, class Fill>
 std::function<R(A...)> FakePlatform::recorder(Kind kind, std::function<R(A...)> C::*entry, std::type_identity_t<R> failure,
                                               Fill fill) {
   return [this, kind, entry, failure, fill](A... args) -> R {
-    Call c = callOf(kind);
+    Call c;
+    c.kind = kind;
     fill(c, args...);
     return run(c, failure, [&] { return (behaviour_.*entry)(args...); });
   };

@@ -199,7 +199,7 @@ class FakePlatform {
   std::function<R(A...)> recorder(Kind kind, std::function<R(A...)> C::*entry, std::type_identity_t<R> failure, Fill fill);
   bool takeFailure(Call & call);
   ssize_t deliver(int fd, msghdr * message, int flags);
-  int newDescriptor();
+  int newDescriptor(int fd = -1);  // a fake number, or `fd` (a real socket) recorded as handed out
   int newSocket();
   void installFakes();
   void installRecorders();

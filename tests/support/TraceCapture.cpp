@@ -66,23 +66,13 @@ std::vector<std::string> TraceCapture::texts(std::string_view module, unsigned l
 
 bool TraceCapture::contains(std::string_view text) const { return count(text) > 0; }
 
-size_t TraceCapture::count(std::string_view text) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<size_t>(
-      std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) { return l.text == text; }));
-}
+size_t TraceCapture::count(std::string_view text) const { return size_t(std::ranges::count(texts(), text)); }
 
 size_t TraceCapture::countContaining(std::string_view fragment) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](Line const & l) {
-    return l.text.find(fragment) != std::string::npos;
-  }));
+  return size_t(std::ranges::count_if(texts(), [&](std::string const & t) { return t.find(fragment) != std::string::npos; }));
 }
 
-size_t TraceCapture::size() const {
-  std::lock_guard lock(mutex_);
-  return lines_.size();
-}
+size_t TraceCapture::size() const { return lines().size(); }
 
 void TraceCapture::clear() {
   std::lock_guard lock(mutex_);
