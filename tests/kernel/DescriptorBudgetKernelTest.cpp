@@ -162,11 +162,9 @@ TEST_F(DescriptorBudgetKernelTest, SHORTAGE_TEST) {
   }
   EXPECT_FALSE(runUntil([] { return false; }, 1.5));  // retries on the clock add no trace
   EXPECT_THAT(trace.texts(), UnorderedElementsAreArray(expected)) << trace.dump();
-  EXPECT_EQ(Vorn::descriptorShortages().size(), expected.size());
-  EXPECT_EQ(openDescriptors(fdDir), opened);
+  EXPECT_EQ(std::tuple(Vorn::descriptorShortages().size(), openDescriptors(fdDir), pams->intfPams(), manager->shortOfDescriptors()),
+            std::tuple(expected.size(), opened, 0u, 1u));
   EXPECT_TRUE(nsManager->waitingForDescriptor() && late->waitingForDescriptor() && late->enabled());
-  EXPECT_EQ(pams->intfPams(), 0u);
-  EXPECT_EQ(manager->shortOfDescriptors(), 1u);
 
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   auto const converged = [&] {
@@ -190,8 +188,8 @@ TEST_F(DescriptorBudgetKernelTest, SHORTAGE_TEST) {
     uint32_t const had = countsBefore.count(use) ? countsBefore.at(use) : 0;
     if (count > had) counted[use] = count - had;
   }
-  EXPECT_EQ(seen, counted);
-  EXPECT_EQ(seen.size(), 4u + 2u * (namespaces + 1));  // kni, late, bundle, inotify; a socket and a monitor per namespace
+  // Kni, late, bundle, inotify; a socket and a monitor per namespace.
+  EXPECT_EQ(std::tuple(seen, seen.size()), std::tuple(counted, 4u + 2u * (namespaces + 1)));
 }
 
 }  // namespace

@@ -18,7 +18,9 @@ def test_every_registry_name_has_a_table_entry(type_name):
 def test_scalar_and_instantiating_attributes_round_trip():
     root = intfsm.newEntity("KernelOperState::Root", "kos")
     assert root.vornAttributes() == intfsm.registryAttributes("KernelOperState::Root")
-    assert kosm_attributes_reachable(root)
+    # Non-entity notifiers (the oper-state manager) have generic access too.
+    assert root.kosmIs().vornAttributes() == intfsm.registryAttributes("KernelOperState::KernelOperStateManager")
+    root.kosmDel()
     assert root.operStateConvergence is False
     root.operStateConvergence = True
     assert root.operStateConvergence is True
@@ -34,20 +36,10 @@ def test_scalar_and_instantiating_attributes_round_trip():
     assert generic(root, "netNsManagerIs")(netNs) is root.netNsManager
 
 
-def kosm_attributes_reachable(root):
-    """Non-entity notifiers (the oper-state manager) have generic access too."""
-    kosm = root.kosmIs()
-    names = kosm.vornAttributes()
-    assert names == intfsm.registryAttributes("KernelOperState::KernelOperStateManager")
-    root.kosmDel()
-    return True
-
-
 def test_keyed_collection_as_a_mapping():
     root = intfsm.newEntity("KernelOperState::Root", "kos")
     d = root.intfStatusDirIs("s")
-    if not d.vornAttributes():
-        pytest.fail("KernelOperState::IntfStatusDir has no attribute table")
+    assert d.vornAttributes(), "KernelOperState::IntfStatusDir has no attribute table"
     status = intfsm.IntfStatus("Ethernet1")
     generic(d, "intfStatusIs")(status)
     assert len(d.intfStatus) == 1 and "Ethernet1" in d.intfStatus and "Ethernet2" not in d.intfStatus
@@ -64,8 +56,7 @@ def test_keyed_collection_as_a_mapping():
 
 def test_callable_operation():
     r = intfsm.simpleTxRxPktManagerFactory(intfsm.DeviceIntfStatusDir("d"))
-    if not r.vornAttributes():
-        pytest.fail("Interface::SimpleTxRxPktManager has no attribute table")
+    assert r.vornAttributes(), "Interface::SimpleTxRxPktManager has no attribute table"
     r.desiredIntfDirIs("desired")
     assert generic(r, "addIntfPam")("Ethernet1") is True
     assert r.desiredIntfDir.intfDesired["Ethernet1"] is True
