@@ -171,8 +171,7 @@ class ToolsKernelTest : public IntfsmTest::NetNsTest {
       netns().linkUp(sw, std::string("et") + i);
       netns().linkUp(peer, std::string("pe") + i);
     }
-    ASSERT_TRUE(netns().waitForOperState(sw, "et1", IF_OPER_UP));
-    ASSERT_TRUE(netns().waitForOperState(sw, "et2", IF_OPER_UP));
+    for (char const * i : {"et1", "et2"}) ASSERT_TRUE(netns().waitForOperState(sw, i, IF_OPER_UP));
   }
 
   // Sends `count` frames from the peer side of port `i`; extra pamsend arguments after.
@@ -242,8 +241,7 @@ TEST_F(ToolsKernelTest, PamdumpCapturesWhatTcpdumpCapturesTagsIncluded) {
 
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE("pamdump " + ::testing::PrintToString(cases[i].pamdump));
-    EXPECT_EQ(captures[2 * i]->wait(), 0) << captures[2 * i]->output();
-    EXPECT_EQ(captures[2 * i + 1]->wait(), 0) << captures[2 * i + 1]->output();
+    for (auto const & p : {captures[2 * i].get(), captures[2 * i + 1].get()}) EXPECT_EQ(p->wait(), 0) << p->output();
     auto pam = runCommand({"tcpdump", "-r", files[i] + ".pam", "-nn", "-e", "-tt", "--time-stamp-precision=nano", "-x"});
     auto tcp = runCommand({"tcpdump", "-r", files[i] + ".tcp", "-nn", "-e", "-tt", "--time-stamp-precision=nano", "-x"});
     auto const pamTimes = timesTakenOff(pam.output), tcpTimes = timesTakenOff(tcp.output);  // the kernel's, both
@@ -339,13 +337,12 @@ TEST_F(ToolsKernelTest, ProgramsEndCleanlyOnSignalsAndReportLostOutput) {
   Program plain = pamdump({"-i", "et2", "-p", "--count-only"});
   capture.readUntil("capturing on");
   plain.readUntil("capturing on");
-  EXPECT_EQ(netns().runIn(sw, "ip -d link show et1 | grep -c 'promiscuity 1'").output, "1\n");
-  EXPECT_EQ(netns().runIn(sw, "ip -d link show et2 | grep -c 'promiscuity 0'").output, "1\n");
+  EXPECT_EQ(netns().runIn(sw, "ip -d link show et1 | grep -c 'promiscuity 1'; ip -d link show et2 | grep -c 'promiscuity 0'").output,
+            "1\n1\n");
   send("1", 4);
   capture.signal(SIGHUP);
   plain.signal(SIGTERM);
-  EXPECT_EQ(capture.wait(), 0) << capture.output();
-  EXPECT_EQ(plain.wait(), 0) << plain.output();
+  for (Program * p : {&capture, &plain}) EXPECT_EQ(p->wait(), 0) << p->output();
   EXPECT_EQ(netns().runIn(sw, "ip -d link show et1 | grep -c 'promiscuity 0'").output, "1\n");
   auto const r = runCommand({"tcpdump", "-r", file, "-nn"});
   unlink(file.c_str());

@@ -68,27 +68,8 @@ namespace IntfsmTest {
 class FakePlatform {
  public:
   enum class Kind {
-    socketAt,
-    setNetlinkOperState,
-    socket,
-    bind,
-    close,
-    setsockopt,
-    getsockopt,
-    ioctl,
-    recvmsg,
-    recvmmsg,
-    sendto,
-    poll,
-    open,
-    setns,
-    lstat,
-    stat,
-    fopen,
-    mmap,
-    munmap,
-    inotify_init1,
-    inotify_add_watch,
+    socketAt, setNetlinkOperState, socket, bind, close, setsockopt, getsockopt, ioctl, recvmsg, recvmmsg, sendto,
+    poll, open, setns, lstat, stat, fopen, mmap, munmap, inotify_init1, inotify_add_watch,
   };
 
   // One call as the code under test made it. Field use by kind:
