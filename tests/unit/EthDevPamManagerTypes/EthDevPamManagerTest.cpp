@@ -294,9 +294,7 @@ TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTh
   EXPECT_EQ(L({attached(sd) == L({2, 1}), attached(tap) == L({5}), everywhere(acceptAll), state() == before}), L({1, 1, 1, 1}));
   // Sockets of their own: a refusal on one puts the old program back on those already changed.
   refuseOn = -1;
-  manager->enabledIs(false);
-  manager->perIntfSocketIs(true);
-  manager->enabledIs(true);
+  manager->enabledIs(false), manager->perIntfSocketIs(true), manager->enabledIs(true);
   manager->filterProgramIs(second);
   refuseOn = pam(2)->sd();
   EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(acceptAll); }), ENOMEM);
