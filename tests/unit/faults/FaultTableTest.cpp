@@ -525,15 +525,18 @@ std::vector<Row> rows() {
   return out;
 }
 
-// `text` with the row's {errno}, {strerror}, {sd} and {tmp}.
-std::string expanded(std::string text, int error, World const & w) {
-  std::pair<std::string, std::string> const keys[] = {
-      {"{errno}", std::to_string(error)}, {"{strerror}", std::strerror(error)}, {"{sd}", std::to_string(w.sd)},
-      {"{tmp}", w.tmp.path()}};
+// `text` with each key of `keys` replaced by its value.
+std::string replaced(std::string text, std::vector<std::pair<std::string, std::string>> const & keys) {
   for (auto const & [key, value] : keys) {
     for (size_t at; (at = text.find(key)) != std::string::npos;) text.replace(at, key.size(), value);
   }
   return text;
+}
+
+// `text` with the row's {errno}, {strerror}, {sd} and {tmp}.
+std::string expanded(std::string const & text, int error, World const & w) {
+  return replaced(text, {{"{errno}", std::to_string(error)}, {"{strerror}", std::strerror(error)}, {"{sd}", std::to_string(w.sd)},
+                         {"{tmp}", w.tmp.path()}});
 }
 
 // Whether a recorded call is the one a row fails.
@@ -558,12 +561,8 @@ std::string markdown() {
         "|---|---|---|---|---|---|---|\n";
   for (Row const & row : rows()) {
     Rows const & r = row.rows;
-    std::string trace = r.trace;
-    std::pair<std::string, std::string> const keys[] = {
-        {"{errno}", std::to_string(row.error)}, {"{strerror}", std::strerror(row.error)}, {" | ", " / "}};
-    for (auto const & [from, to] : keys) {
-      for (size_t at; (at = trace.find(from)) != std::string::npos;) trace.replace(at, from.size(), to);
-    }
+    std::string const trace =
+        replaced(r.trace, {{"{errno}", std::to_string(row.error)}, {"{strerror}", std::strerror(row.error)}, {" | ", " / "}});
     std::string const result = std::string(r.result) == "fails" ? failsWith(row.error) : r.result;
     os << "| " << r.op->path << " | " << r.op->name << " | `" << callText(r.call) << "` | " << strerrorname_np(row.error)
        << " | " << result << " | " << (trace.empty() ? "" : "`" + trace + "`") << " | " << r.sees << " |\n";
