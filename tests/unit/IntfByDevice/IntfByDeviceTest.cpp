@@ -140,9 +140,8 @@ TEST_F(IntfByDeviceTest, TracesEachStepOfAMoveIntoItsNamespace) {
   EXPECT_THAT(indexed(), IsEmpty());
   trace.clear();
   local("Ethernet1", "blue");
-  EXPECT_EQ(std::tuple(trace.count("void Interface::AllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs() notifier=Ethernet1"),
-                       indexed()),
-            std::tuple(1u, Index{{"et1", "Ethernet1"}}));
+  EXPECT_EQ(trace.count("void Interface::AllIntfDeviceNameReactor::VornIntfStatusLocal::handleDeviceNetNs() notifier=Ethernet1"), 1u);
+  EXPECT_EQ(indexed(), (Index{{"et1", "Ethernet1"}}));
   trace.clear();
   locals->intfStatusLocalDel(IntfId("Ethernet1"));
   EXPECT_THAT(traces(), ElementsAre("void Interface::AllIntfDeviceNameReactor::handleIntfStatusLocal(Ovel::IntfId) for Ethernet1",
@@ -173,7 +172,8 @@ TEST_F(IntfByDeviceTest, KeylessHandlersInsistOnAnEmptyIndexAndNullsAreRefused) 
   EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { nsisid->intfStatusIndexDirIs(nullptr); }),
             "null _intfStatusIndexDir parameter to mutator for Interface::NetNsIntfStatusIndexDir::intfStatusIndexDir not allowed\"");
   nsisid->intfStatusIndexDirIs(index);
-  EXPECT_EQ(std::tuple(nsisid->intfStatusIndexDir("default"), nsisid->intfStatusIndexDirs()), std::tuple(index, 1u));
+  EXPECT_EQ(nsisid->intfStatusIndexDir("default"), index);
+  EXPECT_EQ(nsisid->intfStatusIndexDirs(), 1u);
 }
 
 }  // namespace
