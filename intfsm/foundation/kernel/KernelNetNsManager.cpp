@@ -186,6 +186,8 @@ void Manager::deactivate() {
   inotify_ = -1;
   activationPending_ = false;
   dirWatch_ = -1;
+  watchRefused_ = 0;
+  watchRetryAt_ = Vorn::Clock::never;
   parentWatch_ = -1;
   pending_.clear();
   if (clockReactor_) clockReactor_->timeMinIs(Vorn::Clock::never);
@@ -196,14 +198,22 @@ void Manager::watchDirectory() {
   if (wd >= 0) {
     if (dirWatch_ != wd) KNNI_TRACE(5, "watching " << directory_);
     dirWatch_ = wd;
+    watchRefused_ = 0;
+    watchRetryAt_ = Vorn::Clock::never;
     return;
   }
   dirWatch_ = -1;
-  if (errno == ENOENT || errno == ENOTDIR) {
+  int const error = errno;
+  if (error == ENOENT || error == ENOTDIR) {
     KNNI_TRACE(5, directory_ << " does not exist; waiting for it in " << parent_);
-  } else {
-    KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot watch " << directory_ << ", errno: " << errno);
+    return;
   }
+  // Refused (no watches left, no memory, no access): tried again on the clock, since nothing else
+  // would ever watch the directory again; traced once per errno.
+  if (error != watchRefused_) KNNI_TRACE(0, "KernelNetNsInfo::Manager cannot watch " << directory_ << ", errno: " << error);
+  watchRefused_ = error;
+  watchRetryAt_ = Vorn::System::currentTime() + shortageRetryInterval;
+  armRetry();
 }
 
 void Manager::directoryGone() {
@@ -385,6 +395,11 @@ void Manager::handlePendingMounts() {
     return;
   }
   double const now = Vorn::System::currentTime();
+  if (inotify_ >= 0 && dirWatch_ < 0 && now >= watchRetryAt_) {
+    watchRetryAt_ = Vorn::Clock::never;
+    watchDirectory();
+    if (dirWatch_ >= 0) rescan();  // what changed while nothing watched
+  }
   std::vector<std::string> entries;
   for (auto const & [entry, giveUp] : pending_) entries.push_back(entry);
   for (std::string const & entry : entries) {
@@ -413,8 +428,12 @@ void Manager::handlePendingMounts() {
 
 void Manager::armRetry() {
   if (!clockReactor_ || activationPending_) return;
-  clockReactor_->timeMinIs(pending_.empty() || inotify_ < 0 ? Vorn::Clock::never
-                                                             : Vorn::System::currentTime() + mountRetryInterval);
+  if (inotify_ < 0) {
+    clockReactor_->timeMinIs(Vorn::Clock::never);
+    return;
+  }
+  double const mounts = pending_.empty() ? Vorn::Clock::never : Vorn::System::currentTime() + mountRetryInterval;
+  clockReactor_->timeMinIs(std::min(mounts, watchRetryAt_));
 }
 
 }  // namespace KernelNetNsInfo

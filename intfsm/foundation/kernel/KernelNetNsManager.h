@@ -18,7 +18,10 @@
 // rescans. `ip netns add` creates the file first and bind-mounts the namespace onto it afterwards, and
 // the mount makes no inotify event: an entry that is not yet a namespace mount is looked at again every
 // mountRetryInterval (5 ms) on the loop's clock, for up to mountWaitLimit (2 s); one that is still a
-// plain file then is left alone (level-0 trace) until it changes again. The parent directory (/run)
+// plain file then is left alone (level-0 trace) until it changes again. A directory watch the kernel
+// refuses (ENOSPC: no watches left, ENOMEM, EACCES) is traced at level 0 once per errno and tried again
+// every shortageRetryInterval seconds on the clock; once it holds, the directory is scanned again.
+// The parent directory (/run)
 // is watched too: while /run/netns does not exist, its creation starts the directory watch and a scan;
 // its removal drops every namespace but the default one.
 //
@@ -142,6 +145,8 @@ class Manager : public Vorn::Entity {
   uint64_t scans_ = 0;
   uint64_t malformedReads_ = 0;
   bool activationPending_ = false;
+  int watchRefused_ = 0;  // the errno of the directory watch's last refusal (traced once), 0 when none
+  double watchRetryAt_ = Vorn::Clock::never;  // when a refused directory watch is tried again
 };
 
 // A manager of `root`, not following yet; on the process's loop and /run/netns.

@@ -393,7 +393,7 @@ std::vector<Rows> const table = {
      "namespaces followed; the directory's removal and re-creation are not"},
     {&netNsWatch, {Kind::inotify_add_watch, "{tmp}/netns"}, {ENOSPC, EACCES, ENOMEM}, "ok",
      "KernelNetNsInfo::Manager cannot watch {tmp}/netns, errno: {errno}",
-     "namespaces found once, changes not followed until the directory is watched again; traced"},
+     "namespaces found once; the watch tried again every second, the directory scanned again once it holds; traced once"},
     {&pamOpen, {Kind::socketAt}, {EPERM, ENOBUFS}, "fails",
      "EthDevPam::enabled failed to create socket on et1, errno: {errno}", "not enabled; raised and traced"},
     {&pamOpen, {Kind::socketAt}, {EMFILE, ENFILE}, "fails",

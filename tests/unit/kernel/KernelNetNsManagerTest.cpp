@@ -12,11 +12,13 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <tuple>
 #include <utility>
 
 #include "intfsm/foundation/platform/Platform.h"
 #include "intfsm/foundation/vorn/Exception.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/NotificationLog.h"
 #include "tests/support/ScopedLoop.h"
 #include "tests/support/TempDir.h"
@@ -149,6 +151,28 @@ TEST_F(KernelNetNsManager, APlainFileIsLookedAtAgainUntilItsMountIsDueThenLeftAl
   ASSERT_EQ(::unlink((dir + "/red").c_str()), 0);  // removed while waiting: no longer waited for
   pass();
   EXPECT_EQ(manager->pendingMounts(), 0u);
+}
+
+// A directory watch the kernel refuses (no watches left) is traced once and tried again every second
+// until it holds; the directory is then scanned again for what came meanwhile, and followed.
+TEST_F(KernelNetNsManager, ARefusedDirectoryWatchIsTriedAgainUntilItHolds) {
+  IntfsmTest::FakePlatform fake;
+  IntfsmTest::TraceCapture trace{{"KernelNetNsInfo", 1}};
+  fake.failNext(IntfsmTest::FakePlatform::Kind::inotify_add_watch, ENOSPC, 2,
+                [&](IntfsmTest::FakePlatform::Call const & c) { return c.text == dir; });
+  start();
+  touch("blue");  // made while nothing watches the directory: only a scan finds it
+  for (int second = 0; second < 2; ++second) {
+    pass();
+    EXPECT_EQ(std::tuple(manager->directoryWatched(), manager->pendingMounts()), std::tuple(false, 0u));
+    time.advance(Manager::shortageRetryInterval);
+    pass();
+  }
+  EXPECT_EQ(std::tuple(manager->directoryWatched(), manager->pendingMounts()), std::tuple(true, 1u));
+  touch("red");  // followed now
+  pass();
+  EXPECT_EQ(manager->pendingMounts(), 2u);
+  EXPECT_THAT(trace.texts("KernelNetNsInfo", 0), ElementsAre("KernelNetNsInfo::Manager cannot watch " + dir + ", errno: 28"));
 }
 
 // Turned off, it closes its descriptor and stops waiting; turned on again, it reconciles what
