@@ -52,7 +52,12 @@ void FileDescriptor::watchEventsApply() {
   }
   if (parked_) {
     parked_ = false;
-    watchId_ = manager_->watchAdd(this, descriptor_, events);
+    try {
+      watchId_ = manager_->watchAdd(this, descriptor_, events);
+    } catch (ErrnoException const & e) {
+      if (e.errorNumber() != EBADF) throw;
+      watchId_ = 0;  // closed behind our back while out of the set: as a change of a closed watch
+    }
     return;
   }
   if (watchId_ && !manager_->watchMod(watchId_, descriptor_, events)) watchId_ = 0;  // closed behind our back

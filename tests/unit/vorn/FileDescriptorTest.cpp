@@ -197,6 +197,16 @@ TEST_F(FileDescriptorTest, ADescriptorClosedBeforeItWasClearedIsForgottenQuietly
   gone->writableWantedIs(true);  // EPOLL_CTL_MOD finds it gone
   gone->descriptorIs(-1);
   EXPECT_EQ(std::tuple(loop.watches(), loop.staleWatches()), std::tuple(1u, 2u));
+
+  // Wanting nothing, a descriptor is out of the set; closed meanwhile, wanting again is quiet.
+  Pipe third;
+  Ptr<FileDescriptor> parked = watch("parked", third.r);
+  parked->readableWantedIs(false);
+  EXPECT_EQ(loop.watches(), 1u);
+  third.closeRead();
+  parked->readableWantedIs(true);
+  parked->descriptorIs(-1);
+  EXPECT_EQ(loop.watches(), 1u);
 }
 
 }  // namespace
