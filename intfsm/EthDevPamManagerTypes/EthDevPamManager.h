@@ -123,8 +123,9 @@ struct RxRingSettings {
 };
 
 // The bundle's receive moderation as one value (see EthDevPamBundle, Receive moderation): `on`, the
-// frames one readable event must find to switch a socket to timed reads (`batch`, 1..128), and the
-// timer's period (`intervalUs`, 1..1000000 microseconds).
+// frames readiness must bring in each of two intervals running to switch a socket to timed reads
+// (`batch`, 1..128), and the interval, which is also the timer's period (`intervalUs`, 1..1000000
+// microseconds).
 struct RxModerationSettings {
   bool on = false;
   uint32_t batch = EthDevPamBundle::defaultRxModerationBatch;
