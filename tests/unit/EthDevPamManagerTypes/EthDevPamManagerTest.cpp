@@ -98,7 +98,9 @@ TEST_F(EthDevPamManagerTest, EnablingCatchesUpLendsSavedPacketsAndDisablingWithd
       watch->pam[id(i)] = pam(i);
     }
     Ptr<Ovel::EthDevPamInBundle> foreign = new Ovel::EthDevPamInBundle("et3");  // another manager's
-    foreign->sdIs(77), foreign->enabledIs(true), pams->intfPamIs(id(3), watch->pam[id(3)] = foreign);
+    foreign->sdIs(77);
+    foreign->enabledIs(true);
+    pams->intfPamIs(id(3), watch->pam[id(3)] = foreign);
     watch->notifierIs(pams);
     manager->ethDevPamEventIs(id(4));  // queued for deferred work
     manager->enabledIs(false);
@@ -294,7 +296,9 @@ TEST_F(EthDevPamManagerTest, AProgramIsTriedFirstSoThatARefusalRaisesAndLeavesTh
   EXPECT_EQ(L({attached(sd) == L({2, 1}), attached(tap) == L({5}), everywhere(acceptAll), state() == before}), L({1, 1, 1, 1}));
   // Sockets of their own: a refusal on one puts the old program back on those already changed.
   refuseOn = -1;
-  manager->enabledIs(false), manager->perIntfSocketIs(true), manager->enabledIs(true);
+  manager->enabledIs(false);
+  manager->perIntfSocketIs(true);
+  manager->enabledIs(true);
   manager->filterProgramIs(second);
   refuseOn = pam(2)->sd();
   EXPECT_EQ(thrownErrno([&] { manager->filterProgramIs(acceptAll); }), ENOMEM);

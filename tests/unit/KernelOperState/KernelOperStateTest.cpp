@@ -218,7 +218,8 @@ TEST_F(KernelOperStateTest, AReactorRemovedFromItsCollectionIsUnboundAtOnceAndNo
   dir->intfStatusIs(status("Ethernet1", "et0", Interface::intfOperUp));
   dir->intfStatusIs(st);  // rebound: the state machine's collection is unchanged
   localDir->intfStatusLocalIs(l);
-  dir->intfStatusDel(IntfId("Ethernet1")), localDir->intfStatusLocalDel(IntfId("Ethernet1"));
+  dir->intfStatusDel(IntfId("Ethernet1"));
+  localDir->intfStatusLocalDel(IntfId("Ethernet1"));
   EXPECT_THAT(w->keys, ElementsAre("status Ethernet1", "local Ethernet1", "status Ethernet1", "local Ethernet1"));
   EXPECT_EQ(st->notifiees() + l->notifiees(), 0u);  // a held reactor retired is the framework's (ReactorTest.cpp)
 }

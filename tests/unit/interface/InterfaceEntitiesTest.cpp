@@ -43,9 +43,16 @@ TEST(IntfStatus, EachAttributeNotifiesItsOwnCallbackOnChangeOnly) {
   EXPECT_EQ(s->operStatus(), intfOperNotPresent);  // nobody has reported on it yet
   Vorn::Ptr<StatusWatcher> w = new StatusWatcher;
   w->notifierIs(s);
-  s->deviceNameIs("et1"), s->operStatusIs(intfOperUp), s->operStatusIs(intfOperUp);
-  s->forwardingModelIs(forwardingModelBridged), s->activeIs(true), s->activeStatusChangesInc(2);
-  s->intfConfigIs("Ethernet1"), s->maxMtuIs(9214), s->mtuIs(1500), s->operStatusChangeInc(5);
+  s->deviceNameIs("et1");
+  s->operStatusIs(intfOperUp);
+  s->operStatusIs(intfOperUp);
+  s->forwardingModelIs(forwardingModelBridged);
+  s->activeIs(true);
+  s->activeStatusChangesInc(2);
+  s->intfConfigIs("Ethernet1");
+  s->maxMtuIs(9214);
+  s->mtuIs(1500);
+  s->operStatusChangeInc(5);
   EXPECT_THAT(w->log.take(), ElementsAre("onDeviceName", "onOperStatus", "onForwardingModel", "onActive",
                                          "onActiveStatusChanges", "onIntfConfig", "onMaxMtu", "onMtu",
                                          "onOperStatusChange"));
@@ -80,12 +87,15 @@ TEST(AllIntfStatusDir, KeyedByTheStatussIdAndNotifyingOnlyRealChanges) {
   Vorn::Ptr<DirWatcher> w = new DirWatcher;
   w->notifierIs(dir);
   auto first = intfStatusFactory(IntfId("Ethernet1")), second = intfStatusFactory(IntfId("Ethernet1"));
-  dir->intfStatusIs(first), dir->intfStatusIs(first), dir->intfStatusIs(second);
+  dir->intfStatusIs(first);
+  dir->intfStatusIs(first);
+  dir->intfStatusIs(second);
   EXPECT_EQ(dir->intfStatus(IntfId("Ethernet1")), second);
   EXPECT_EQ(first->references(), 1u);
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { dir->intfStatusIs(nullptr); }),
             "null _intfStatus parameter to mutator for Interface::AllIntfStatusDir::intfStatus not allowed\"");
-  dir->intfStatusDel(IntfId("Ethernet9")), dir->intfStatusNotify(IntfId("Ethernet7"));
+  dir->intfStatusDel(IntfId("Ethernet9"));
+  dir->intfStatusNotify(IntfId("Ethernet7"));
   EXPECT_THAT(w->take(), ElementsAre("onIntfStatusvornImmediate(0)", "onIntfStatus(Ethernet1)", "onIntfStatus(Ethernet1)",
                                      "onIntfStatus(Ethernet7)"));
   for (char const * id : {"Ethernet2", "Ethernet3", "Ethernet4"}) dir->intfStatusIs(intfStatusFactory(IntfId(id)));
@@ -112,8 +122,10 @@ TEST(AllIntfStatusLocalDir, KeyedByTheEntitysIdAndTheLocalStatusNotifiesItsNames
   EXPECT_EQ(local->netNsName().orDefault(), Ovel::NamespaceName::defaultNamespace());
   Vorn::Ptr<DirLog> w = new DirLog;
   Vorn::Ptr<LocalLog> l = new LocalLog;
-  w->notifierIs(dir), l->notifierIs(local);
-  dir->intfStatusLocalIs(local), dir->intfStatusLocalIs(local);
+  w->notifierIs(dir);
+  l->notifierIs(local);
+  dir->intfStatusLocalIs(local);
+  dir->intfStatusLocalIs(local);
   EXPECT_EQ(dir->intfStatusLocal(IntfId("Ethernet1")), local);
   EXPECT_EQ(thrownText<Vorn::RangeException>([&] { dir->intfStatusLocalIs(nullptr); }),
             "null _intfStatusLocal parameter to mutator for Interface::AllIntfStatusLocalDir::intfStatusLocal not "
@@ -155,7 +167,8 @@ TEST(DeviceIntfStatusDir, BothKeysStoreIndependentlyAndNotifyOnlyOnChange) {
   Vorn::Ptr<DeviceDirWatcher> w = new DeviceDirWatcher;
   w->notifierIs(dir);
   IntfStatusAndDeviceName const r{et1, "et1", 7};
-  dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), r), dir->intfStatusByIfIndexIs(7, r);  // any field differing: a change
+  dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), r);  // any field differing: a change
+  dir->intfStatusByIfIndexIs(7, r);
   dir->intfStatusAndDeviceNameIs(IntfId("Ethernet1"), IntfStatusAndDeviceName{et1, "et1", 7});  // equal: nothing
   dir->intfStatusByIfIndexIs(7, r);
   dir->intfStatusByIfIndexIs(3, {nullptr, "ma1", 3});  // a kernel-only record is stored as given

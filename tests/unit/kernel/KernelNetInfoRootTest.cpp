@@ -66,14 +66,16 @@ TEST(KernelNetInfoInterface, FlagsTextAndDeviceNameOfUpToSixteenBytes) {
   EXPECT_THROW(name.set("abcdefghijklmnopq"), Vorn::RangeException);
   EXPECT_EQ(name.view(), "et1");  // a refused set keeps the old text
   KernelNetInfo::DeviceName x;
-  name.set("x"), x.set("x");
+  name.set("x");
+  x.set("x");
   EXPECT_EQ(name, x);  // no leftover bytes
 }
 
 // Each change notifies each collection that changed once, with the old and the new key.
 TEST_F(KernelNetInfoRoot, EachChangeNotifiesWhatChangedAndKeepsTheCollectionsConsistent) {
   EXPECT_THAT(notified(), ElementsAre("byNameImmediate", "byIfIndexImmediate", "cacheImmediate"));  // on binding
-  root->interfaceIs(Interface(3, IFF_UP, "va0")), root->interfaceIs(Interface(3, IFF_UP, "va0"));
+  root->interfaceIs(Interface(3, IFF_UP, "va0"));
+  root->interfaceIs(Interface(3, IFF_UP, "va0"));
   EXPECT_THAT(notified(), ElementsAre("byName(va0)", "byIfIndex(3)", "cache(3)"));
   EXPECT_EQ(root->interfaceByDeviceName("va0"), Interface(3, IFF_UP, "va0"));
   root->interfaceIs(Interface(3, IFF_UP | IFF_RUNNING, "va0"));  // the name cache is left alone
@@ -87,7 +89,8 @@ TEST_F(KernelNetInfoRoot, EachChangeNotifiesWhatChangedAndKeepsTheCollectionsCon
   EXPECT_THAT(notified(), ElementsAre("byName(wan0)", "byIfIndex(3)", "cache(3)",  //
                                       "byName(wan0)", "byIfIndex(8)", "cache(8)"));
   EXPECT_THAT(devices(), ElementsAre("vb0 (ifIndex 4, flags 0x0)", "wan0 (ifIndex 8, flags 0x1)"));
-  root->interfaceDel(8), root->interfaceDel(8);
+  root->interfaceDel(8);
+  root->interfaceDel(8);
   EXPECT_THAT(notified(), ElementsAre("byName(wan0)", "byIfIndex(8)", "cache(8)"));
   for (auto [refused, why] : {std::pair(Interface(), "ifIndex 0"), {Interface(5, 0, ""), "empty deviceName"}}) {
     EXPECT_EQ(IntfsmTest::thrownText<Vorn::RangeException>([&] { root->interfaceIs(refused); }),

@@ -43,8 +43,12 @@ class PamTest : public testing::Test {
 };
 
 TEST_F(PamTest, CountersNotifyTheirOwnCallbackOncePerNonZeroIncrementAndWrapAt32Bits) {
-  pam->readableCountInc(2), pam->readableCountInc(0), pam->writableCountInc(3);
-  pam->rxErrorsInc(4), pam->txErrorsInc(5), pam->queueDropCountInc(6);
+  pam->readableCountInc(2);
+  pam->readableCountInc(0);
+  pam->writableCountInc(3);
+  pam->rxErrorsInc(4);
+  pam->txErrorsInc(5);
+  pam->queueDropCountInc(6);
   EXPECT_THAT(recorder.log.take(),
               ElementsAre("onReadableCount", "onWritableCount", "onRxErrors", "onTxErrors", "onQueueDropCount"));
   EXPECT_THAT((std::vector<uint32_t>{pam->readableCount(), pam->writableCount(), pam->rxErrors(), pam->txErrors(),
@@ -77,13 +81,17 @@ TEST_F(PamTest, AReceivedFrameIsTakenOnceAndTheNewestReplacesAnUntakenOne) {
 
 TEST_F(PamTest, SavedPacketSlots) {
   Ptr<Pkt> a = manager->newPkt();
-  pam->savedPacketIs(3, a), pam->savedPacketIs(3, a), pam->savedPacketIs(0, a);
+  pam->savedPacketIs(3, a);
+  pam->savedPacketIs(3, a);
+  pam->savedPacketIs(0, a);
   EXPECT_EQ(pam->savedPacket(3), a);
   pam->savedPacketIs(3, nullptr);  // a null packet empties the slot
   EXPECT_EQ(pam->savedPackets(), 1u);
-  pam->savedPacketRxIs(5, false), pam->savedPacketRxIs(5, true);  // stored as given: present, false
+  pam->savedPacketRxIs(5, false);  // stored as given: present, false
+  pam->savedPacketRxIs(5, true);
   EXPECT_EQ(pam->savedPacketRxs(), 1u);
-  pam->savedPacketDelAll(), pam->savedPacketRxDelAll();
+  pam->savedPacketDelAll();
+  pam->savedPacketRxDelAll();
   EXPECT_EQ(pam->savedPackets() + pam->savedPacketRxs(), 0u);
   EXPECT_THAT(recorder.log.take(), ElementsAre("onSavedPacket(3)", "onSavedPacket(0)", "onSavedPacket(3)",
                                                "onSavedPacketRx(5)", "onSavedPacketRx(5)", "onSavedPacket(0)",

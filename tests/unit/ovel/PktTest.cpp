@@ -98,7 +98,9 @@ TEST(Pkt, HeadDataBoundsAndWhenABufferIsKept) {
 TEST(Pkt, ResetGivesAFreshBufferWhileACopyHoldsTheOldOneAndReusesItOnceLetGo) {
   Ptr<PktManager> manager = PktManager::pktManagerNew(8);
   Ptr<Pkt> reader = IntfsmTest::pktOf("frame A", *manager);
-  reader->ifIndexIs(7), reader->pktTypeIs(1), reader->rxTimeIs(1764125000123456789u);
+  reader->ifIndexIs(7);
+  reader->pktTypeIs(1);
+  reader->rxTimeIs(1764125000123456789u);
   reader->newSeparateVlanTag(0x2064, 0x88a8);
   Ptr<Pkt> queued = reader->newSharedCopy();
   EXPECT_TRUE(reader->headDataShared());

@@ -72,8 +72,12 @@ TEST_F(ActivityTest, ACallRunsOnALaterPassNeverInsideTheMutatorOrItsOwnPass) {
 
 TEST_F(ActivityTest, CallsAreCoalescedPerNotifieeCallbackAndKey) {
   Ptr<Watcher> w = watcher("w"), other = watcher("other");
-  widget->levelIs(1), widget->itemIs("a", 1), widget->levelIs(2);
-  widget->itemIs("b", 5), widget->itemIs("a", 7), widget->levelIs(3);
+  widget->levelIs(1);
+  widget->itemIs("a", 1);
+  widget->levelIs(2);
+  widget->itemIs("b", 5);
+  widget->itemIs("a", 7);
+  widget->levelIs(3);
   EXPECT_EQ(act->pendingCalls(), 6u);
   EXPECT_TRUE(loop.runOnce(0));
   // Queue order of the first of each; each sees the latest value.

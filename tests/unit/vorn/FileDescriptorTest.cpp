@@ -88,16 +88,19 @@ TEST_F(FileDescriptorTest, HangUpsAndErrorsAreExceptionsCountedAfterTheData) {
   Ptr<FileDescriptor> hup = watch("hup", hungUp.r), err = watch("err", broken.w), clears = watch("clears", cleared.r);
   Ptr<FdLog> hupLog = new FdLog(hup), clearsLog = new FdLog(clears);
   clearsLog->onReadable = [&] { clears->descriptorIs(-1); };  // the rest of its counts are not raised
-  hungUp.put(), hungUp.closeWrite();
+  hungUp.put();
+  hungUp.closeWrite();
   broken.closeRead();
-  cleared.put(), cleared.closeWrite();
+  cleared.put();
+  cleared.closeWrite();
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_EQ(std::tuple(err->exceptionPendingCount(), err->writableCount()), std::tuple(1u, 0u));
   EXPECT_THAT(clearsLog->log, ElementsAre("readable 1", "descriptor -1"));
   hungUp.drain();
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_THAT(hupLog->log, ElementsAre("readable 1", "exception 1", "exception 2"));
-  hup->descriptorIs(-1), err->descriptorIs(-1);
+  hup->descriptorIs(-1);
+  err->descriptorIs(-1);
   EXPECT_FALSE(loop.runOnce(0));
 }
 
@@ -108,7 +111,8 @@ TEST_F(FileDescriptorTest, AHandlerMayDestroyAnotherReadyDescriptor) {
   // Whichever is dispatched first drops the other, reactor included.
   ra->onReadable = [&] { rb = nullptr, fdB = nullptr; };
   rb->onReadable = [&] { ra = nullptr, fdA = nullptr; };
-  a.put(), b.put();
+  a.put();
+  b.put();
   EXPECT_TRUE(loop.runOnce(0));
   EXPECT_EQ(std::tuple(loop.watches(), ra ? ra->log.size() : rb->log.size()), std::tuple(1u, 1u));
 }

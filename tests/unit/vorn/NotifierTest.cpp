@@ -33,8 +33,10 @@ TEST(Notifier, StoringTheCurrentValueNotifiesNobody) {
   Ptr<WidgetRecorder> r = new WidgetRecorder(w);
   r->log.clear();
   w->levelIs(0);
-  w->itemIs("a", 0), w->itemIs("a", 0);  // absent key set to the zero value is still an insertion
-  w->levelIs(3), w->levelIs(3);
+  w->itemIs("a", 0);  // absent key set to the zero value is still an insertion
+  w->itemIs("a", 0);
+  w->levelIs(3);
+  w->levelIs(3);
   EXPECT_EQ(r->log, (std::vector<std::string>{"item:a", "level=3"}));
 }
 
@@ -48,7 +50,8 @@ TEST(Notifier, BindingDeliversTheWholeCollectionNotificationOnce) {
 
   auto other = Widget::widgetNew("other");
   r->notifierIs(other);  // rebinding replaces the binding
-  w->levelIs(1), other->levelIs(2);
+  w->levelIs(1);
+  other->levelIs(2);
   EXPECT_EQ(r->log, (std::vector<std::string>{"items*", "items*", "level=2"}));
   EXPECT_EQ(w->notifiees(), 0u);
 }
