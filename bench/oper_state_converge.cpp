@@ -41,6 +41,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <mutex>
 #include <random>
 #include <string>
@@ -48,6 +49,7 @@
 #include <vector>
 
 #include "bench/BenchNamespace.h"
+#include "bench/NetlinkAck.h"
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/foundation/ovel/SocketAt.h"
 #include "intfsm/foundation/vorn/ActivityManager.h"
@@ -134,17 +136,9 @@ class Rtnl {
     std::memcpy(RTA_DATA(name), device.c_str(), device.size() + 1);
     request.header.nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(name->rta_len);
     if (send(sd_, &request, request.header.nlmsg_len, 0) < 0) fail("send: " + std::string(std::strerror(errno)));
-    for (;;) {
-      ssize_t const n = recv(sd_, buffer_, sizeof buffer_, 0);
-      if (n < 0) fail("recv: " + std::string(std::strerror(errno)));
-      int left = static_cast<int>(n);
-      for (auto const * h = reinterpret_cast<nlmsghdr const *>(buffer_); NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
-        if (h->nlmsg_seq != seq_ || h->nlmsg_type != NLMSG_ERROR) continue;
-        int const error = static_cast<nlmsgerr const *>(NLMSG_DATA(h))->error;
-        if (error != 0) fail("setting " + device + " up/down: " + std::strerror(-error));
-        return;
-      }
-    }
+    std::optional<int> const error = Bench::netlinkAck(sd_, seq_, buffer_, sizeof buffer_);
+    if (!error) fail("recv: " + std::string(std::strerror(errno)));
+    if (*error != 0) fail("setting " + device + " up/down: " + std::strerror(-*error));
   }
 
   // Device name -> (ifindex, operstate).

@@ -68,11 +68,13 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "bench/NetlinkAck.h"
 #include "intfsm/EthDevPamManagerTypes/EthDevPamManagerTypes.h"
 #include "intfsm/KernelOperState/Root.h"
 #include "intfsm/KniIntfStatusManager/KniIntfStatusManager.h"
@@ -251,17 +253,9 @@ class BareSetter {
     *static_cast<uint8_t *>(RTA_DATA(state)) = static_cast<uint8_t>(operState);
     request.header.nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(name->rta_len) + RTA_ALIGN(state->rta_len);
     if (send(sd_, &request, request.header.nlmsg_len, 0) < 0) fail("send: " + std::string(std::strerror(errno)));
-    for (;;) {
-      ssize_t const n = recv(sd_, answer_, sizeof answer_, 0);
-      if (n < 0) fail("recv: " + std::string(std::strerror(errno)));
-      int left = static_cast<int>(n);
-      for (auto const * h = reinterpret_cast<nlmsghdr const *>(answer_); NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
-        if (h->nlmsg_seq != seq_ || h->nlmsg_type != NLMSG_ERROR) continue;
-        int const error = static_cast<nlmsgerr const *>(NLMSG_DATA(h))->error;
-        if (error != 0) fail("the kernel refused operstate of " + device + ": " + std::strerror(-error));
-        return;
-      }
-    }
+    std::optional<int> const error = Bench::netlinkAck(sd_, seq_, answer_, sizeof answer_);
+    if (!error) fail("recv: " + std::string(std::strerror(errno)));
+    if (*error != 0) fail("the kernel refused operstate of " + device + ": " + std::strerror(-*error));
   }
 
  private:
